@@ -1,0 +1,27 @@
+// Reading and atomically replacing this program's own small files (settings, summaries, caches,
+// stand-in records). A write goes to a fresh temporary file beside the target, is flushed, and is
+// renamed over it, so a reader sees the old file or the new one, never a torn one. The target's
+// folder is opened without following a link at its last component, and the temporary file is never
+// a link. Free functions; safe from several threads for different files.
+#pragma once
+#include <expected>
+#include <filesystem>
+#include <string>
+#include <string_view>
+#include <sys/types.h>
+
+namespace vantle {
+
+// The error is the system's description (systemErrorText).
+std::expected<void, std::string> writeFileAtomically(const std::filesystem::path& file, std::string_view bytes,
+                                                     mode_t mode = 0644);
+
+// Makes the folder with its missing parents (mode for the ones it makes), then writes atomically.
+std::expected<void, std::string> writeFileAtomicallyMakingFolder(const std::filesystem::path& file,
+                                                                 std::string_view bytes, mode_t mode = 0644);
+
+// The whole file; the error is the errno of the failing call.
+std::expected<std::string, int> readWholeFile(const std::filesystem::path& file);
+std::expected<std::string, int> readWholeFd(int fd);
+
+} // namespace vantle

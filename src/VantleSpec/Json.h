@@ -1,0 +1,139 @@
+// JSON coding for every record: keys are the field names in declaration order (ordered_json), an
+// absent optional is a missing key, dates are ISO 8601 UTC with milliseconds, enumerations are their
+// case names. Records declare their coding with VANTLE_RECORD_JSON and enumerations with
+// VANTLE_ENUM_NAMES beside their definition. Decoding never throws across the interface: decodeJson
+// turns a malformed text into an error value.
+#pragma once
+#include "VantleSpec/Time.h"
+
+#include <nlohmann/json.hpp>
+
+#include <array>
+#include <expected>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <type_traits>
+
+namespace vantle {
+
+using Json = nlohmann::ordered_json;
+
+// An enumeration with names: `constexpr auto enumNames(E)` found by lookup returns its case names in
+// declaration order, and the cases are 0..N-1.
+template <class E>
+concept NamedEnum = std::is_enum_v<E> && requires(E e) { enumNames(e); };
+
+template <NamedEnum E> constexpr std::string_view nameOf(E e) {
+    auto names = enumNames(E{});
+    auto i = static_cast<size_t>(e);
+    return i < names.size() ? names[i] : std::string_view{};
+}
+
+template <NamedEnum E> constexpr std::optional<E> enumFromName(std::string_view name) {
+    auto names = enumNames(E{});
+    for (size_t i = 0; i < names.size(); ++i)
+        if (names[i] == name) return static_cast<E>(i);
+    return std::nullopt;
+}
+
+template <NamedEnum E> constexpr auto allCases() {
+    constexpr auto n = enumNames(E{}).size();
+    std::array<E, n> out{};
+    for (size_t i = 0; i < n; ++i) out[i] = static_cast<E>(i);
+    return out;
+}
+
+namespace json_detail {
+template <class T> struct IsOptional : std::false_type {};
+template <class T> struct IsOptional<std::optional<T>> : std::true_type {};
+
+template <class T> void put(Json& j, const char* key, const T& value) {
+    if constexpr (IsOptional<T>::value) {
+        if (value) j[key] = *value;
+    } else {
+        j[key] = value;
+    }
+}
+
+template <class T> void get(const Json& j, const char* key, T& value) {
+    if constexpr (IsOptional<T>::value) {
+        auto it = j.find(key);
+        if (it == j.end() || it->is_null())
+            value.reset();
+        else
+            value = it->template get<typename T::value_type>();
+    } else {
+        value = j.at(key).template get<T>();
+    }
+}
+} // namespace json_detail
+
+#define VANTLE_JSON_PUT_FIELD(field) ::vantle::json_detail::put(j, #field, v.field);
+#define VANTLE_JSON_GET_FIELD(field) ::vantle::json_detail::get(j, #field, v.field);
+
+// Defines to_json/from_json for a record; list every field, in declaration order. Use in the
+// record's namespace (vantle), after the record.
+#define VANTLE_RECORD_JSON(Type, ...)                                                                        \
+    inline void to_json(::vantle::Json& j, const Type& v) {                                                  \
+        j = ::vantle::Json::object();                                                                        \
+        NLOHMANN_JSON_EXPAND(NLOHMANN_JSON_PASTE(VANTLE_JSON_PUT_FIELD, __VA_ARGS__))                        \
+    }                                                                                                        \
+    inline void from_json(const ::vantle::Json& j, Type& v) {                                                \
+        NLOHMANN_JSON_EXPAND(NLOHMANN_JSON_PASTE(VANTLE_JSON_GET_FIELD, __VA_ARGS__))                        \
+    }
+
+// Names an enumeration's cases, in declaration order; the names are also its JSON form.
+#define VANTLE_ENUM_NAMES(Type, ...)                                                                         \
+    constexpr auto enumNames(Type) { return std::to_array<std::string_view>({__VA_ARGS__}); }
+
+// Encodes a record as compact JSON text (one line), or pretty with `indent` >= 0.
+template <class T> std::string encodeJson(const T& value, int indent = -1) {
+    Json j = value;
+    return j.dump(indent, ' ', false, Json::error_handler_t::replace);
+}
+
+// Decodes JSON text into a record; a malformed text, a wrong type or a missing field is an error
+// sentence, never an exception.
+template <class T> std::expected<T, std::string> decodeJson(std::string_view text) {
+    try {
+        return Json::parse(text).template get<T>();
+    } catch (const std::exception& e) {
+        return std::unexpected(std::string(e.what()));
+    }
+}
+
+template <class T> std::expected<T, std::string> decodeJsonValue(const Json& j) {
+    try {
+        return j.template get<T>();
+    } catch (const std::exception& e) {
+        return std::unexpected(std::string(e.what()));
+    }
+}
+
+} // namespace vantle
+
+namespace nlohmann {
+
+template <> struct adl_serializer<vantle::TimePoint> {
+    static void to_json(vantle::Json& j, const vantle::TimePoint& at) { j = vantle::isoDate(at); }
+    template <class BasicJson> static void from_json(const BasicJson& j, vantle::TimePoint& at) {
+        const auto& text = j.template get_ref<const typename BasicJson::string_t&>();
+        auto parsed = vantle::parseIsoDate(text);
+        if (!parsed) throw std::invalid_argument("not a date: " + text);
+        at = *parsed;
+    }
+};
+
+template <vantle::NamedEnum E> struct adl_serializer<E> {
+    template <class BasicJson> static void to_json(BasicJson& j, E e) { j = std::string(vantle::nameOf(e)); }
+    template <class BasicJson> static void from_json(const BasicJson& j, E& e) {
+        const auto& text = j.template get_ref<const typename BasicJson::string_t&>();
+        auto parsed = vantle::enumFromName<E>(text);
+        if (!parsed) throw std::invalid_argument("not a known value: " + text);
+        e = *parsed;
+    }
+};
+
+} // namespace nlohmann

@@ -1,0 +1,74 @@
+#include "VantleSpec/Time.h"
+
+#include <cstdio>
+#include <ctime>
+
+namespace vantle {
+
+std::string isoDate(TimePoint at) {
+    using namespace std::chrono;
+    auto ms = time_point_cast<milliseconds>(at);
+    auto days = floor<std::chrono::days>(ms);
+    year_month_day ymd{days};
+    hh_mm_ss<milliseconds> tod{ms - days};
+    char buf[40];
+    std::snprintf(buf, sizeof buf, "%04d-%02u-%02uT%02d:%02d:%02d.%03dZ", int(ymd.year()), unsigned(ymd.month()),
+                  unsigned(ymd.day()), int(tod.hours().count()), int(tod.minutes().count()),
+                  int(tod.seconds().count()), int(tod.subseconds().count()));
+    return buf;
+}
+
+namespace {
+bool digits(std::string_view s, size_t pos, size_t n, int& out) {
+    if (pos + n > s.size()) return false;
+    int v = 0;
+    for (size_t i = pos; i < pos + n; ++i) {
+        if (s[i] < '0' || s[i] > '9') return false;
+        v = v * 10 + (s[i] - '0');
+    }
+    out = v;
+    return true;
+}
+} // namespace
+
+std::optional<TimePoint> parseIsoDate(std::string_view s) {
+    using namespace std::chrono;
+    int y, mo, d, h, mi, se;
+    if (!digits(s, 0, 4, y) || s.size() < 19 || s[4] != '-' || !digits(s, 5, 2, mo) || s[7] != '-' ||
+        !digits(s, 8, 2, d) || (s[10] != 'T' && s[10] != 't' && s[10] != ' ') || !digits(s, 11, 2, h) ||
+        s[13] != ':' || !digits(s, 14, 2, mi) || s[16] != ':' || !digits(s, 17, 2, se))
+        return std::nullopt;
+    year_month_day ymd{year{y}, month{unsigned(mo)}, day{unsigned(d)}};
+    if (!ymd.ok() || h > 23 || mi > 59 || se > 60) return std::nullopt;
+    size_t pos = 19;
+    nanoseconds fraction{0};
+    if (pos < s.size() && s[pos] == '.') {
+        ++pos;
+        size_t start = pos;
+        long long scale = 100'000'000, ns = 0;
+        while (pos < s.size() && s[pos] >= '0' && s[pos] <= '9') {
+            ns += (s[pos] - '0') * scale;
+            scale /= 10;
+            ++pos;
+        }
+        if (pos == start) return std::nullopt;
+        fraction = nanoseconds{ns};
+    }
+    minutes offset{0};
+    if (pos < s.size() && (s[pos] == 'Z' || s[pos] == 'z')) {
+        ++pos;
+    } else if (pos < s.size() && (s[pos] == '+' || s[pos] == '-')) {
+        int oh, om;
+        if (!digits(s, pos + 1, 2, oh) || pos + 3 >= s.size() || s[pos + 3] != ':' || !digits(s, pos + 4, 2, om))
+            return std::nullopt;
+        offset = minutes{oh * 60 + om} * (s[pos] == '-' ? -1 : 1);
+        pos += 6;
+    } else {
+        return std::nullopt;
+    }
+    if (pos != s.size()) return std::nullopt;
+    auto t = sys_days{ymd} + hours{h} + minutes{mi} + seconds{se} + fraction - offset;
+    return time_point_cast<TimePoint::duration>(t);
+}
+
+} // namespace vantle

@@ -1,0 +1,65 @@
+// What every `vantle` command shares: the global -sandbox choice, start-up on first use, and the
+// ways of answering (text, --json, a progress line on a terminal, a sentence on stderr). Used from
+// the main thread only.
+#pragma once
+#include "VantleLiteLive/VantleLite.h"
+#include "VantleSpec/CancelFlag.h"
+#include "VantleSpec/Json.h"
+
+#include <CLI/CLI.hpp>
+
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace vantle::cli {
+
+// Exit codes: 0 done, 1 the program refused or failed (sentence on stderr), 2 a usage error.
+inline constexpr int exitRefused = 1;
+
+class CliContext {
+  public:
+    explicit CliContext(VantleLite::Options options) : options_(std::move(options)) {}
+
+    // Runs the start-up sequence once; on failure prints its sentence and gives nullptr.
+    VantleLite* live();
+    const VantleLite::Options& options() const { return options_; }
+
+    int exitCode = 0;
+    // Sets exitCode to 1 and prints the sentence on stderr.
+    void refuse(const std::string& sentence);
+
+  private:
+    VantleLite::Options options_;
+    std::optional<VantleLite> live_;
+    bool tried_ = false;
+};
+
+void printJson(const Json& value);
+bool stderrIsTerminal();
+
+// A single progress line on stderr, rewritten in place; silent when stderr is not a terminal.
+class ProgressLine {
+  public:
+    ProgressLine();
+    ~ProgressLine();
+    void show(const std::string& text);
+    void clear();
+
+  private:
+    bool enabled_;
+    bool shown_ = false;
+};
+
+// Installs a SIGINT handler that sets `flag` instead of killing the process, so long work stops
+// cleanly between folders; the previous handler comes back when the guard ends.
+class InterruptGuard {
+  public:
+    explicit InterruptGuard(CancelFlag& flag);
+    ~InterruptGuard();
+
+  private:
+    void (*previous_)(int) = nullptr;
+};
+
+} // namespace vantle::cli
