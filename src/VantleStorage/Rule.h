@@ -100,8 +100,8 @@ struct Rule {
     FreeMethod method = FreeMethod::show;
     std::optional<std::string> instruction; // the owner's own way to clear it; present for `ownersTool` only
     ScanDepth depth = ScanDepth::rules;
-    std::optional<std::string> cost; // "Cargo restores on the next build"; absent where nothing is freed
-    bool comesBack = true;           // whether its owner makes again what is freed
+    std::optional<std::string> cost;  // "Cargo restores on the next build"; absent where nothing is freed
+    bool comesBack = true;            // whether its owner makes again what is freed
     bool takesUnknownFolders = false; // whether a wildcard may take folders of an owner nobody knows
 
     // True exactly for rules anchored at home that are class A freed by `remove`, or class B set aside

@@ -115,8 +115,8 @@ class RuleMatcher {
     };
 
     struct Step {
-        std::optional<std::size_t> rule;  // index into the table of the rule this entry is an item of
-        std::optional<Place> inside;      // where the walk stands inside this entry, if it must go in
+        std::optional<std::size_t> rule; // index into the table of the rule this entry is an item of
+        std::optional<Place> inside;     // where the walk stands inside this entry, if it must go in
     };
 
     RuleMatcher(const RuleTable& table, Anchor anchor, RuleSelection selection);
