@@ -1,0 +1,167 @@
+#include "ScannerTestSupport.h"
+#include "support/TempDir.h"
+
+#include "Platform/BeneathOpen.h"
+#include "VantleStorage/TreeSizer.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <fcntl.h>
+#include <string>
+#include <sys/stat.h>
+
+using namespace vantle;
+using vantle::testing::TempDir;
+
+namespace {
+
+// Sizes `rel` inside the temporary folder, as a scan sizes one item.
+Tally measure(const TempDir& dir, const std::string& rel, ScanLedger& ledger) {
+    auto parent = openFolder((dir / rel).parent_path());
+    EXPECT_TRUE(parent.has_value());
+    auto name = std::filesystem::path(rel).filename().string();
+    return TreeSizer::measureFolder(ledger, parent->get(), name, (dir / rel).string());
+}
+
+Tally measure(const TempDir& dir, const std::string& rel) {
+    CancelFlag cancel;
+    ScanLedger ledger(cancel);
+    return measure(dir, rel, ledger);
+}
+
+std::string big(std::size_t n) {
+    return std::string(n, 'x');
+}
+
+} // namespace
+
+TEST(TreeSizer, CountsFilesFoldersAndTheSpaceTheyTake) {
+    TempDir dir;
+    auto a = dir.write("cache/a.bin", big(10'000));
+    auto b = dir.write("cache/deep/er/b.bin", big(30'000));
+    dir.mkdir("cache/empty");
+
+    Tally t = measure(dir, "cache");
+    EXPECT_EQ(t.files, 2);
+    EXPECT_EQ(t.folders, 4); // cache, deep, er, empty
+    EXPECT_EQ(t.links, 0);
+    EXPECT_EQ(t.logicalBytes, 40'000);
+    EXPECT_EQ(t.allocatedBytes, vantle::testing::allocatedBytesOf(a) + vantle::testing::allocatedBytesOf(b));
+    EXPECT_EQ(t.reclaimableBytes, t.allocatedBytes);
+    EXPECT_EQ(t.pinnedBytes, 0);
+    EXPECT_FALSE(t.isPartial());
+}
+
+TEST(TreeSizer, ALinkCountsAsALinkWithNoSizeAndIsNeverFollowed) {
+    TempDir dir;
+    auto outside = dir.write("outside/huge.bin", big(200'000));
+    dir.mkdir("outside/folder");
+    dir.write("outside/folder/more.bin", big(100'000));
+    auto own = dir.write("cache/own.bin", big(5'000));
+    std::filesystem::create_symlink(outside, dir / "cache/to-file");
+    std::filesystem::create_directory_symlink(dir / "outside/folder", dir / "cache/to-folder");
+
+    Tally t = measure(dir, "cache");
+    EXPECT_EQ(t.links, 2);
+    EXPECT_EQ(t.files, 1);
+    EXPECT_EQ(t.folders, 1);
+    EXPECT_EQ(t.logicalBytes, 5'000);
+    EXPECT_EQ(t.allocatedBytes, vantle::testing::allocatedBytesOf(own));
+}
+
+TEST(TreeSizer, AHardLinkedFileIsCountedOnceAcrossItemsOfOneScan) {
+    TempDir dir;
+    auto shared = dir.write("first/shared.bin", big(50'000));
+    std::filesystem::create_directories(dir / "second");
+    std::filesystem::create_hard_link(shared, dir / "second/shared-again.bin");
+    auto blocks = vantle::testing::allocatedBytesOf(shared);
+
+    CancelFlag cancel;
+    ScanLedger ledger(cancel);
+    Tally first = measure(dir, "first", ledger);
+    Tally second = measure(dir, "second", ledger);
+    EXPECT_EQ(first.files + second.files, 2);                        // both names are seen...
+    EXPECT_EQ(first.allocatedBytes + second.allocatedBytes, blocks); // ...the blocks once
+    EXPECT_EQ(first.logicalBytes + second.logicalBytes, 50'000);
+    // Deleting one name would not free what the other name keeps.
+    EXPECT_EQ(first.pinnedBytes + second.pinnedBytes, blocks);
+    EXPECT_EQ(first.reclaimableBytes + second.reclaimableBytes, 0);
+
+    // A new scan has its own ledger and counts the file again.
+    Tally again = measure(dir, "second");
+    EXPECT_EQ(again.allocatedBytes, blocks);
+}
+
+TEST(TreeSizer, NotesSocketsLoginsAndTheNewestWrite) {
+    TempDir dir;
+    dir.write("tool/.cargo/credentials.toml", "token = 1");
+    dir.write("tool/nested/credentials.json", "{}");
+    dir.write("tool/token", "not under huggingface, so an ordinary name");
+    dir.write("tool/nested/new.txt", "new");
+    ASSERT_TRUE(vantle::testing::bindSocket(dir / "tool/agent.sock"));
+    auto setTime = [&](const char* rel, time_t at) {
+        timespec times[2] = {{at, 0}, {at, 0}};
+        ASSERT_EQ(::utimensat(AT_FDCWD, (dir / rel).c_str(), times, AT_SYMLINK_NOFOLLOW), 0) << rel;
+    };
+    for (auto rel : {"tool/.cargo/credentials.toml", "tool/nested/credentials.json", "tool/token"})
+        setTime(rel, 1'000'000'000);
+    setTime("tool/nested/new.txt", 1'600'000'000);
+    // A folder's change is not a write to a file.
+    setTime("tool/nested", 1'700'000'000);
+
+    Tally t = measure(dir, "tool");
+    EXPECT_EQ(t.meetingPoints, 1);
+    std::ranges::sort(t.keepsakes);
+    EXPECT_EQ(t.keepsakes,
+              (std::vector<std::string>{"tool/.cargo/credentials.toml", "tool/nested/credentials.json"}));
+    EXPECT_EQ(t.newestWrite, std::chrono::system_clock::from_time_t(1'600'000'000));
+    ASSERT_TRUE(t.newestFolderChange);
+    EXPECT_GE(*t.newestFolderChange, std::chrono::system_clock::from_time_t(1'700'000'000));
+}
+
+TEST(TreeSizer, AnotherDiskInsideIsListedAndNotEntered) {
+    TempDir dir;
+    auto own = dir.write("cache/own.bin", big(8'000));
+    vantle::testing::TmpfsMount attached(dir / "cache/attached");
+    if (!attached.mounted())
+        GTEST_SKIP() << "mounting a tmpfs needs root; the other-disk case is not exercised";
+    dir.write("cache/attached/inside.bin", big(500'000));
+
+    Tally t = measure(dir, "cache");
+    EXPECT_EQ(t.mountPoints, std::vector<std::string>{(dir / "cache/attached").string()});
+    EXPECT_EQ(t.files, 1);
+    EXPECT_EQ(t.allocatedBytes, vantle::testing::allocatedBytesOf(own));
+    EXPECT_TRUE(t.isPartial());
+}
+
+TEST(TreeSizer, AFolderRefusedByPermissionsIsRecordedAndTheRestCounted) {
+    TempDir dir;
+    auto readable = dir.write("cache/readable.bin", big(4'000));
+    dir.write("cache/locked/secret.bin", big(90'000));
+    std::filesystem::permissions(dir / "cache/locked", std::filesystem::perms::none);
+
+    Tally t;
+    {
+        vantle::testing::AsOrdinaryUser user(dir.path());
+        t = measure(dir, "cache");
+    }
+    EXPECT_EQ(t.ownershipRefusals, 1);
+    EXPECT_EQ(t.privacyRefusals, 0);
+    EXPECT_EQ(t.refusedSamples, std::vector<std::string>{(dir / "cache/locked").string()});
+    EXPECT_EQ(t.files, 1);
+    EXPECT_EQ(t.allocatedBytes, vantle::testing::allocatedBytesOf(readable));
+    EXPECT_TRUE(t.isPartial());
+}
+
+TEST(TreeSizer, StopsBetweenFoldersOnceCancelled) {
+    TempDir dir;
+    for (int i = 0; i < 50; ++i)
+        dir.write("cache/f" + std::to_string(i) + "/x.bin", "x");
+    CancelFlag cancel;
+    cancel.cancel();
+    ScanLedger ledger(cancel);
+    Tally t = measure(dir, "cache", ledger);
+    EXPECT_EQ(t.files, 0);
+    EXPECT_EQ(ledger.entriesSeen(), 0);
+}
