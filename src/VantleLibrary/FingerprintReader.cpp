@@ -1,0 +1,142 @@
+#include "VantleLibrary/FingerprintReader.h"
+
+#include "Platform/UniqueFd.h"
+
+#include <openssl/evp.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+namespace vantle {
+
+namespace {
+
+std::int64_t nanoseconds(const struct statx_timestamp& t) {
+    return static_cast<std::int64_t>(t.tv_sec) * 1'000'000'000 + t.tv_nsec;
+}
+
+std::optional<FileStatus> statusAt(int dirFd, const char* path, int flags) {
+    struct statx sx {};
+    if (::statx(dirFd, path, flags | AT_SYMLINK_NOFOLLOW | AT_STATX_SYNC_AS_STAT,
+                STATX_BASIC_STATS | STATX_BTIME, &sx) != 0)
+        return std::nullopt;
+    FileStatus s;
+    s.isRegular = S_ISREG(sx.stx_mode);
+    s.number = {static_cast<std::int32_t>(makedev(sx.stx_dev_major, sx.stx_dev_minor)), sx.stx_ino};
+    s.size = static_cast<std::int64_t>(sx.stx_size);
+    s.allocated = static_cast<std::int64_t>(sx.stx_blocks) * 512;
+    s.modified = nanoseconds(sx.stx_mtime);
+    if (sx.stx_mask & STATX_BTIME) s.born = nanoseconds(sx.stx_btime);
+    s.links = sx.stx_nlink;
+    return s;
+}
+
+// Reads exactly `length` bytes at `offset`, or fails (a short read means the file shrank).
+bool readFully(int fd, std::uint8_t* into, std::int64_t length, std::int64_t offset) {
+    std::int64_t done = 0;
+    while (done < length) {
+        auto n = ::pread(fd, into + done, static_cast<size_t>(length - done), offset + done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        done += n;
+    }
+    return true;
+}
+
+} // namespace
+
+std::optional<FileStatus> fileStatus(const std::filesystem::path& path) {
+    return statusAt(AT_FDCWD, path.c_str(), 0);
+}
+
+std::optional<FileStatus> fileStatus(int fd) {
+    return statusAt(fd, "", AT_EMPTY_PATH);
+}
+
+std::vector<ByteRange> sampleRanges(std::int64_t size) {
+    auto slice = std::min(size, sampleSliceBytes);
+    auto middle = std::max<std::int64_t>(0, size / 2 - sampleSliceBytes / 2);
+    return {{0, slice},
+            {middle, std::min(size - middle, sampleSliceBytes)},
+            {std::max<std::int64_t>(0, size - sampleSliceBytes), slice}};
+}
+
+// One SHA-256 context and the fetched algorithm, kept for the reader's life so each file costs one
+// initialisation rather than a fresh allocation and algorithm look-up.
+struct FingerprintReader::Digester {
+    EVP_MD* sha256 = EVP_MD_fetch(nullptr, "SHA256", nullptr);
+    EVP_MD_CTX* context = EVP_MD_CTX_new();
+    ~Digester() {
+        EVP_MD_CTX_free(context);
+        EVP_MD_free(sha256);
+    }
+};
+
+FingerprintReader::FingerprintReader(Clock clock, TimePoint deadline, const CancelFlag* cancel)
+    : clock_(std::move(clock)), deadline_(deadline), cancel_(cancel),
+      buffer_(std::make_unique<std::uint8_t[]>(fullChunkBytes)), digester_(std::make_unique<Digester>()) {}
+
+FingerprintReader::~FingerprintReader() = default;
+
+std::expected<Digest, FingerprintReader::Miss>
+FingerprintReader::hash(const std::filesystem::path& path, const Expected& expected, HashMode mode) {
+    // Linux has no cloud placeholder files, so there is no download to hold back while reading.
+    // O_NONBLOCK keeps a fifo swapped in under the name from blocking the open; O_NOATIME keeps
+    // hashing from making a file look recently opened, where we own it and may ask for that.
+    int flags = O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK;
+    UniqueFd fd(::open(path.c_str(), flags | O_NOATIME));
+    if (!fd && errno == EPERM) fd.reset(::open(path.c_str(), flags));
+    if (!fd) return std::unexpected(Miss::unopenable);
+
+    auto before = fileStatus(fd.get());
+    if (!before || !before->isRegular) return std::unexpected(Miss::notRegular);
+    if (before->number != expected.number || before->size != expected.size ||
+        before->modified != expected.modified)
+        return std::unexpected(Miss::changedBefore);
+
+    std::vector<ByteRange> ranges;
+    if (mode == HashMode::sample) {
+        ranges = sampleRanges(expected.size);
+    } else {
+        ::posix_fadvise(fd.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
+        for (std::int64_t at = 0; at < expected.size; at += fullChunkBytes)
+            ranges.push_back({at, std::min(fullChunkBytes, expected.size - at)});
+    }
+
+    auto* context = digester_->context;
+    EVP_DigestInit_ex(context, digester_->sha256 ? digester_->sha256 : EVP_sha256(), nullptr);
+    std::optional<Miss> miss;
+    for (size_t i = 0; i < ranges.size() && !miss; ++i) {
+        if (mode == HashMode::full && (i + 1) % chunksBetweenDeadlineChecks == 0) {
+            if (cancel_ && cancel_->isCancelled())
+                miss = Miss::cancelled;
+            else if (clock_() > deadline_)
+                miss = Miss::pastDeadline;
+            if (miss) break;
+        }
+        auto [offset, length] = ranges[i];
+        if (!readFully(fd.get(), buffer_.get(), length, offset)) {
+            miss = Miss::shortRead;
+            break;
+        }
+        bytesRead_ += length;
+        EVP_DigestUpdate(context, buffer_.get(), static_cast<size_t>(length));
+        if (afterEachRead_) afterEachRead_(fd.get());
+    }
+    // What was read once for hashing is not worth keeping in memory at the cost of other files.
+    if (mode == HashMode::full) ::posix_fadvise(fd.get(), 0, 0, POSIX_FADV_DONTNEED);
+    Digest digest{};
+    EVP_DigestFinal_ex(context, digest.data(), nullptr);
+    if (miss) return std::unexpected(*miss);
+
+    auto after = fileStatus(fd.get());
+    if (!after || after->size != before->size || after->modified != before->modified)
+        return std::unexpected(Miss::changedDuring);
+    return digest;
+}
+
+} // namespace vantle

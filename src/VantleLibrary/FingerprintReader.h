@@ -1,0 +1,98 @@
+// Hashes one file's contents with SHA-256, either a sample of three small slices or the whole file,
+// and only while the file is still the one a candidate record described (same identity, size and
+// modification time before and after the read). Owns one reused 1 MiB buffer and one digest context:
+// use one reader per thread. Results are values; nothing is kept beyond the reader.
+#pragma once
+#include "VantleLibrary/Fingerprint.h"
+#include "VantleSpec/CancelFlag.h"
+#include "VantleSpec/Time.h"
+
+#include <cstdint>
+#include <expected>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <vector>
+
+namespace vantle {
+
+enum class HashMode { sample, full };
+
+struct ByteRange {
+    std::int64_t offset = 0;
+    std::int64_t length = 0;
+    bool operator==(const ByteRange&) const = default;
+};
+
+inline constexpr std::int64_t sampleSliceBytes = 16'384;
+inline constexpr std::int64_t fullChunkBytes = 1'048'576;
+// A whole-file read looks at the clock before every this-many-th chunk.
+inline constexpr std::int64_t chunksBetweenDeadlineChecks = 64;
+
+// What a candidate record and the checks around each read are both made from (statx, never
+// following a final link), so that they compare like with like.
+struct FileStatus {
+    bool isRegular = false;
+    FileNumber number;
+    std::int64_t size = 0;
+    std::int64_t allocated = 0;
+    std::int64_t modified = 0;        // nanoseconds since the epoch
+    std::optional<std::int64_t> born; // nanoseconds since the epoch, where the file system keeps it
+    std::uint32_t links = 0;
+};
+std::optional<FileStatus> fileStatus(const std::filesystem::path& path);
+std::optional<FileStatus> fileStatus(int fd);
+
+// Head, middle and tail slices, always three, overlapping (even identical) for small files so that
+// every size has one well-defined sample.
+std::vector<ByteRange> sampleRanges(std::int64_t size);
+
+class FingerprintReader {
+  public:
+    // What the file must still be for its hash to count.
+    struct Expected {
+        FileNumber number;
+        std::int64_t size = 0;
+        std::int64_t modified = 0; // nanoseconds since the epoch
+    };
+
+    // Why there is no hash. Only pastDeadline and cancelled stop a scan; the others drop the file.
+    enum class Miss {
+        unopenable,
+        notRegular,
+        changedBefore,
+        shortRead,
+        changedDuring,
+        pastDeadline,
+        cancelled
+    };
+
+    // `cancel` may be null; it must outlive the reader.
+    FingerprintReader(Clock clock, TimePoint deadline, const CancelFlag* cancel = nullptr);
+    ~FingerprintReader();
+    FingerprintReader(const FingerprintReader&) = delete;
+    FingerprintReader& operator=(const FingerprintReader&) = delete;
+
+    std::expected<Digest, Miss> hash(const std::filesystem::path& path, const Expected& expected,
+                                     HashMode mode);
+
+    // Bytes read by every hash so far.
+    std::int64_t bytesRead() const { return bytesRead_; }
+
+    // Called after each range is read, with the open descriptor: lets a test change the file in the
+    // middle of a read.
+    void setAfterEachRead(std::function<void(int fd)> hook) { afterEachRead_ = std::move(hook); }
+
+  private:
+    struct Digester;
+    Clock clock_;
+    TimePoint deadline_;
+    const CancelFlag* cancel_;
+    std::unique_ptr<std::uint8_t[]> buffer_;
+    std::unique_ptr<Digester> digester_;
+    std::int64_t bytesRead_ = 0;
+    std::function<void(int)> afterEachRead_;
+};
+
+} // namespace vantle

@@ -1,0 +1,257 @@
+#include "VantleLibrary/FingerprintCache.h"
+#include "VantleLibrary/FingerprintReader.h"
+#include "support/TempDir.h"
+
+#include <gtest/gtest.h>
+#include <openssl/evp.h>
+
+#include <fcntl.h>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace vantle;
+using namespace std::chrono;
+using vantle::testing::TempDir;
+
+namespace {
+
+// An independent SHA-256, so the reader's slicing is checked against plain concatenation.
+Digest sha256(std::string_view bytes) {
+    Digest d{};
+    EVP_Digest(bytes.data(), bytes.size(), d.data(), nullptr, EVP_sha256(), nullptr);
+    return d;
+}
+
+std::string patterned(size_t size, unsigned seed = 1) {
+    std::string s(size, '\0');
+    unsigned x = seed;
+    for (auto& c : s) {
+        x = x * 1103515245u + 12345u;
+        c = static_cast<char>(x >> 16);
+    }
+    return s;
+}
+
+FingerprintReader::Expected expectedOf(const std::filesystem::path& file) {
+    auto s = fileStatus(file);
+    EXPECT_TRUE(s) << file;
+    return {s->number, s->size, s->modified};
+}
+
+const TimePoint farFuture = sys_days{2100y / 1 / 1};
+
+void setModified(const std::filesystem::path& file, std::int64_t nanoseconds) {
+    timespec times[2] = {{0, UTIME_OMIT}, {nanoseconds / 1'000'000'000, nanoseconds % 1'000'000'000}};
+    ASSERT_EQ(::utimensat(AT_FDCWD, file.c_str(), times, 0), 0);
+}
+
+} // namespace
+
+TEST(SampleRanges, ThreeSlicesWhateverTheSize) {
+    EXPECT_EQ(sampleRanges(16'384), (std::vector<ByteRange>{{0, 16'384}, {0, 16'384}, {0, 16'384}}));
+    EXPECT_EQ(sampleRanges(100), (std::vector<ByteRange>{{0, 100}, {0, 100}, {0, 100}}));
+    EXPECT_EQ(sampleRanges(0), (std::vector<ByteRange>{{0, 0}, {0, 0}, {0, 0}}));
+    // Middle starts half a slice before the middle, halves rounding down.
+    EXPECT_EQ(sampleRanges(20'001), (std::vector<ByteRange>{{0, 16'384}, {1'808, 16'384}, {3'617, 16'384}}));
+    EXPECT_EQ(sampleRanges(1'000'000),
+              (std::vector<ByteRange>{{0, 16'384}, {491'808, 16'384}, {983'616, 16'384}}));
+}
+
+TEST(FingerprintReader, SampleAndFullHashesAreSha256OfTheirBytes) {
+    TempDir dir;
+    auto exact = patterned(16'384);
+    auto file = dir.write("exact.bin", exact);
+    FingerprintReader reader(systemClock(), farFuture);
+    // A file of exactly one slice: head, middle and tail are all the whole file.
+    EXPECT_EQ(reader.hash(file, expectedOf(file), HashMode::sample), sha256(exact + exact + exact));
+    EXPECT_EQ(reader.bytesRead(), 3 * 16'384);
+    EXPECT_EQ(reader.hash(file, expectedOf(file), HashMode::full), sha256(exact));
+    EXPECT_EQ(reader.bytesRead(), 4 * 16'384);
+
+    // Larger than one chunk, with a short last chunk, and slices that do not overlap.
+    auto big = patterned(fullChunkBytes * 2 + 777, 7);
+    auto bigFile = dir.write("big.bin", big);
+    EXPECT_EQ(reader.hash(bigFile, expectedOf(bigFile), HashMode::full), sha256(big));
+    std::string slices;
+    for (auto [offset, length] : sampleRanges(static_cast<std::int64_t>(big.size())))
+        slices += big.substr(static_cast<size_t>(offset), static_cast<size_t>(length));
+    EXPECT_EQ(reader.hash(bigFile, expectedOf(bigFile), HashMode::sample), sha256(slices));
+
+    auto emptyFile = dir.write("empty", "");
+    EXPECT_EQ(reader.hash(emptyFile, expectedOf(emptyFile), HashMode::full), sha256(""));
+}
+
+TEST(FingerprintReader, RefusesAFileThatIsNoLongerTheRecordedOne) {
+    TempDir dir;
+    auto file = dir.write("a.bin", patterned(50'000));
+    auto recorded = expectedOf(file);
+    FingerprintReader reader(systemClock(), farFuture);
+
+    // Touched by a single nanosecond between the record and the hash.
+    setModified(file, recorded.modified + 1);
+    EXPECT_EQ(reader.hash(file, recorded, HashMode::sample).error(), FingerprintReader::Miss::changedBefore);
+    setModified(file, recorded.modified);
+    ASSERT_TRUE(reader.hash(file, recorded, HashMode::sample));
+
+    // Same bytes and time, but another file put in its place.
+    auto replacement = dir.write("b.bin", patterned(50'000));
+    setModified(replacement, recorded.modified);
+    std::filesystem::rename(replacement, file);
+    EXPECT_EQ(reader.hash(file, recorded, HashMode::full).error(), FingerprintReader::Miss::changedBefore);
+
+    auto grown = expectedOf(file);
+    grown.size += 1;
+    EXPECT_EQ(reader.hash(file, grown, HashMode::full).error(), FingerprintReader::Miss::changedBefore);
+    EXPECT_EQ(reader.bytesRead(), 3 * 16'384) << "nothing is read from a refused file";
+
+    std::filesystem::create_symlink(file, dir / "link");
+    EXPECT_EQ(reader.hash(dir / "link", expectedOf(file), HashMode::full).error(),
+              FingerprintReader::Miss::unopenable);
+    ASSERT_EQ(::mkfifo((dir / "fifo").c_str(), 0600), 0);
+    EXPECT_EQ(reader.hash(dir / "fifo", recorded, HashMode::full).error(),
+              FingerprintReader::Miss::notRegular);
+    EXPECT_EQ(reader.hash(dir / "missing", recorded, HashMode::full).error(),
+              FingerprintReader::Miss::unopenable);
+}
+
+TEST(FingerprintReader, AFileChangedWhileBeingReadHasNoHash) {
+    TempDir dir;
+    auto file = dir.write("a.bin", patterned(fullChunkBytes * 3));
+    FingerprintReader reader(systemClock(), farFuture);
+    auto recorded = expectedOf(file);
+    int reads = 0;
+    reader.setAfterEachRead([&](int) {
+        if (++reads == 2) setModified(file, recorded.modified + 1);
+    });
+    EXPECT_EQ(reader.hash(file, recorded, HashMode::full).error(), FingerprintReader::Miss::changedDuring);
+
+    auto appended = dir.write("c.bin", patterned(fullChunkBytes * 3));
+    reads = 0;
+    reader.setAfterEachRead([&](int) {
+        if (++reads == 3) {
+            auto f = ::open(appended.c_str(), O_WRONLY | O_APPEND);
+            ASSERT_EQ(::write(f, "tail", 4), 4);
+            ::close(f);
+        }
+    });
+    EXPECT_EQ(reader.hash(appended, expectedOf(appended), HashMode::full).error(),
+              FingerprintReader::Miss::changedDuring);
+
+    // Shrunk under the reader: the next range comes up short.
+    auto other = dir.write("b.bin", patterned(fullChunkBytes * 3));
+    reads = 0;
+    reader.setAfterEachRead([&](int) {
+        if (++reads == 1) std::filesystem::resize_file(other, 10);
+    });
+    EXPECT_EQ(reader.hash(other, expectedOf(other), HashMode::full).error(),
+              FingerprintReader::Miss::shortRead);
+}
+
+TEST(FingerprintReader, WholeFileReadsLookAtTheDeadlineBeforeEverySixtyFourthChunk) {
+    TempDir dir;
+    auto sparse = [&](const char* name, std::int64_t size) {
+        auto file = dir.write(name, "");
+        std::filesystem::resize_file(file, static_cast<std::uintmax_t>(size));
+        return file;
+    };
+    int clockReads = 0;
+    Clock late = [&] {
+        ++clockReads;
+        return sys_days{2030y / 1 / 1};
+    };
+    FingerprintReader reader(late, sys_days{2020y / 1 / 1});
+
+    // 63 chunks never reach a check, so even a passed deadline does not stop them.
+    auto justUnder = sparse("63", 63 * fullChunkBytes);
+    EXPECT_TRUE(reader.hash(justUnder, expectedOf(justUnder), HashMode::full));
+    EXPECT_EQ(clockReads, 0);
+
+    auto over = sparse("65", 64 * fullChunkBytes + 1);
+    auto before = reader.bytesRead();
+    EXPECT_EQ(reader.hash(over, expectedOf(over), HashMode::full).error(),
+              FingerprintReader::Miss::pastDeadline);
+    EXPECT_EQ(reader.bytesRead() - before, 63 * fullChunkBytes);
+    EXPECT_EQ(clockReads, 1);
+
+    // Samples are three small reads and are never cut short.
+    EXPECT_TRUE(reader.hash(over, expectedOf(over), HashMode::sample));
+
+    CancelFlag cancel;
+    cancel.cancel();
+    FingerprintReader cancelled(systemClock(), farFuture, &cancel);
+    EXPECT_EQ(cancelled.hash(over, expectedOf(over), HashMode::full).error(),
+              FingerprintReader::Miss::cancelled);
+}
+
+TEST(FingerprintCache, KeepsHashesOnlyWhileSizeTimeAndInodeHold) {
+    TempDir dir;
+    auto file = dir.write("a.bin", "contents");
+    auto status = *fileStatus(file);
+    auto sample = sha256("s"), full = sha256("f");
+    FingerprintCache cache(dir / "Library/fingerprints.json");
+    cache.load();
+    cache.store(file, status, HashMode::sample, sample);
+    cache.store(file, status, HashMode::full, full);
+    ASSERT_TRUE(cache.save());
+
+    FingerprintCache reread(dir / "Library/fingerprints.json");
+    reread.load();
+    ASSERT_TRUE(reread.loaded());
+    auto* kept = reread.valid(file, status);
+    ASSERT_TRUE(kept);
+    EXPECT_EQ(kept->sample, sample);
+    EXPECT_EQ(kept->full, full);
+
+    for (auto change : {0, 1, 2}) {
+        FingerprintCache c(dir / "Library/fingerprints.json");
+        c.load();
+        auto moved = status;
+        if (change == 0) moved.number.inode += 1;
+        if (change == 1) moved.modified += 1;
+        if (change == 2) moved.size += 1;
+        EXPECT_FALSE(c.valid(file, moved)) << change;
+        EXPECT_FALSE(c.valid(file, status)) << "a stale entry is dropped, not kept for later";
+    }
+
+    // A new hash for a changed file starts a fresh entry rather than mixing in the old sample.
+    auto changed = status;
+    changed.modified += 5;
+    reread.store(file, changed, HashMode::full, sample);
+    auto* fresh = reread.valid(file, changed);
+    ASSERT_TRUE(fresh);
+    EXPECT_FALSE(fresh->sample);
+}
+
+TEST(FingerprintCache, AMissingOrDamagedFileIsAnEmptyCacheAndBadEntriesAreDropped) {
+    TempDir dir;
+    auto status = *fileStatus(dir.write("a", "x"));
+    FingerprintCache missing(dir / "none.json");
+    missing.load();
+    EXPECT_TRUE(missing.loaded());
+    EXPECT_EQ(missing.size(), 0u);
+
+    dir.write("torn.json", R"({"/a":{"size":1,"modified":2,"inode":3,"sam)");
+    FingerprintCache torn(dir / "torn.json");
+    torn.load();
+    EXPECT_EQ(torn.size(), 0u);
+
+    auto good = R"({"size":1,"modified":2,"inode":3,"full":")" + hexOf(sha256("x")) + "\"}";
+    dir.write("mixed.json", R"({"/bad":{"size":1,"modified":2,"inode":3,"full":"zz"},"/good":)" + good + "}");
+    FingerprintCache mixed(dir / "mixed.json");
+    mixed.load();
+    EXPECT_EQ(mixed.size(), 1u);
+    ASSERT_TRUE(mixed.save());
+    EXPECT_EQ(vantle::testing::readFile(dir / "mixed.json").find("/bad"), std::string::npos);
+
+    // Nothing changed: the file is not rewritten.
+    FingerprintCache unchanged(dir / "mixed.json");
+    unchanged.load();
+    auto mtime = std::filesystem::last_write_time(dir / "mixed.json");
+    EXPECT_TRUE(unchanged.save());
+    EXPECT_EQ(std::filesystem::last_write_time(dir / "mixed.json"), mtime);
+
+    FingerprintCache blocked(dir / "a" / "fingerprints.json"); // "a" is a file, not a folder
+    blocked.store("/x", status, HashMode::full, sha256("x"));
+    EXPECT_FALSE(blocked.save());
+}
