@@ -86,8 +86,9 @@ std::expected<RuleTable, std::string> RuleTable::compile(std::vector<Rule> rules
             return std::unexpected("\"" + rule.id +
                                    "\" is not a category id: lower case letters, digits and _.");
         if (!ids.insert(rule.id).second) return std::unexpected("The rule " + rule.id + " appears twice.");
-        if (rule.patterns.empty() || rule.patterns.size() > limit)
-            return std::unexpected("The rule " + rule.id + " has no patterns.");
+        if (rule.patterns.empty()) return std::unexpected("The rule " + rule.id + " has no patterns.");
+        if (rule.patterns.size() > limit)
+            return std::unexpected("The rule " + rule.id + " has too many patterns.");
         if (rule.instruction.has_value() != (rule.method == FreeMethod::ownersTool))
             return std::unexpected(
                 "The rule " + rule.id +

@@ -1,7 +1,8 @@
 // The storage rule table: every category the storage subsystem measures, frees, sets aside or only
 // shows, written in code, compiled into path components once and never changed afterwards. The table,
 // a RuleSelection and a RuleMatcher are immutable values; all of their functions are const and may be
-// called from several threads at once. `RuleTable::shared()` lives for the whole run.
+// called from several threads at once. `RuleTable::shared()` lives for the whole run; a selection or
+// matcher keeps a pointer to the table it was made from, which must outlive it.
 #pragma once
 #include "VantleStorage/Rule.h"
 
