@@ -1,0 +1,131 @@
+#include "VantleLibrary/Catalog.h"
+
+#include <algorithm>
+#include <array>
+
+namespace vantle {
+
+Catalog::Catalog(Options options) : options_(std::move(options)) {}
+
+Catalog::Next Catalog::decide(Walk walks, std::optional<TimePoint> walkedAt, bool stale, TimePoint now,
+                              std::chrono::seconds freshness) {
+    if (walks == Walk::running) return Next::wait;
+    if (!walkedAt || stale) return Next::walk;
+    // A clock that went backwards makes the age negative: treat that snapshot as stale too.
+    auto age = now - *walkedAt;
+    if (age < std::chrono::seconds(0) || age >= freshness) return Next::walk;
+    return Next::use;
+}
+
+Catalog::Next Catalog::nextLocked() const {
+    std::optional<TimePoint> at;
+    if (walked_) at = walked_->snapshot->at;
+    return decide(walks_, at, changes_ > 0 || cancelledWalk_, options_.now(), options_.walkFreshness);
+}
+
+Catalog::Next Catalog::next() const {
+    std::lock_guard lock(mutex_);
+    return nextLocked();
+}
+
+void Catalog::noteChanges(std::int64_t count) {
+    std::lock_guard lock(mutex_);
+    changes_ += count;
+}
+
+std::int64_t Catalog::changes() const {
+    std::lock_guard lock(mutex_);
+    return changes_;
+}
+
+int Catalog::waiting() const {
+    std::lock_guard lock(mutex_);
+    return waiting_;
+}
+
+std::optional<Catalog::Result> Catalog::latest() const {
+    std::lock_guard lock(mutex_);
+    return walked_;
+}
+
+Catalog::Result Catalog::read(const CancelFlag& cancel, const DiskWalk::ProgressFn& progress) {
+    std::unique_lock lock(mutex_);
+    switch (nextLocked()) {
+    case Next::use:
+        return *walked_;
+    case Next::wait: {
+        auto waitingFor = generation_ + 1;
+        ++waiting_;
+        walkEnded_.wait(lock, [&] { return generation_ >= waitingFor; });
+        --waiting_;
+        return *walked_;
+    }
+    case Next::walk:
+        break;
+    }
+
+    walks_ = Walk::running;
+    auto changesBefore = changes_;
+    lock.unlock();
+    // The lock is not held while walking, so changes heard meanwhile are counted and the state can
+    // be asked for; only this call writes walked_.
+    DiskWalk walk{options_.scope, options_.walkLimit, options_.now() + options_.walkTimeLimit, options_.now};
+    Result result;
+    try {
+        auto outcome = walk.run(cancel, progress);
+        result = {std::make_shared<const Snapshot>(std::move(outcome.snapshot)), std::move(outcome.reading)};
+    } catch (const std::bad_alloc&) {
+        // Out of memory with a huge home: answer with nothing rather than leave waiters hanging.
+        Reading reading;
+        reading.isComplete = false;
+        reading.stop = Reading::Stop::cancelled;
+        result = {std::make_shared<const Snapshot>(Snapshot{{}, false, options_.now()}), std::move(reading)};
+    }
+    lock.lock();
+    // Changes heard during the walk may have been missed by it: they keep the new snapshot stale.
+    changes_ -= changesBefore;
+    cancelledWalk_ = result.reading.stop == Reading::Stop::cancelled;
+    walked_ = result;
+    walks_ = Walk::ready;
+    ++generation_;
+    walkEnded_.notify_all();
+    return result;
+}
+
+LibrarySummary summaryOf(const Snapshot& snapshot, const Reading& reading, int samples) {
+    constexpr auto kinds = allCases<LibraryKind>();
+    std::array<CategorySummary, kinds.size()> byKind;
+    std::array<std::vector<const Facts*>, kinds.size()> newest;
+    LibrarySummary summary;
+    for (const auto& facts : snapshot.facts) {
+        if (facts.isFolder && !facts.isPackage) continue;
+        ++summary.totalFiles;
+        summary.totalBytes += facts.size;
+        auto kind = facts.kind();
+        if (!kind) continue;
+        auto k = static_cast<size_t>(*kind);
+        ++byKind[k].count;
+        byKind[k].bytes += facts.size;
+        newest[k].push_back(&facts);
+    }
+    auto newer = [](const Facts* a, const Facts* b) {
+        auto at = a->modified.value_or(TimePoint{}), bt = b->modified.value_or(TimePoint{});
+        return at != bt ? at > bt : a->path < b->path;
+    };
+    for (size_t k = 0; k < kinds.size(); ++k) {
+        if (byKind[k].count == 0) continue;
+        byKind[k].kind = kinds[k];
+        auto& list = newest[k];
+        auto keep = std::min(list.size(), static_cast<size_t>(std::max(samples, 0)));
+        std::partial_sort(list.begin(), list.begin() + static_cast<long>(keep), list.end(), newer);
+        for (size_t i = 0; i < keep; ++i)
+            byKind[k].samples.push_back(toFileItem(*list[i]));
+        summary.categories.push_back(std::move(byKind[k]));
+    }
+    summary.readAt = toMilliseconds(snapshot.at);
+    summary.isPartial = !reading.isComplete;
+    summary.note = reading.note();
+    return summary;
+}
+
+} // namespace vantle

@@ -1,0 +1,135 @@
+#include "VantleLibrary/Facts.h"
+
+#include "VantleLibrary/ContentTypes.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <sys/xattr.h>
+
+namespace vantle {
+namespace {
+
+std::optional<TimePoint> ms(const std::optional<TimePoint>& at) {
+    if (!at) return std::nullopt;
+    return toMilliseconds(*at);
+}
+
+// One attribute's value, or nothing when it is missing, empty or unreadable.
+std::optional<std::string> attribute(const std::string& path, const char* name) {
+    std::array<char, 4096> buffer;
+    ssize_t n = ::lgetxattr(path.c_str(), name, buffer.data(), buffer.size());
+    if (n <= 0) return std::nullopt;
+    std::string value(buffer.data(), static_cast<size_t>(n));
+    // Some writers include the C string's terminator in the value.
+    while (!value.empty() && value.back() == '\0')
+        value.pop_back();
+    if (value.empty()) return std::nullopt;
+    return value;
+}
+
+std::vector<std::string> splitTags(std::string_view text) {
+    std::vector<std::string> tags;
+    while (!text.empty()) {
+        auto comma = text.find(',');
+        auto tag = text.substr(0, comma);
+        while (!tag.empty() && tag.front() == ' ')
+            tag.remove_prefix(1);
+        while (!tag.empty() && tag.back() == ' ')
+            tag.remove_suffix(1);
+        if (!tag.empty()) tags.emplace_back(tag);
+        if (comma == std::string_view::npos) break;
+        text.remove_prefix(comma + 1);
+    }
+    return tags;
+}
+
+// Most files carry no user attributes at all; one listing call tells, so the common case costs one
+// system call instead of three lookups that fail.
+void readAttributes(Facts& facts) {
+    std::array<char, 1024> names;
+    ssize_t n = ::llistxattr(facts.path.c_str(), names.data(), names.size());
+    // A list longer than the buffer: ask for each attribute by name instead.
+    bool tooMany = n < 0 && errno == ERANGE;
+    if (n <= 0 && !tooMany) return;
+    std::string_view listed(names.data(), tooMany ? 0 : static_cast<size_t>(n));
+    if (!tooMany && listed.find("user.xdg.") == std::string_view::npos) return;
+    auto has = [&](std::string_view name) {
+        if (tooMany) return true;
+        for (size_t at = 0; at < listed.size();) {
+            auto end = std::min(listed.find('\0', at), listed.size());
+            if (listed.substr(at, end - at) == name) return true;
+            at = end + 1;
+        }
+        return false;
+    };
+    if (has(originAttribute))
+        if (auto origin = attribute(facts.path, originAttribute))
+            facts.whereFroms.push_back(std::move(*origin));
+    if (has(referrerAttribute))
+        if (auto referrer = attribute(facts.path, referrerAttribute);
+            referrer && std::ranges::find(facts.whereFroms, *referrer) == facts.whereFroms.end())
+            facts.whereFroms.push_back(std::move(*referrer));
+    if (has(tagsAttribute))
+        if (auto tags = attribute(facts.path, tagsAttribute)) facts.tags = splitTags(*tags);
+}
+
+} // namespace
+
+std::optional<LibraryKind> Facts::kind() const {
+    if (isFolder && !isPackage) return std::nullopt;
+    return kindOfContentType(contentType);
+}
+
+std::optional<TimePoint> Facts::lastTouched() const {
+    std::optional<TimePoint> latest;
+    for (const auto& at : {lastUsed, modified, added})
+        if (at && (!latest || *at > *latest)) latest = at;
+    return latest;
+}
+
+FileItem toFileItem(const Facts& facts) {
+    FileItem item;
+    item.path = facts.path;
+    item.name = facts.name;
+    item.contentType = facts.contentType;
+    item.kind = facts.kind();
+    item.size = facts.size;
+    item.created = ms(facts.created);
+    item.modified = ms(facts.modified);
+    item.lastOpened = ms(facts.lastUsed);
+    item.added = ms(facts.added);
+    item.sources = facts.whereFroms;
+    item.isScreenshot = facts.isScreenshot;
+    item.length = facts.duration;
+    return item;
+}
+
+bool isScreenshotName(std::string_view name, std::string_view contentType) {
+    if (kindOfContentType(contentType) != LibraryKind::images) return false;
+    for (std::string_view prefix : {"Screenshot from ", "Screenshot_", "Screenshot ", "Screen Shot "})
+        if (name.starts_with(prefix)) return true;
+    return false;
+}
+
+Facts factsOf(std::string path, std::string_view name, const EntryStatus& status) {
+    Facts facts;
+    facts.path = std::move(path);
+    facts.name = std::string(name);
+    facts.isFolder = status.type == EntryStatus::Type::folder;
+    facts.isPackage = facts.isFolder && isAppBundleName(name);
+    facts.contentType =
+        std::string(facts.isFolder && !facts.isPackage ? folderContentType : contentTypeForName(name));
+    facts.size = static_cast<std::int64_t>(status.sizeBytes);
+    facts.onDisk = static_cast<std::int64_t>(status.allocatedBytes);
+    if (facts.isFolder) facts.size = facts.onDisk = 0; // a folder's own length says nothing about its files
+    facts.created = status.born;
+    facts.modified = status.modified;
+    facts.added = status.born ? *status.born : status.changed;
+    facts.lastUsed = status.accessed;
+    facts.isScreenshot = !facts.isFolder && isScreenshotName(name, facts.contentType);
+    readAttributes(facts);
+    return facts;
+}
+
+} // namespace vantle

@@ -1,0 +1,63 @@
+// What the library reads for one file or folder, and how that becomes the FileItem the Home shows.
+// On Linux the facts come from statx (times, sizes) and the extended attributes browsers and file
+// managers write (download origins, tags). Plain values; the functions are thread-safe.
+#pragma once
+#include "Platform/EntryStatus.h"
+#include "VantleSpec/LibraryRecords.h"
+#include "VantleSpec/Time.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace vantle {
+
+struct Facts {
+    std::string path;
+    std::string name;
+    std::string contentType;
+    std::int64_t size = 0;   // logical bytes
+    std::int64_t onDisk = 0; // allocated bytes
+    std::optional<TimePoint> created;
+    std::optional<TimePoint> contentCreated; // capture date of a photo; not read on Linux
+    std::optional<TimePoint> modified;
+    std::optional<TimePoint> added;    // birth time, else the last status change
+    std::optional<TimePoint> lastUsed; // access time
+    std::vector<std::string> whereFroms;
+    bool isScreenshot = false;
+    std::optional<std::string> cameraMake;
+    std::optional<std::string> cameraModel;
+    std::optional<double> duration;
+    std::vector<std::string> tags;
+    bool isFolder = false;
+    bool isPackage = false; // a folder shown as one thing (an app bundle)
+
+    // The kind, decided by the content type; folders have none.
+    std::optional<LibraryKind> kind() const;
+    // The latest sign of use: opened, changed or arrived. Lists of things left alone go by this, so a
+    // file on a volume mounted without access times is still judged by its other dates.
+    std::optional<TimePoint> lastTouched() const;
+    bool operator==(const Facts&) const = default;
+};
+
+// Dates are cut to whole milliseconds, the precision stored files keep, so an item read back from
+// Library/summary.json equals the one written.
+FileItem toFileItem(const Facts& facts);
+
+// The names the desktop's screenshot tools give: "Screenshot from 2024-05-01 10-00-00.png",
+// "Screenshot_20240501_100000.png", "Screenshot 2024-05-01 at 10.00.00.png" (and the older
+// "Screen Shot ..."). Only images count.
+bool isScreenshotName(std::string_view name, std::string_view contentType);
+
+// Extended attributes where downloads record their origin, and where tags are kept.
+inline constexpr const char* originAttribute = "user.xdg.origin.url";
+inline constexpr const char* referrerAttribute = "user.xdg.referrer.url";
+inline constexpr const char* tagsAttribute = "user.xdg.tags";
+
+// Facts for one entry from its status. `path` is absolute. Extended attributes are read by path
+// without following a link; an entry whose attributes cannot be read simply has none.
+Facts factsOf(std::string path, std::string_view name, const EntryStatus& status);
+
+} // namespace vantle

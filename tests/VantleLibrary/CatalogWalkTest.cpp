@@ -1,0 +1,311 @@
+#include "VantleLibrary/Catalog.h"
+#include "VantleLibrary/DiskWalk.h"
+
+#include "support/TempDir.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <fcntl.h>
+#include <linux/capability.h>
+#include <map>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/xattr.h>
+#include <thread>
+#include <unistd.h>
+
+using namespace vantle;
+using namespace std::chrono;
+using vantle::testing::TempDir;
+
+namespace {
+
+std::map<std::string, Facts> byRelativePath(const Snapshot& snapshot, const std::filesystem::path& root) {
+    std::map<std::string, Facts> out;
+    for (const auto& facts : snapshot.facts)
+        out[std::filesystem::path(facts.path).lexically_relative(root).string()] = facts;
+    return out;
+}
+
+DiskWalk walkOf(const TempDir& home, std::int64_t limit = 300'000) {
+    return DiskWalk{LibraryScope{home.path(), {}}, limit, systemNow() + hours(1), systemClock()};
+}
+
+void setAttribute(const std::filesystem::path& file, const char* name, std::string_view value) {
+    ASSERT_EQ(::setxattr(file.c_str(), name, value.data(), value.size(), 0), 0) << name;
+}
+
+// Runs `work` on a thread that has given up the power to read past permissions, so a folder made
+// unreadable stays unreadable even when the tests run as root. Capabilities are per thread.
+template <class Work> void withoutOverride(Work work) {
+    std::thread([&] {
+        __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+        __user_cap_data_struct data[2]{};
+        ::syscall(SYS_capget, &header, data);
+        for (int cap : {CAP_DAC_OVERRIDE, CAP_DAC_READ_SEARCH})
+            data[0].effective &= ~(1u << cap);
+        ::syscall(SYS_capset, &header, data);
+        work();
+    }).join();
+}
+
+} // namespace
+
+TEST(DiskWalk, ReadsFactsFromStatusAndAttributes) {
+    TempDir home;
+    auto report = home.write("Documents/Report.PDF", std::string(1234, 'x'));
+    home.write("Pictures/Screenshot from 2026-03-01 10-00-00.png", "png");
+    home.write("Pictures/Screenshot notes.txt", "not an image");
+    auto zip = home.write("Downloads/photos.zip", "zip");
+    setAttribute(zip, "user.xdg.origin.url", "https://mail.google.com/mail/u/0/");
+    setAttribute(zip, "user.xdg.referrer.url", "https://www.google.com/");
+    setAttribute(report, "user.xdg.tags", "work, taxes ,");
+    setAttribute(report, "user.other", "ignored");
+    timespec times[2] = {{1'700'000'000, 0}, {1'600'000'000, 500'000'000}}; // access, modification
+    ASSERT_EQ(::utimensat(AT_FDCWD, report.c_str(), times, 0), 0);
+
+    CancelFlag cancel;
+    auto out = walkOf(home).run(cancel);
+    EXPECT_TRUE(out.snapshot.isWhole);
+    EXPECT_TRUE(out.reading.isComplete);
+    EXPECT_TRUE(out.reading.readDisk);
+    EXPECT_FALSE(out.reading.note());
+    auto facts = byRelativePath(out.snapshot, home.path());
+
+    const auto& pdf = facts.at("Documents/Report.PDF");
+    EXPECT_EQ(pdf.path, report.string());
+    EXPECT_EQ(pdf.name, "Report.PDF");
+    EXPECT_EQ(pdf.contentType, "application/pdf");
+    EXPECT_EQ(pdf.kind(), LibraryKind::documents);
+    EXPECT_EQ(pdf.size, 1234);
+    EXPECT_EQ(pdf.modified, TimePoint(seconds(1'600'000'000) + milliseconds(500)));
+    EXPECT_EQ(pdf.lastUsed, TimePoint(seconds(1'700'000'000)));
+    ASSERT_TRUE(pdf.added);
+    EXPECT_GT(*pdf.added, TimePoint(seconds(1'700'000'000))); // made now: birth (or change) time
+    EXPECT_EQ(pdf.tags, (std::vector<std::string>{"work", "taxes"}));
+    EXPECT_TRUE(pdf.whereFroms.empty());
+    EXPECT_FALSE(pdf.isScreenshot);
+
+    EXPECT_EQ(facts.at("Downloads/photos.zip").whereFroms,
+              (std::vector<std::string>{"https://mail.google.com/mail/u/0/", "https://www.google.com/"}));
+    EXPECT_EQ(facts.at("Downloads/photos.zip").kind(), LibraryKind::archives);
+    EXPECT_TRUE(facts.at("Pictures/Screenshot from 2026-03-01 10-00-00.png").isScreenshot);
+    EXPECT_FALSE(facts.at("Pictures/Screenshot notes.txt").isScreenshot);
+    EXPECT_TRUE(facts.at("Pictures").isFolder);
+    EXPECT_FALSE(facts.at("Pictures").kind());
+
+    auto item = toFileItem(pdf);
+    EXPECT_EQ(item.lastOpened, pdf.lastUsed);
+    EXPECT_EQ(item.modified, TimePoint(seconds(1'600'000'000) + milliseconds(500)));
+    EXPECT_EQ(item.kind, LibraryKind::documents);
+}
+
+TEST(DiskWalk, LeavesOutHiddenNamesLibraryAndLinksButReadsCloudDocuments) {
+    TempDir home;
+    home.write(".bashrc", "x");
+    home.write(".cache/big.bin", "x");
+    home.write("Documents/.hidden.txt", "x");
+    home.write("Documents/seen.txt", "x");
+    home.write("Library/Caches/cache.db", "x");
+    home.write("Library/Mobile Documents/com~apple~CloudDocs/cloud.txt", "x");
+    home.write("Elsewhere/target.txt", "x");
+    std::filesystem::create_symlink(home / "Elsewhere", home / "Documents/linked-folder");
+    std::filesystem::create_symlink(home / "Elsewhere/target.txt", home / "Documents/linked.txt");
+
+    CancelFlag cancel;
+    auto facts = byRelativePath(walkOf(home).run(cancel).snapshot, home.path());
+    std::vector<std::string> paths;
+    for (auto& [path, f] : facts)
+        if (!f.isFolder) paths.push_back(path);
+    EXPECT_EQ(paths, (std::vector<std::string>{"Documents/seen.txt", "Elsewhere/target.txt",
+                                               "Library/Mobile Documents/com~apple~CloudDocs/cloud.txt"}));
+}
+
+TEST(DiskWalk, AnAppBundleIsOneItemOfItsContentsSize) {
+    TempDir home;
+    home.write("Applications/Editor.app/Contents/MacOS/editor", std::string(1000, 'a'));
+    home.write("Applications/Editor.app/Contents/Resources/icon.png", std::string(500, 'b'));
+    home.write("Applications/notes.desktop", "[Desktop Entry]");
+
+    CancelFlag cancel;
+    auto out = walkOf(home).run(cancel);
+    auto facts = byRelativePath(out.snapshot, home.path());
+    ASSERT_TRUE(facts.contains("Applications/Editor.app"));
+    const auto& app = facts.at("Applications/Editor.app");
+    EXPECT_TRUE(app.isPackage);
+    EXPECT_EQ(app.size, 1500);
+    EXPECT_EQ(app.kind(), LibraryKind::apps);
+    EXPECT_FALSE(facts.contains("Applications/Editor.app/Contents/Resources/icon.png"));
+    EXPECT_EQ(facts.at("Applications/notes.desktop").kind(), LibraryKind::apps);
+    // The bundle's insides still count as visited entries.
+    EXPECT_EQ(out.reading.entries, 8);
+}
+
+TEST(DiskWalk, StopsAtTheEntryLimitAndSaysSo) {
+    TempDir home;
+    for (int i = 0; i < 12; ++i)
+        home.write("Documents/f" + std::to_string(i) + ".txt", "x");
+    CancelFlag cancel;
+
+    auto exact = walkOf(home, 13).run(cancel); // Documents + 12 files: all of it
+    EXPECT_TRUE(exact.snapshot.isWhole);
+    EXPECT_EQ(exact.reading.entries, 13);
+
+    auto partial = walkOf(home, 10).run(cancel);
+    EXPECT_FALSE(partial.snapshot.isWhole);
+    EXPECT_FALSE(partial.reading.isComplete);
+    EXPECT_EQ(partial.reading.stop, Reading::Stop::entryLimit);
+    EXPECT_EQ(partial.snapshot.facts.size(), 10u);
+    EXPECT_EQ(partial.reading.note(),
+              "Only the first 10 items were read; the rest of the home folder was not looked at.");
+
+    Reading big;
+    big.stop = Reading::Stop::entryLimit;
+    big.entries = 300'000;
+    EXPECT_EQ(big.note(),
+              "Only the first 300,000 items were read; the rest of the home folder was not looked at.");
+}
+
+TEST(DiskWalk, StopsAtItsDeadlineAndWhenCancelled) {
+    TempDir home;
+    for (int i = 0; i < 600; ++i)
+        home.write("Music/s" + std::to_string(i) + ".mp3", "x");
+    // A clock that moves one second per reading: the walk looks at it every few hundred entries.
+    auto fake = std::make_shared<std::atomic<int>>(0);
+    auto base = sys_days{2026y / May / 1};
+    DiskWalk walk{LibraryScope{home.path(), {}}, 300'000, base + seconds(2),
+                  [fake, base] { return TimePoint(base + seconds(fake->fetch_add(1))); }};
+    CancelFlag cancel;
+    auto out = walk.run(cancel);
+    EXPECT_EQ(out.reading.stop, Reading::Stop::timeLimit);
+    EXPECT_FALSE(out.snapshot.isWhole);
+    EXPECT_LT(out.snapshot.facts.size(), 601u);
+    EXPECT_GT(out.snapshot.facts.size(), 0u);
+    EXPECT_EQ(out.reading.note(),
+              "Reading stopped after 3 seconds; the rest of the home folder was not looked at.");
+
+    cancel.cancel();
+    auto stopped = walkOf(home).run(cancel);
+    EXPECT_EQ(stopped.reading.stop, Reading::Stop::cancelled);
+    EXPECT_TRUE(stopped.snapshot.facts.empty());
+    EXPECT_EQ(stopped.reading.note(), "Reading was stopped before it finished.");
+}
+
+TEST(DiskWalk, AnUnreadableFolderIsMissedAndTheRestIsRead) {
+    TempDir home;
+    home.write("Private/secret.txt", "x");
+    home.write("Private2/secret.txt", "x");
+    home.write("Documents/open.txt", "x");
+    ::chmod((home / "Private").c_str(), 0);
+
+    DiskWalk::Outcome out;
+    withoutOverride([&] {
+        CancelFlag cancel;
+        out = walkOf(home).run(cancel);
+    });
+    EXPECT_EQ(out.reading.missedContents, (std::vector<std::string>{(home / "Private").string()}));
+    EXPECT_FALSE(out.reading.isComplete);
+    EXPECT_TRUE(out.snapshot.isWhole); // no limit stopped it; the reading says what is missing
+    EXPECT_EQ(out.reading.note(), "The folder " + (home / "Private").string() + " could not be read.");
+    auto facts = byRelativePath(out.snapshot, home.path());
+    EXPECT_TRUE(facts.contains("Documents/open.txt"));
+    EXPECT_TRUE(facts.contains("Private2/secret.txt"));
+    EXPECT_TRUE(facts.contains("Private")); // the folder itself is listed, its contents are not
+
+    Reading many;
+    many.missedContents = {"/h/a", "/h/b", "/h/c"};
+    many.stop = Reading::Stop::entryLimit;
+    many.entries = 5;
+    EXPECT_EQ(many.note(), "Only the first 5 items were read; the rest of the home folder was not looked at. "
+                           "3 folders could not be read, among them /h/a.");
+}
+
+TEST(DiskWalk, AMissingHomeIsMissedNotFatal) {
+    TempDir base;
+    CancelFlag cancel;
+    auto out =
+        DiskWalk{LibraryScope{base / "nobody", {base / "no-apps"}}, 10, systemNow() + hours(1)}.run(cancel);
+    EXPECT_EQ(out.reading.missedContents, (std::vector<std::string>{(base / "nobody").string()}));
+    EXPECT_TRUE(out.snapshot.facts.empty());
+}
+
+TEST(Catalog, DecidesUseWaitOrWalk) {
+    auto now = sys_days{2026y / May / 1} + 12h;
+    auto fresh = minutes(5);
+    using N = Catalog::Next;
+    using W = Catalog::Walk;
+    EXPECT_EQ(Catalog::decide(W::ready, std::nullopt, false, now, fresh), N::walk);
+    EXPECT_EQ(Catalog::decide(W::ready, now - minutes(1), false, now, fresh), N::use);
+    EXPECT_EQ(Catalog::decide(W::ready, now - minutes(5), false, now, fresh), N::walk);
+    EXPECT_EQ(Catalog::decide(W::ready, now - minutes(1), true, now, fresh), N::walk);
+    EXPECT_EQ(Catalog::decide(W::ready, now + minutes(1), false, now, fresh), N::walk); // clock went back
+    EXPECT_EQ(Catalog::decide(W::running, now - minutes(1), false, now, fresh), N::wait);
+    EXPECT_EQ(Catalog::decide(W::running, std::nullopt, true, now, fresh), N::wait);
+}
+
+TEST(Catalog, ReusesAFreshSnapshotUntilAChangeIsHeard) {
+    TempDir home;
+    home.write("Documents/a.txt", "x");
+    auto now = std::make_shared<TimePoint>(sys_days{2026y / May / 1} + 12h);
+    Catalog catalog({LibraryScope{home.path(), {}}, false, seconds(30), 1000, seconds(20), seconds(300),
+                     [now] { return *now; }});
+    CancelFlag cancel;
+    EXPECT_EQ(catalog.next(), Catalog::Next::walk);
+    auto first = catalog.read(cancel);
+    EXPECT_EQ(first.snapshot->facts.size(), 2u);
+    EXPECT_EQ(catalog.next(), Catalog::Next::use);
+
+    home.write("Documents/b.txt", "x");
+    EXPECT_EQ(catalog.read(cancel).snapshot, first.snapshot); // nothing heard: the same snapshot
+
+    catalog.noteChanges();
+    EXPECT_EQ(catalog.next(), Catalog::Next::walk);
+    auto second = catalog.read(cancel);
+    EXPECT_NE(second.snapshot, first.snapshot);
+    EXPECT_EQ(second.snapshot->facts.size(), 3u);
+    EXPECT_EQ(catalog.changes(), 0);
+
+    *now += seconds(301); // too old
+    EXPECT_EQ(catalog.next(), Catalog::Next::walk);
+
+    CancelFlag stop;
+    stop.cancel();
+    auto cancelled = catalog.read(stop);
+    EXPECT_EQ(cancelled.reading.stop, Reading::Stop::cancelled);
+    EXPECT_EQ(catalog.next(), Catalog::Next::walk); // a stopped walk is never reused
+}
+
+TEST(Catalog, ARequestDuringAWalkWaitsForThatWalk) {
+    TempDir home;
+    for (int i = 0; i < 5000; ++i)
+        home.write("Documents/f" + std::to_string(i), "x");
+    Catalog catalog({LibraryScope{home.path(), {}}, false, seconds(30), 300'000, seconds(60), seconds(300),
+                     systemClock()});
+    CancelFlag cancel;
+    std::atomic<bool> reachedProgress{false}, release{false};
+    Catalog::Result walked, waited;
+    std::thread walker([&] {
+        walked = catalog.read(cancel, [&](const DiskWalk::Progress&) {
+            reachedProgress = true;
+            while (!release)
+                std::this_thread::yield();
+        });
+    });
+    while (!reachedProgress)
+        std::this_thread::yield();
+    EXPECT_EQ(catalog.next(), Catalog::Next::wait);
+    // A change heard during the walk keeps its snapshot stale for later requests, but a request
+    // that arrives now still takes the running walk's snapshot rather than starting a second one.
+    catalog.noteChanges();
+    std::thread waiter([&] { waited = catalog.read(cancel); });
+    while (catalog.waiting() == 0)
+        std::this_thread::yield();
+    release = true;
+    walker.join();
+    waiter.join();
+    EXPECT_EQ(waited.snapshot, walked.snapshot);
+    EXPECT_EQ(walked.snapshot->facts.size(), 5001u);
+    EXPECT_EQ(catalog.next(), Catalog::Next::walk);
+}
