@@ -1,0 +1,225 @@
+#include "support/TempDir.h"
+
+#include "VantleStorage/ItemId.h"
+#include "VantleStorage/StorageReport.h"
+
+#include <gtest/gtest.h>
+
+using namespace vantle;
+using namespace std::chrono;
+using vantle::testing::TempDir;
+
+namespace {
+
+const TimePoint now = sys_days{2026y / November / 21} + 12h;
+const RuleTable& table = RuleTable::shared();
+
+ScannedItem item(const std::string& rule, const std::string& rel, std::int64_t bytes,
+                 TimePoint lastWrite = now - 90 * 24h) {
+    ScannedItem out;
+    out.category = rule;
+    out.anchor = table.find(rule)->anchor;
+    for (auto part : std::filesystem::path(rel))
+        out.parts.push_back(part.string());
+    out.id = itemId(rule, out.anchor, out.parts);
+    out.name = out.parts.back();
+    out.path = "/home/u/" + rel;
+    out.facts.kind = EntryKind::folder;
+    out.facts.wasInspected = true;
+    out.facts.modified = lastWrite;
+    out.facts.added = lastWrite;
+    out.facts.opened = lastWrite;
+    out.facts.tally.files = 1;
+    out.facts.tally.folders = 1;
+    out.facts.tally.allocatedBytes = bytes;
+    out.facts.tally.reclaimableBytes = bytes;
+    out.facts.tally.newestWrite = lastWrite;
+    out.facts.tally.newestFolderChange = lastWrite;
+    return out;
+}
+
+StorageScan scanOf(std::vector<ScannedItem> items, ScanDepth depth = ScanDepth::rules) {
+    StorageScan scan;
+    scan.home = "/home/u";
+    scan.depth = depth;
+    scan.startedAt = scan.finishedAt = now;
+    scan.items = std::move(items);
+    return scan;
+}
+
+const StorageReport::Category* categoryOf(const StorageReport& report, std::string_view id) {
+    for (const auto& c : report.categories)
+        if (c.id == id) return &c;
+    return nullptr;
+}
+
+} // namespace
+
+TEST(StorageReportFigures, GroupCategoriesByClassAndCountOnlyWhatTheSystemMayFree) {
+    auto installer = item("old_installers", "Downloads/app.dmg", 5'000);
+    installer.facts.kind = EntryKind::file;
+    auto scan = scanOf({
+        item("pip_cache", "Library/Caches/pip", 1'000),
+        item("app_caches", "Library/Caches/Fresh", 2'000, now - 2min), // written just now: not freeable now
+        item("uv_cache", ".cache/uv", 40'000),                         // the owner's tool only
+        installer,
+        item("documents", "Documents", 70'000),
+        item("apple_caches", "Library/Caches/com.apple.Safari", 300),
+    });
+    scan.held.push_back(item("pip_cache", "Downloads/held.dmg", 9'999));
+    scan.held.back().id = heldItemId(scan.held.back().parts);
+    scan.held.back().category = "held";
+
+    auto report = makeStorageReport(scan, table, {}, now);
+    std::vector<std::string> order;
+    for (const auto& c : report.categories)
+        order.push_back(c.id);
+    EXPECT_EQ(order, (std::vector<std::string>{"pip_cache", "uv_cache", "app_caches", "old_installers",
+                                               "documents", "apple_caches"}));
+    EXPECT_EQ(report.reclaimableBytes, 1'000 + 2'000 + 5'000);
+    EXPECT_EQ(report.freeableNowBytes, 1'000);
+    EXPECT_EQ(report.preconditionHolds, 1);
+    EXPECT_EQ(report.chosenItemByItem, 1);
+    ASSERT_EQ(report.held.size(), 1u);
+    EXPECT_EQ(report.held[0].bytes, 9'999);
+    EXPECT_EQ(categoryOf(report, "pip_cache")->bytes, 1'000); // the held item is in no category
+
+    auto pip = categoryOf(report, "pip_cache");
+    EXPECT_EQ(pip->items, (std::vector<StorageReport::Item>{{scan.items[0].id, scan.items[0].path, 1'000}}));
+    EXPECT_EQ(pip->precondition, table.find("pip_cache")->precondition.words());
+}
+
+TEST(StorageReportFigures, ThePreconditionFailsOnWhatTheDiskShowsUnsafe) {
+    const Rule& pip = *table.find("pip_cache");
+    EXPECT_TRUE(preconditionHoldsOnDisk(pip, item("pip_cache", "Library/Caches/pip", 1).facts, now));
+
+    auto recent = item("pip_cache", "Library/Caches/pip", 1);
+    recent.facts.tally.newestFolderChange = now - 9min;
+    EXPECT_FALSE(preconditionHoldsOnDisk(pip, recent.facts, now));
+
+    auto withSocket = item("pip_cache", "Library/Caches/pip", 1);
+    withSocket.facts.tally.meetingPoints = 1;
+    EXPECT_FALSE(preconditionHoldsOnDisk(pip, withSocket.facts, now));
+
+    auto withLogin = item("pip_cache", "Library/Caches/pip", 1);
+    withLogin.facts.tally.keepsakes = {"Library/Caches/pip/credentials.json"};
+    EXPECT_FALSE(preconditionHoldsOnDisk(pip, withLogin.facts, now));
+
+    auto partlyRead = item("pip_cache", "Library/Caches/pip", 1);
+    partlyRead.facts.tally.ownershipRefusals = 1;
+    EXPECT_FALSE(preconditionHoldsOnDisk(pip, partlyRead.facts, now));
+
+    auto link = item("pip_cache", "Library/Caches/pip", 1);
+    link.facts.kind = EntryKind::link;
+    EXPECT_FALSE(preconditionHoldsOnDisk(pip, link.facts, now));
+}
+
+TEST(StorageReportFigures, AgeIsReadFromTheRulesOwnSignal) {
+    // Crash reports: 30 days since the last change.
+    const Rule& crashes = *table.find("crash_reports");
+    EXPECT_TRUE(preconditionHoldsOnDisk(crashes, item("crash_reports", "x", 1, now - 31 * 24h).facts, now));
+    EXPECT_FALSE(preconditionHoldsOnDisk(crashes, item("crash_reports", "x", 1, now - 29 * 24h).facts, now));
+
+    // Old installers: arrived long ago and not opened since.
+    const Rule& installers = *table.find("old_installers");
+    auto opened = item("old_installers", "Downloads/a.dmg", 1, now - 60 * 24h);
+    opened.facts.opened = now - 2 * 24h;
+    EXPECT_FALSE(preconditionHoldsOnDisk(installers, opened.facts, now));
+    opened.facts.opened = now - 45 * 24h;
+    EXPECT_TRUE(preconditionHoldsOnDisk(installers, opened.facts, now));
+
+    // A catch-all takes a folder nobody names only after a quiet day.
+    const Rule& appCaches = *table.find("app_caches");
+    EXPECT_FALSE(preconditionHoldsOnDisk(appCaches, item("app_caches", "x", 1, now - 5h).facts, now));
+    EXPECT_TRUE(preconditionHoldsOnDisk(appCaches, item("app_caches", "x", 1, now - 25h).facts, now));
+
+    // Xcode's own record of last use decides; without it the age is not known.
+    const Rule& derived = *table.find("xcode_build_data");
+    auto project = item("xcode_build_data", "Library/Developer/Xcode/DerivedData/App-abc", 1, now - 90 * 24h);
+    EXPECT_FALSE(preconditionHoldsOnDisk(derived, project.facts, now));
+    project.facts.ownersRecord = now - 40 * 24h;
+    EXPECT_TRUE(preconditionHoldsOnDisk(derived, project.facts, now));
+}
+
+TEST(StorageReportText, ShowsHeadingsCostsPreconditionsAndTheIdsToChooseFrom) {
+    auto installer = item("old_installers", "Downloads/app.dmg", 5'000'000);
+    auto shared = item("gradle_caches", ".gradle/caches", 3'000'000);
+    shared.facts.tally.reclaimableBytes = 1'000'000;
+    shared.facts.tally.pinnedBytes = 2'000'000;
+    auto scan = scanOf({item("pip_cache", "Library/Caches/pip", 1'500'000), shared, installer,
+                        item("uv_cache", ".cache/uv", 1'000), item("documents", "Documents", 1)});
+    scan.held.push_back(item("old_installers", "Downloads/older.dmg", 7'000'000));
+    scan.held.back().id = "held:0a1b2c";
+    scan.gaps.push_back({"/home/u/Library/Mail", ScanGap::Reason::privacy, "Operation not permitted"});
+
+    auto text = storageReportText(makeStorageReport(scan, table, {}, now));
+    auto at = [&](std::string_view words) { return text.find(words); };
+    // Class by class, A first; this copy frees nothing, and says so.
+    ASSERT_NE(at(StorageReport::classAMeasuredOnlyHeading), std::string::npos) << text;
+    EXPECT_EQ(at(heading(SafetyClass::a)), std::string::npos);
+    EXPECT_LT(at(StorageReport::classAMeasuredOnlyHeading), at(heading(SafetyClass::b)));
+    EXPECT_LT(at(heading(SafetyClass::b)), at(heading(SafetyClass::c)));
+    EXPECT_NE(at("pip cache (pip_cache): 1.5 MB, 1 item\n"), std::string::npos) << text;
+    EXPECT_NE(at("What freeing costs: pip downloads again on the next install. Vantle measures it and frees "
+                 "nothing yet."),
+              std::string::npos);
+    EXPECT_NE(at("Freed only when " + table.find("pip_cache")->precondition.words() + "."),
+              std::string::npos);
+    EXPECT_NE(at("3 MB (1 MB would come back; the rest is shared with files that stay)"), std::string::npos)
+        << text;
+    EXPECT_NE(at(*table.find("uv_cache")->instruction), std::string::npos);
+    // Class B: listed item by item, by id, and the held items apart.
+    EXPECT_NE(at(StorageReport::listedOnlyHeading), std::string::npos);
+    EXPECT_NE(at("  " + installer.id + "  /home/u/Downloads/app.dmg  5 MB\n"), std::string::npos) << text;
+    EXPECT_NE(
+        at(std::string(StorageReport::heldHeading) + " (put_back_storage takes these ids):\n  held:0a1b2c"),
+        std::string::npos)
+        << text;
+    EXPECT_NE(
+        at("/home/u/Library/Mail could not be read, so its size is not known. This Mac did not let Vantle "
+           "read it. Full Disk Access in System Settings opens it."),
+        std::string::npos);
+    EXPECT_NE(at(StorageReport::scanEverythingHint), std::string::npos);
+
+    StorageAbilities all{true, true, true};
+    auto able = storageReportText(makeStorageReport(scanOf(scan.items, ScanDepth::full), table, all, now));
+    EXPECT_NE(able.find(heading(SafetyClass::a)), std::string::npos);
+    EXPECT_NE(able.find(StorageReport::setAsideHeading), std::string::npos);
+    EXPECT_EQ(able.find(StorageReport::freesNothingYet), std::string::npos);
+    EXPECT_EQ(able.find(StorageReport::scanEverythingHint), std::string::npos);
+}
+
+TEST(StorageReportText, SaysWhenCategoriesWereOnlyPartlyRead) {
+    auto locked = item("pip_cache", "Library/Caches/pip", 1'000);
+    locked.facts.tally.ownershipRefusals = 2;
+    auto text = storageReportText(
+        makeStorageReport(scanOf({locked, item("pip_cache", "Library/Caches/pip2", 1)}), table, {}, now));
+    EXPECT_NE(text.find(", 2 items (1 of them could not be read)\n"), std::string::npos) << text;
+    EXPECT_NE(text.find(StorageReport::partlyRead), std::string::npos);
+    EXPECT_EQ(text.find(StorageReport::privacyRefusal), std::string::npos);
+}
+
+TEST(StorageReportKept, RoundTripsThroughTheDataFolderAndRefusesABrokenFile) {
+    TempDir data;
+    auto scan = scanOf({item("pip_cache", "Library/Caches/pip", 1'000)});
+    auto report = makeStorageReport(scan, table, {}, now);
+    EXPECT_FALSE(loadKeptStorageReport(data.path()).has_value());
+    ASSERT_TRUE(keepStorageReport(data.path(), report, scan).has_value());
+
+    auto kept = loadKeptStorageReport(data.path());
+    ASSERT_TRUE(kept.has_value()) << kept.error();
+    EXPECT_EQ(kept->report, report);
+    EXPECT_EQ(kept->scan, scan);
+
+    auto json = Json::parse(vantle::testing::readFile(data / "Library/storage.json"));
+    const auto& category = json["report"]["categories"][0];
+    EXPECT_EQ(category["items"][0]["id"], scan.items[0].id);
+    EXPECT_EQ(category["items"][0]["bytes"], 1'000);
+    for (auto key : {"freeableNowBytes", "reclaimableBytes", "preconditionHolds", "chosenItemByItem"})
+        EXPECT_TRUE(json["report"].contains(key)) << key;
+
+    data.write("Library/storage.json", "{\"report\": 12");
+    auto broken = loadKeptStorageReport(data.path());
+    ASSERT_FALSE(broken.has_value());
+    EXPECT_NE(broken.error().find("could not be read"), std::string::npos);
+}
