@@ -1,0 +1,112 @@
+// Finds files whose contents are byte-for-byte the same: size groups, then a sample hash of three
+// slices, then the SHA-256 of the whole file, with every hash kept in the fingerprint cache so an
+// unchanged file is read once. An actor: every public operation holds its lock, so scans run one at
+// a time; callers own the scans returned.
+#pragma once
+#include "VantleLibrary/Fingerprint.h"
+#include "VantleLibrary/FingerprintCache.h"
+#include "VantleSpec/CancelFlag.h"
+#include "VantleSpec/Json.h"
+#include "VantleSpec/LibraryRecords.h"
+#include "VantleSpec/Time.h"
+
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace vantle {
+
+// How the copies of one group share their storage. Removing a hard link frees nothing while another
+// name of the file is kept; removing a clone frees only the blocks it does not share.
+struct DuplicateSharing {
+    std::string fingerprint;                         // the group's
+    std::vector<std::vector<std::string>> hardLinks; // names of one file, two or more each
+    std::vector<std::string> clones;                 // copies whose every block is shared with another file
+    std::int64_t freeable = 0;                       // what removing all but one copy really frees
+    bool operator==(const DuplicateSharing&) const = default;
+};
+VANTLE_RECORD_JSON(DuplicateSharing, fingerprint, hardLinks, clones, freeable)
+
+// The outcome of one scan.
+struct DuplicateScan {
+    std::vector<DuplicateGroup> groups;
+    bool isComplete = true; // false when the scan stopped at its deadline or was cancelled
+    TimePoint at{};
+    int candidates = 0;         // files that shared a size with another file
+    std::int64_t bytesRead = 0; // read for hashing
+    double seconds = 0;
+    std::vector<DuplicateSharing> sharing; // one per group, in the same order
+    std::optional<std::string> note;       // what degraded, shown as it stands
+
+    std::int64_t freeableBytes() const;
+    DuplicateLook look() const { return {groups, isComplete}; }
+    bool operator==(const DuplicateScan&) const = default;
+};
+VANTLE_RECORD_JSON(DuplicateScan, groups, isComplete, at, candidates, bytesRead, seconds, sharing, note)
+
+// What a scan is doing, for a progress line.
+struct DuplicateProgress {
+    enum class Phase { recording, sampling, hashing };
+    Phase phase = Phase::recording;
+    size_t done = 0;
+    size_t total = 0;
+    std::int64_t bytesRead = 0;
+};
+
+class Duplicates {
+  public:
+    // One candidate file, read once before any hashing.
+    struct Record {
+        std::string path;
+        std::vector<std::string> names; // as shown
+        FileNumber number;
+        std::int64_t size = 0;
+        std::int64_t allocated = 0;
+        std::int64_t privateSize = 0; // blocks not shared with a clone
+        std::uint32_t linkCount = 0;
+        std::uint64_t cloneID = 0; // where the shared blocks start: equal for clones of one file; 0 = none
+        bool sharesAllBlocks = false;
+        bool isShared = false;
+        std::int64_t modified = 0; // nanoseconds since the epoch
+        std::optional<std::int64_t> born;
+    };
+
+    struct Options {
+        std::filesystem::path cacheFile; // empty: hashes are kept for this run only
+        std::chrono::milliseconds timeLimit{45'000};
+        std::int64_t smallestSize = 1; // empty files are all alike and free nothing
+        Clock clock = systemClock();
+    };
+
+    static inline constexpr std::string_view cacheNotSaved =
+        "The fingerprint cache could not be saved ({reason}), so the next scan reads these files again.";
+
+    explicit Duplicates(Options options);
+
+    // Scans `items` (regular files; others are skipped). Stops at the time limit or when `cancel` is
+    // set, returning the groups found so far with isComplete false.
+    DuplicateScan scan(std::span<const FileItem> items, CancelFlag& cancel,
+                       const std::function<void(const DuplicateProgress&)>& progress = {});
+
+    // How one group's copies share storage: hard links are one file, and clones of one family free
+    // only their own blocks unless the whole family goes.
+    static DuplicateSharing sharingOf(std::string fingerprint, std::int64_t size,
+                                      std::span<const Record> copies);
+
+    // The latest scan, if any.
+    std::optional<DuplicateScan> latest() const;
+
+  private:
+    mutable std::mutex mutex_;
+    Options options_;
+    FingerprintCache cache_;
+    std::optional<DuplicateScan> latest_;
+};
+
+} // namespace vantle

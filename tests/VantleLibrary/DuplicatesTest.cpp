@@ -1,0 +1,243 @@
+#include "VantleLibrary/Duplicates.h"
+#include "VantleLibrary/FingerprintReader.h"
+#include "support/TempDir.h"
+
+#include <gtest/gtest.h>
+#include <openssl/evp.h>
+
+#include <fcntl.h>
+#include <set>
+#include <sys/stat.h>
+
+using namespace vantle;
+using namespace std::chrono;
+using vantle::testing::TempDir;
+
+namespace {
+
+std::string patterned(size_t size, unsigned seed) {
+    std::string s(size, '\0');
+    for (auto& c : s) {
+        seed = seed * 1103515245u + 12345u;
+        c = static_cast<char>(seed >> 16);
+    }
+    return s;
+}
+
+std::string sha256Hex(std::string_view bytes) {
+    Digest d{};
+    EVP_Digest(bytes.data(), bytes.size(), d.data(), nullptr, EVP_sha256(), nullptr);
+    return hexOf(d);
+}
+
+FileItem itemFor(const std::filesystem::path& file) {
+    FileItem item;
+    item.path = file;
+    item.name = file.filename();
+    item.size = static_cast<std::int64_t>(std::filesystem::file_size(file));
+    return item;
+}
+
+std::vector<FileItem> itemsUnder(const TempDir& dir) {
+    std::vector<FileItem> items;
+    for (auto& entry : std::filesystem::recursive_directory_iterator(dir.path()))
+        if (entry.is_regular_file() && !entry.path().string().contains("Library"))
+            items.push_back(itemFor(entry));
+    return items;
+}
+
+std::set<std::set<std::string>> namesByGroup(const DuplicateScan& scan) {
+    std::set<std::set<std::string>> out;
+    for (const auto& g : scan.groups) {
+        std::set<std::string> names;
+        for (const auto& item : g.items)
+            names.insert(item.name);
+        out.insert(names);
+    }
+    return out;
+}
+
+struct Library {
+    TempDir dir;
+    std::string copy = patterned(100'000, 1);
+    std::string small = "tiny same";
+    Library() {
+        for (auto name : {"a1", "a2", "a3"})
+            dir.write(name, copy);
+        // Same size as the copies; differ only in the last byte, which the tail slice sees.
+        auto tail = copy;
+        tail.back() ^= 1;
+        dir.write("b1", tail);
+        // Differ only at byte 30,000, which no slice covers: the samples agree, the whole files do not.
+        auto inside = copy;
+        inside[30'000] ^= 1;
+        dir.write("c1", inside);
+        dir.write("unique", patterned(77, 3));
+        dir.write("e1", small);
+        dir.write("e2", small);
+        dir.write("empty1", "");
+        dir.write("empty2", "");
+    }
+    Duplicates finder(Clock clock = systemClock()) {
+        return Duplicates({dir / "Library/fingerprints.json", 45s, 1, clock});
+    }
+    void setModified(const char* name, std::int64_t nanoseconds) {
+        timespec times[2] = {{0, UTIME_OMIT}, {nanoseconds / 1'000'000'000, nanoseconds % 1'000'000'000}};
+        ASSERT_EQ(::utimensat(AT_FDCWD, (dir / name).c_str(), times, 0), 0);
+    }
+};
+
+constexpr std::int64_t sample = 3 * 16'384;
+
+} // namespace
+
+TEST(DuplicateScan, GroupsOnlyWholeFileCopiesAndReadsOnlyWhatItMust) {
+    Library lib;
+    CancelFlag cancel;
+    auto scan = lib.finder().scan(itemsUnder(lib.dir), cancel);
+    EXPECT_TRUE(scan.isComplete);
+    EXPECT_EQ(namesByGroup(scan), (std::set<std::set<std::string>>{{"a1", "a2", "a3"}, {"e1", "e2"}}));
+    EXPECT_EQ(scan.candidates, 7); // a1-a3, b1, c1, e1, e2; empty files are too small to matter
+    // Samples for everything sharing a size; whole reads only for what shared a sample too (not b1).
+    EXPECT_EQ(scan.bytesRead, 5 * sample + 2 * 3 * 9 + 4 * 100'000 + 2 * 9);
+
+    ASSERT_EQ(scan.groups.size(), 2u);
+    const auto& biggest = scan.groups.front(); // most space first
+    EXPECT_EQ(biggest.fingerprint, sha256Hex(lib.copy));
+    EXPECT_EQ(biggest.size, 100'000);
+    EXPECT_EQ(scan.sharing.front().freeable, 200'000);
+    EXPECT_EQ(scan.freeableBytes(), 200'000 + 9);
+    EXPECT_TRUE(std::ranges::is_sorted(biggest.items, {}, &FileItem::path));
+    EXPECT_EQ(scan.look(), (DuplicateLook{scan.groups, true}));
+}
+
+TEST(DuplicateScan, AnUnchangedLibraryIsNotReadAgainEvenAfterARestart) {
+    Library lib;
+    CancelFlag cancel;
+    auto items = itemsUnder(lib.dir);
+    auto first = lib.finder().scan(items, cancel);
+    ASSERT_GT(first.bytesRead, 0);
+    ASSERT_TRUE(std::filesystem::exists(lib.dir / "Library/fingerprints.json"));
+
+    auto finder = lib.finder(); // a fresh finder reads the cache file
+    auto second = finder.scan(items, cancel);
+    EXPECT_EQ(second.bytesRead, 0);
+    EXPECT_EQ(second.groups, first.groups);
+    EXPECT_EQ(finder.scan(items, cancel).bytesRead, 0);
+}
+
+TEST(DuplicateScan, AChangedFileIsHashedAgainAndOnlyIt) {
+    Library lib;
+    CancelFlag cancel;
+    auto items = itemsUnder(lib.dir);
+    auto finder = lib.finder();
+    finder.scan(items, cancel);
+
+    // Touched by one nanosecond: only a1 is read again, sample and whole.
+    auto modified = fileStatus(lib.dir / "a1")->modified;
+    lib.setModified("a1", modified + 1);
+    auto touched = finder.scan(items, cancel);
+    EXPECT_EQ(touched.bytesRead, sample + 100'000);
+    EXPECT_EQ(touched.groups.size(), 2u);
+
+    // Same bytes and same time under a new inode: the kept hashes no longer count.
+    auto a2Time = fileStatus(lib.dir / "a2")->modified;
+    lib.dir.write("a2.new", lib.copy);
+    std::filesystem::rename(lib.dir / "a2.new", lib.dir / "a2");
+    lib.setModified("a2", a2Time);
+    EXPECT_EQ(finder.scan(items, cancel).bytesRead, sample + 100'000);
+
+    // A copy that became different drops out of its group.
+    lib.dir.write("a3", patterned(100'000, 9));
+    auto changed = finder.scan(items, cancel);
+    EXPECT_EQ(namesByGroup(changed), (std::set<std::set<std::string>>{{"a1", "a2"}, {"e1", "e2"}}));
+}
+
+TEST(DuplicateScan, HardLinksAreOneFileAndFreeNothing) {
+    TempDir dir;
+    auto content = patterned(40'000, 5);
+    dir.write("original", content);
+    std::filesystem::create_hard_link(dir / "original", dir / "link");
+    CancelFlag cancel;
+    Duplicates finder({{}, 45s, 1, systemClock()});
+
+    auto linksAlone = finder.scan(itemsUnder(dir), cancel);
+    EXPECT_TRUE(linksAlone.groups.empty()) << "two names of one file are not duplicates";
+    EXPECT_EQ(linksAlone.candidates, 0);
+    EXPECT_EQ(linksAlone.bytesRead, 0);
+
+    dir.write("copy", content);
+    auto scan = finder.scan(itemsUnder(dir), cancel);
+    ASSERT_EQ(scan.groups.size(), 1u);
+    EXPECT_EQ(scan.groups[0].items.size(), 3u);
+    EXPECT_EQ(scan.bytesRead, 2 * (sample + 40'000)) << "the linked file is read once";
+    const auto& sharing = scan.sharing[0];
+    EXPECT_EQ(sharing.hardLinks, (std::vector<std::vector<std::string>>{
+                                     {(dir / "link").string(), (dir / "original").string()}}));
+    EXPECT_EQ(sharing.freeable, 40'000) << "only the separate copy takes space of its own";
+}
+
+TEST(DuplicateScan, ClonesFreeOnlyTheirOwnBlocksUnlessTheirWholeFamilyGoes) {
+    auto record = [](std::string path, std::uint64_t inode, std::uint64_t cloneID, std::int64_t privateSize) {
+        Duplicates::Record r;
+        r.path = std::move(path);
+        r.number = {1, inode};
+        r.size = 1000;
+        r.allocated = 1024;
+        r.cloneID = cloneID;
+        r.isShared = r.sharesAllBlocks = cloneID != 0;
+        r.privateSize = privateSize;
+        return r;
+    };
+    // Two clones of one family and one separate copy: keeping a clone, the copy frees its size and
+    // the other clone its 24 private bytes.
+    std::vector<Duplicates::Record> mixed{record("/a", 1, 77, 0), record("/b", 2, 77, 24),
+                                          record("/c", 3, 0, 1024)};
+    auto sharing = Duplicates::sharingOf("f", 1000, mixed);
+    EXPECT_EQ(sharing.clones, (std::vector<std::string>{"/a", "/b"}));
+    EXPECT_EQ(sharing.freeable, 1000 + 24);
+    EXPECT_TRUE(sharing.hardLinks.empty());
+
+    std::vector<Duplicates::Record> clonesOnly{record("/a", 1, 77, 0), record("/b", 2, 77, 0)};
+    EXPECT_EQ(Duplicates::sharingOf("f", 1000, clonesOnly).freeable, 0);
+
+    std::vector<Duplicates::Record> twoFamilies{record("/a", 1, 77, 0), record("/b", 2, 88, 0)};
+    EXPECT_EQ(Duplicates::sharingOf("f", 1000, twoFamilies).freeable, 1000);
+}
+
+TEST(DuplicateScan, StopsAtItsDeadlineOrWhenCancelledWithWhatItHas) {
+    Library lib;
+    auto items = itemsUnder(lib.dir);
+    // Each look at the clock moves it on by ten seconds: the 45-second limit passes mid-scan.
+    auto now = sys_days{2026y / 3 / 1} + 0s;
+    Clock ticking = [&now] { return now += 10s; };
+    CancelFlag cancel;
+    auto late = lib.finder(ticking).scan(items, cancel);
+    EXPECT_FALSE(late.isComplete);
+    EXPECT_TRUE(late.groups.empty()) << "equal samples alone are never reported";
+    EXPECT_GT(late.seconds, 45);
+
+    cancel.cancel();
+    auto cancelled = lib.finder().scan(items, cancel);
+    EXPECT_FALSE(cancelled.isComplete);
+    EXPECT_EQ(cancelled.bytesRead, 0);
+}
+
+TEST(DuplicateScan, VanishedOrUnsavableFilesDegradeWithoutFailing) {
+    Library lib;
+    auto items = itemsUnder(lib.dir);
+    std::filesystem::remove(lib.dir / "a3");
+    lib.dir.write("blocker", "a file where the cache folder should be");
+    Duplicates finder({lib.dir / "blocker/fingerprints.json", 45s, 1, systemClock()});
+    CancelFlag cancel;
+    auto scan = finder.scan(items, cancel);
+    EXPECT_TRUE(scan.isComplete);
+    EXPECT_EQ(namesByGroup(scan), (std::set<std::set<std::string>>{{"a1", "a2"}, {"e1", "e2"}}));
+    ASSERT_TRUE(scan.note);
+    EXPECT_TRUE(scan.note->starts_with("The fingerprint cache could not be saved (")) << *scan.note;
+    EXPECT_EQ(finder.latest(), scan);
+
+    auto json = decodeJson<DuplicateScan>(encodeJson(scan));
+    ASSERT_TRUE(json) << json.error();
+    EXPECT_EQ(*json, scan);
+}
