@@ -1,0 +1,93 @@
+// The file library: the catalog of the user's files, the summary kept between launches, the smart
+// lists and their clean-up cards, and the change watcher that makes the catalog stale, all set up by
+// one Library::Options. Every public operation may be called from any thread; long ones take a
+// cancel flag and a progress callback. Results are values (snapshots are shared and immutable).
+#pragma once
+#include "VantleLibrary/Calendar.h"
+#include "VantleLibrary/Catalog.h"
+#include "VantleLibrary/ChangeWatcher.h"
+#include "VantleLibrary/LibrarySummaryStore.h"
+#include "VantleLibrary/SmartLists.h"
+#include "VantleSpec/LibraryRecords.h"
+
+#include <chrono>
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <optional>
+
+namespace vantle {
+
+class Library {
+  public:
+    struct Options {
+        // Read facts from a metadata index first. Linux has none: the catalog walks the disk either
+        // way, and the live wiring sets this false there so the options say what happens.
+        bool useSpotlight = true;
+        std::chrono::seconds queryTimeLimit{30};
+        std::int64_t walkLimit = 300'000;
+        std::chrono::seconds walkTimeLimit{20};
+        // How long a walk answers while no change is heard (see Catalog::Options::walkFreshness).
+        std::chrono::seconds walkFreshness{300};
+        std::chrono::seconds duplicateTimeLimit{45};
+        std::chrono::seconds duplicateFreshness{60};
+        bool duplicatesOnDemand = false;                      // the app sets true
+        std::optional<std::filesystem::path> fingerprintFile; // the app sets Library/fingerprints.json
+        std::optional<std::filesystem::path> summaryFile;     // the app sets Library/summary.json
+        std::chrono::seconds modelTimeLimit{8};
+        int samples = 4; // example items kept per category and per card
+        ChangeTiming::Seconds changeLatency{1};
+        ChangeTiming::Seconds changeQuiet{3};
+        ChangeTiming::Seconds changeLongestWait{15};
+        ChangeTiming::Seconds changeCooldown{60};
+        Clock now = systemClock();
+        Calendar calendar;
+    };
+
+    // Reads the kept summary at once, so figures are there before the first reading.
+    Library(LibraryScope scope, Options options);
+    ~Library();
+    Library(const Library&) = delete;
+    Library& operator=(const Library&) = delete;
+
+    const Options& options() const { return options_; }
+    const LibraryScope& scope() const { return scope_; }
+    Catalog& catalog() { return catalog_; }
+    const SmartLists& smartLists() const { return lists_; }
+
+    // The summary kept from an earlier run (or the latest kept in this one).
+    std::optional<LibrarySummary> keptSummary() const { return kept_.summary(); }
+
+    // The catalog's reading: reused while fresh, else walked (one walk at a time).
+    Catalog::Result read(const CancelFlag& cancel, const DiskWalk::ProgressFn& progress = {});
+
+    // The summary of the current reading, kept in Library/summary.json when the reading is new. A
+    // summary that could not be kept says so in its note.
+    LibrarySummary summary(const CancelFlag& cancel, const DiskWalk::ProgressFn& progress = {});
+
+    std::vector<FileItem> list(SmartList list, size_t limit, const CancelFlag& cancel,
+                               const DiskWalk::ProgressFn& progress = {},
+                               const DuplicateLook* duplicates = nullptr);
+    std::vector<CleanUpCard> cleanUpCards(const CancelFlag& cancel, const DiskWalk::ProgressFn& progress = {},
+                                          const DuplicateLook* duplicates = nullptr);
+
+    // Starts watching the home for changes; each signal makes the catalog stale. False when the
+    // system gives no event queue (the catalog then relies on walkFreshness alone).
+    bool startWatching();
+    void stopWatching();
+    // A listener's own stream of change signals (works before and after the watcher starts).
+    std::shared_ptr<ChangeStream> changes();
+    ChangeWatcher::Status watching() const;
+
+  private:
+    const LibraryScope scope_;
+    const Options options_;
+    Catalog catalog_;
+    KeptSummary kept_;
+    SmartLists lists_;
+    ChangeWatcher watcher_;
+    mutable std::mutex mutex_;
+    std::shared_ptr<const Snapshot> keptFrom_; // the snapshot whose summary was kept last
+};
+
+} // namespace vantle
