@@ -1,0 +1,223 @@
+#include "VantleLibrary/FileQueryRunner.h"
+
+#include "VantleLibrary/ContentTypes.h"
+#include "VantleLibrary/Sources.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+
+namespace vantle {
+
+namespace {
+
+using Sort = FileQuery::Sort;
+using DateField = FileQuery::DateField;
+
+// Names and terms are compared lower-cased with "_", "-" and "." read as spaces, so "tax return"
+// finds "Tax_Return-2023.pdf".
+void normalizeInto(std::string_view text, std::string& out) {
+    out.clear();
+    for (unsigned char c : text) {
+        if (c == '_' || c == '-' || c == '.')
+            out += ' ';
+        else
+            out += c < 0x80 ? static_cast<char>(std::tolower(c)) : static_cast<char>(c);
+    }
+}
+
+std::string normalized(std::string_view text) {
+    std::string out;
+    normalizeInto(text, out);
+    return out;
+}
+
+bool containsFolded(std::string_view text, std::string_view part) {
+    auto t = normalized(text), p = normalized(part);
+    return t.find(p) != std::string::npos;
+}
+
+std::optional<TimePoint> dateOf(const Facts& f, DateField field) {
+    switch (field) {
+    case DateField::created:
+        return f.contentCreated ? f.contentCreated : f.created;
+    case DateField::modified:
+        return f.modified;
+    case DateField::added:
+        return f.added;
+    case DateField::opened:
+        return f.lastUsed;
+    case DateField::any:
+        break;
+    }
+    return f.modified ? f.modified : f.added ? f.added : f.created;
+}
+
+// A query made ready once: terms normalized, what each file must pass, cheapest tests first.
+struct Prepared {
+    const FileQuery& query;
+    std::vector<std::string> terms;
+    std::string folderPrefix;
+    bool nameOnly; // only name, date and place tests: folders may be answered too
+
+    explicit Prepared(const FileQuery& q) : query(q) {
+        for (const auto& t : q.terms)
+            if (auto n = normalized(t); n.find_first_not_of(' ') != std::string::npos) terms.push_back(n);
+        if (q.folder) {
+            folderPrefix = *q.folder;
+            if (!folderPrefix.ends_with('/')) folderPrefix += '/';
+        }
+        nameOnly = !terms.empty() && q.kinds.empty() && q.extensions.empty() && !q.screenshotsOnly &&
+                   !q.minSize && !q.maxSize && !q.source && !q.camera;
+    }
+
+    bool inDates(const Facts& f) const {
+        if (!query.after && !query.before) return true;
+        auto within = [&](const std::optional<TimePoint>& at) {
+            return at && (!query.after || *at >= *query.after) && (!query.before || *at < *query.before);
+        };
+        if (query.dateField != DateField::any) return within(dateOf(f, query.dateField));
+        return within(f.created) || within(f.contentCreated) || within(f.modified) || within(f.added) ||
+               within(f.lastUsed);
+    }
+
+    bool test(const Facts& f, std::string& scratch) const {
+        if (f.isFolder && !f.isPackage && !nameOnly) return false;
+        if (query.screenshotsOnly && !f.isScreenshot) return false;
+        if (query.minSize && f.size < *query.minSize) return false;
+        if (query.maxSize && f.size > *query.maxSize) return false;
+        if (!folderPrefix.empty() && !f.path.starts_with(folderPrefix)) return false;
+        if (!query.kinds.empty() || !query.extensions.empty()) {
+            // A file of any named kind or with any named extension: "photos and pdfs" is both.
+            auto kind = f.kind();
+            bool ofKind = kind && query.kinds.contains(*kind);
+            if (!ofKind && (query.extensions.empty() || !query.extensions.contains(lowerExtension(f.name))))
+                return false;
+        }
+        if (!inDates(f)) return false;
+        if (!terms.empty()) {
+            normalizeInto(f.name, scratch);
+            for (const auto& t : terms)
+                if (scratch.find(t) == std::string::npos) return false;
+        }
+        if (query.source) {
+            if (f.whereFroms.empty() || Sources::sourceKey(f.whereFroms) != *query.source) return false;
+        }
+        if (query.camera) {
+            bool byMake = f.cameraMake && containsFolded(*f.cameraMake, *query.camera);
+            bool byModel = f.cameraModel && containsFolded(*f.cameraModel, *query.camera);
+            if (!byMake && !byModel) return false;
+        }
+        return true;
+    }
+
+    // Lower is better: the name (without its extension) is a term, starts with one, has one at a word
+    // start, or only contains them.
+    int relevance(const Facts& f) const {
+        auto name = normalized(f.name);
+        auto extension = lowerExtension(f.name);
+        auto stem = name.substr(0, name.size() - (extension.empty() ? 0 : extension.size() + 1));
+        int best = 3;
+        for (const auto& t : terms) {
+            if (stem == t || name == t)
+                best = std::min(best, 0);
+            else if (name.starts_with(t))
+                best = std::min(best, 1);
+            else if (name.find(" " + t) != std::string::npos)
+                best = std::min(best, 2);
+        }
+        return best;
+    }
+};
+
+} // namespace
+
+bool matches(const FileQuery& query, const Facts& facts) {
+    std::string scratch;
+    return Prepared(query).test(facts, scratch);
+}
+
+QueryAnswer runQuery(const FileQuery& query, std::span<const Facts> facts) {
+    Prepared prepared(query);
+    std::vector<const Facts*> found;
+    std::string scratch;
+    for (const auto& f : facts)
+        if (prepared.test(f, scratch)) found.push_back(&f);
+
+    QueryAnswer answer;
+    answer.total = static_cast<int>(found.size());
+    auto dateKey = [&](const Facts* f) { return dateOf(*f, query.dateField).value_or(TimePoint::min()); };
+    auto nameKey = [](const Facts* f) { return normalized(f->name); };
+    auto kindKey = [](const Facts* f) {
+        auto k = f->kind();
+        return k ? static_cast<int>(*k) : 99; // files of no kind last
+    };
+    std::vector<int> relevance;
+    if (query.sort == Sort::relevance) {
+        relevance.resize(facts.size());
+        for (auto* f : found)
+            relevance[static_cast<size_t>(f - facts.data())] = prepared.relevance(*f);
+    }
+    // Every order ends on the path, so equal keys still come out the same way every time.
+    auto before = [&](const Facts* a, const Facts* b) {
+        switch (query.sort) {
+        case Sort::newest:
+            if (dateKey(a) != dateKey(b)) return dateKey(a) > dateKey(b);
+            break;
+        case Sort::oldest:
+            if (dateKey(a) != dateKey(b)) return dateKey(a) < dateKey(b);
+            break;
+        case Sort::largest:
+            if (a->size != b->size) return a->size > b->size;
+            break;
+        case Sort::smallest:
+            if (a->size != b->size) return a->size < b->size;
+            break;
+        case Sort::name:
+        case Sort::nameDescending: {
+            auto x = nameKey(a), y = nameKey(b);
+            if (x != y) return query.sort == Sort::name ? x < y : x > y;
+            break;
+        }
+        case Sort::kind:
+        case Sort::kindDescending: {
+            auto x = kindKey(a), y = kindKey(b);
+            if (x != y) return query.sort == Sort::kind ? x < y : x > y;
+            auto n = nameKey(a), m = nameKey(b);
+            if (n != m) return n < m;
+            break;
+        }
+        case Sort::relevance: {
+            auto x = relevance[static_cast<size_t>(a - facts.data())];
+            auto y = relevance[static_cast<size_t>(b - facts.data())];
+            if (x != y) return x < y;
+            if (dateKey(a) != dateKey(b)) return dateKey(a) > dateKey(b);
+            break;
+        }
+        }
+        return a->path < b->path;
+    };
+    auto keep = std::min(found.size(), static_cast<size_t>(std::max(query.limit, 0)));
+    std::partial_sort(found.begin(), found.begin() + static_cast<std::ptrdiff_t>(keep), found.end(), before);
+    answer.items.reserve(keep);
+    for (size_t i = 0; i < keep; ++i)
+        answer.items.push_back(toFileItem(*found[i]));
+    return answer;
+}
+
+SearchResult searchFiles(const SearchParser& parser, std::string_view words, const Snapshot& snapshot,
+                         const Reading& reading, int limit) {
+    auto started = std::chrono::steady_clock::now();
+    SearchResult result;
+    result.parsed = parser.parse(words, limit);
+    auto answer = runQuery(result.parsed.query, snapshot.facts);
+    result.items = std::move(answer.items);
+    result.total = answer.total;
+    result.note = reading.note();
+    auto elapsed = std::chrono::steady_clock::now() - started;
+    result.parsed.milliseconds =
+        static_cast<int>(std::lround(std::chrono::duration<double, std::milli>(elapsed).count()));
+    return result;
+}
+
+} // namespace vantle
