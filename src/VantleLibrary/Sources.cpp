@@ -103,4 +103,47 @@ std::optional<std::string> Sources::sourceKey(std::span<const std::string> origi
     return std::nullopt;
 }
 
+std::vector<SourceGroup> Sources::groups(std::span<const Facts> facts, int samples) {
+    struct Gathered {
+        SourceGroup group;
+        size_t order = 0;
+        std::vector<const Facts*> files;
+    };
+    std::vector<Gathered> gathered;
+    auto orderOf = [](std::string_view key) {
+        auto all = families();
+        for (size_t i = 0; i < all.size(); ++i)
+            if (all[i].key == key) return i;
+        return all.size() + (key == mailKey ? 0 : 1);
+    };
+    for (const auto& f : facts) {
+        if (f.whereFroms.empty() || f.isFolder) continue;
+        auto key = sourceKey(f.whereFroms);
+        if (!key) continue;
+        auto it = std::ranges::find_if(gathered, [&](const Gathered& g) { return g.group.key == *key; });
+        if (it == gathered.end()) {
+            gathered.push_back({SourceGroup{*key, std::string(nameOf(*key)), 0, 0, {}}, orderOf(*key), {}});
+            it = gathered.end() - 1;
+        }
+        it->group.count += 1;
+        it->group.bytes += f.size;
+        it->files.push_back(&f);
+    }
+    std::ranges::sort(gathered, {}, [](const Gathered& g) { return std::pair(-g.group.count, g.order); });
+    std::vector<SourceGroup> out;
+    for (auto& g : gathered) {
+        auto keep = std::min(g.files.size(), static_cast<size_t>(std::max(samples, 0)));
+        auto newest = [](const Facts* a, const Facts* b) {
+            auto x = a->modified.value_or(TimePoint::min()), y = b->modified.value_or(TimePoint::min());
+            return x != y ? x > y : a->path < b->path;
+        };
+        std::partial_sort(g.files.begin(), g.files.begin() + static_cast<std::ptrdiff_t>(keep), g.files.end(),
+                          newest);
+        for (size_t i = 0; i < keep; ++i)
+            g.group.samples.push_back(toFileItem(*g.files[i]));
+        out.push_back(std::move(g.group));
+    }
+    return out;
+}
+
 } // namespace vantle

@@ -2,6 +2,9 @@
 // host and matched against a fixed table of source families (web sites, mail services, apps). Pure
 // functions over constant tables; safe from any thread. The family table lives for the whole program.
 #pragma once
+#include "VantleLibrary/Facts.h"
+#include "VantleSpec/LibraryRecords.h"
+
 #include <cstddef>
 #include <optional>
 #include <span>
@@ -68,6 +71,11 @@ class Sources {
         size_t tokens = 0;
     };
     static std::optional<WordMatch> matchWords(std::span<const std::string> tokens);
+
+    // The files of a reading grouped by source: biggest groups first (ties in table order, mail and
+    // extension groups after the families), each with its `samples` most recently changed files.
+    // Files without a source are in no group.
+    static std::vector<SourceGroup> groups(std::span<const Facts> facts, int samples);
 
   private:
     static bool hostMatches(std::string_view host, std::string_view familyHost);

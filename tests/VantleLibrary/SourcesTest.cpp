@@ -132,3 +132,38 @@ TEST(SourceWords, LongestWordWinsAndPluralsAndAliasesWork) {
     EXPECT_EQ(match({"pdfs", "gmail"}), "none");
     EXPECT_EQ(match({}), "none");
 }
+
+TEST(SourceGroups, FilesGroupByFamilyBiggestFirstWithNewestSamples) {
+    auto fileFrom = [](std::string name, std::int64_t size, int day, std::vector<std::string> origins) {
+        Facts f;
+        f.path = "/home/u/Downloads/" + name;
+        f.name = std::move(name);
+        f.size = size;
+        f.modified = TimePoint{} + std::chrono::days(day);
+        f.whereFroms = std::move(origins);
+        return f;
+    };
+    std::vector<Facts> facts{
+        fileFrom("a.pdf", 10, 1, {"https://mail.google.com/x"}),
+        fileFrom("b.pdf", 20, 3, {"https://www.gmail.com/y"}),
+        fileFrom("c.pdf", 30, 2, {"https://gmail.com/z"}),
+        fileFrom("d.zip", 5, 1, {"https://github.com/o/r/archive.zip"}),
+        fileFrom("e.txt", 7, 1, {"message:%3Cabc%3E"}),
+        fileFrom("f.txt", 9, 1, {"http://localhost:8000/f.txt"}),
+        fileFrom("g.txt", 9, 1, {}),
+    };
+    auto groups = Sources::groups(facts, 2);
+    ASSERT_EQ(groups.size(), 3u);
+    EXPECT_EQ(groups[0].key, "gmail");
+    EXPECT_EQ(groups[0].name, "Gmail");
+    EXPECT_EQ(groups[0].count, 3);
+    EXPECT_EQ(groups[0].bytes, 60);
+    ASSERT_EQ(groups[0].samples.size(), 2u);
+    EXPECT_EQ(groups[0].samples[0].name, "b.pdf");
+    EXPECT_EQ(groups[0].samples[1].name, "c.pdf");
+    // Equal counts: table order, and mail after every family.
+    EXPECT_EQ(groups[1].key, "github");
+    EXPECT_EQ(groups[2].key, "mail");
+    EXPECT_EQ(groups[2].name, "Mail");
+    EXPECT_TRUE(Sources::groups({}, 4).empty());
+}
