@@ -3,6 +3,7 @@
 truthful in its summary, and honest about what it claims to contain."""
 
 import datetime
+import glob
 import hashlib
 import os
 import plistlib
@@ -203,7 +204,6 @@ class DemoHome(unittest.TestCase):
         self.assertGreater(referrers, 0)
 
     def test_cache_places_are_where_the_cleaning_rules_look(self):
-        import glob
         for pattern in ("Library/Caches/Google/AndroidStudio*", "Library/Caches/Google/Chrome",
                         "Library/Caches/com.apple.Safari", "Library/Caches/JetBrains/*", ".cache/huggingface",
                         ".cache/pip", ".npm/_cacache", ".cargo/registry/src", ".cargo/registry/cache",
