@@ -63,7 +63,15 @@ bool makeFolder(const std::filesystem::path& folder) {
 } // namespace
 
 HealthRecord::SeedRefusal HealthRecord::SeedRefusal::of(Kind kind) {
-    return {kind, std::string(kind == Kind::alreadyHeld ? alreadyHeldSentence : notWrittenSentence)};
+    switch (kind) {
+    case Kind::notASandbox:
+        return {kind, std::string(notASandboxSentence)};
+    case Kind::alreadyHeld:
+        return {kind, std::string(alreadyHeldSentence)};
+    case Kind::notWritten:
+        break;
+    }
+    return {kind, std::string(notWrittenSentence)};
 }
 
 std::int64_t recordSeconds(TimePoint at) {

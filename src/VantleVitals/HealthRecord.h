@@ -37,12 +37,16 @@ class HealthRecord {
 
     static constexpr std::string_view fileName = "record.sqlite";
 
+    // Why a made-up week was not written. The store itself gives alreadyHeld and notWritten; the
+    // front ends give notASandbox before they ask, as only a sandbox's record may be made up.
     struct SeedRefusal {
-        enum class Kind { alreadyHeld, notWritten };
+        enum class Kind { notASandbox, alreadyHeld, notWritten };
         Kind kind;
         std::string sentence;
         bool operator==(const SeedRefusal&) const = default;
 
+        static constexpr std::string_view notASandboxSentence =
+            "A made-up week goes only into a sandbox, never into this machine's own record.";
         static constexpr std::string_view alreadyHeldSentence =
             "A made-up week goes only into a folder with none.";
         static constexpr std::string_view notWrittenSentence =
