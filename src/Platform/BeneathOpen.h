@@ -20,3 +20,11 @@ std::expected<UniqueFd, int> openBeneath(int rootFd, const std::filesystem::path
 std::expected<UniqueFd, int> openFolder(const std::filesystem::path& folder);
 
 } // namespace vantle
+
+namespace vantle {
+
+// Makes `relative` beneath `rootFd` with its missing parents, one component at a time with mkdirat,
+// refusing to pass through a link (ELOOP). An existing folder is fine. The error is the errno.
+std::expected<void, int> makeFoldersBeneath(int rootFd, const std::filesystem::path& relative, mode_t mode = 0755);
+
+} // namespace vantle

@@ -36,6 +36,9 @@ class CliContext {
 };
 
 void printJson(const Json& value);
+
+// Adds "--json" ("Print the result as JSON"); `*flag` is true when it was given.
+CLI::Option* addJsonFlag(CLI::App* command);
 bool stderrIsTerminal();
 
 // A single progress line on stderr, rewritten in place; silent when stderr is not a terminal.

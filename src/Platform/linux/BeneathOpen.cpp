@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <linux/openat2.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <string>
 #include <unistd.h>
@@ -64,6 +65,26 @@ std::expected<UniqueFd, int> openFolder(const std::filesystem::path& folder) {
     int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0) return std::unexpected(errno);
     return UniqueFd(fd);
+}
+
+} // namespace vantle
+
+namespace vantle {
+
+std::expected<void, int> makeFoldersBeneath(int rootFd, const std::filesystem::path& relative, mode_t mode) {
+    UniqueFd current;
+    int at = rootFd;
+    for (const auto& part : relative) {
+        auto name = part.string();
+        if (name.empty() || name == "." || name == "/") continue;
+        if (name == "..") return std::unexpected(EXDEV);
+        if (::mkdirat(at, name.c_str(), mode) != 0 && errno != EEXIST) return std::unexpected(errno);
+        int fd = ::openat(at, name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        if (fd < 0) return std::unexpected(errno == ENOTDIR ? (errno = ELOOP) : errno);
+        current.reset(fd);
+        at = fd;
+    }
+    return {};
 }
 
 } // namespace vantle

@@ -1,0 +1,85 @@
+// The record of live services built once at start-up, and the start-up sequence that builds it
+// (`VantleLite::make`). The front ends reach every service only through this record. Built on one
+// thread; the services it holds are each thread-safe on their own.
+#pragma once
+#include "VantleEgress/EgressLedger.h"
+#include "VantleEgress/EgressLedgerReading.h"
+#include "VantleLibrary/Duplicates.h"
+#include "VantleLibrary/Library.h"
+#include "VantleLiteLive/PlatformProfile.h"
+#include "VantleLiteLive/SandboxRule.h"
+#include "VantleLiteLive/StandInApps.h"
+#include "VantleLiteLive/StandInMac.h"
+#include "VantleLiteLive/StandInProcesses.h"
+#include "VantleStorage/StorageScanner.h"
+#include "VantleVitals/HealthHistory.h"
+#include "VantleVitals/HealthRecord.h"
+#include "VantleVitals/StandInVitals.h"
+#include "VantleVitals/VitalsReader.h"
+
+#include <expected>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace vantle {
+
+struct VantleLite {
+    struct Options {
+        std::optional<std::filesystem::path> sandbox;
+        std::optional<std::filesystem::path> support; // replaces the data folder when given
+        bool offline = false;                         // no network road at all
+        std::set<int> standInProcesses;               // live pids the stand-in process list may act on
+        bool realReadingsOnSandbox = false;           // a sandbox still reads this machine's vitals
+
+        // Seams for tests: the home of a real run and the folders a sandbox is checked against.
+        std::optional<std::filesystem::path> realHome;
+        std::optional<SandboxRule> sandboxRule;
+    };
+
+    struct Failure {
+        enum class Case { notASandbox, couldNotMake, couldNotRestrict };
+        Case what;
+        std::string sentence;
+
+        static constexpr std::string_view couldNotMakeSentence = "Vantle Lite could not make {folder}: {reason}";
+        static constexpr std::string_view title = "Vantle Lite could not start";
+    };
+
+    // Start-up notes: things that lowered what the program can do without stopping it.
+    static constexpr std::string_view ledgerNotOpenedNote =
+        "The network ledger could not be opened ({reason}), so Vantle Lite is offline.";
+
+    std::filesystem::path home;
+    std::filesystem::path support; // the data folder
+    bool isSandbox = false;
+    PlatformProfile profile;
+    std::shared_ptr<Library> library; // the file library (step 7): catalog, kept summary, smart lists, watcher
+    std::shared_ptr<Duplicates> duplicates; // (step 7) duplicate scans with their fingerprint cache
+    // storage: the storage services (step 8)
+    std::shared_ptr<StorageScanner> storageScanner; // its report is kept in Library/storage.json
+    std::filesystem::path holding;                  // the holding folder: items set aside, never counted
+    // vitals, health, checkup, activity: the health services (step 9)
+    std::shared_ptr<HealthRecord> healthRecord;   // Health/record.sqlite in the data folder, opened on first use
+    std::shared_ptr<HealthHistory> healthHistory; // reads healthRecord back for a day, a month or a year
+    std::shared_ptr<VitalsReader> vitals;          // this machine's readings, or the sandbox's stand-in
+    std::shared_ptr<ActivitySource> activity;      // the process list with processor shares and rates
+    std::shared_ptr<StandInVitals> standInVitals;  // in a sandbox that shows made-up readings; else null
+    std::shared_ptr<EgressLedgerReading> ledger; // the silent ledger when offline
+    std::shared_ptr<EgressLedger> ledgerWriter;  // null when the ledger could not be opened
+    // opener, updater, trash, startup: with their own work
+    std::shared_ptr<StandInMac> mac;             // stand-in in a sandbox; the real machine's controls come later
+    std::shared_ptr<StandInProcesses> processes; // stand-in in a sandbox; a real run reads /proc
+    std::shared_ptr<StandInApps> standInApps;
+    std::vector<std::string> notes;
+
+    // True when nothing may be sent for this whole run.
+    bool offline = false;
+
+    static std::expected<VantleLite, Failure> make(const Options& options);
+};
+
+} // namespace vantle

@@ -1,0 +1,68 @@
+#include "cli/CliSupport.h"
+
+#include <csignal>
+#include <iostream>
+#include <unistd.h>
+
+namespace vantle::cli {
+
+VantleLite* CliContext::live() {
+    if (!tried_) {
+        tried_ = true;
+        auto made = VantleLite::make(options_);
+        if (made)
+            live_ = std::move(*made);
+        else
+            refuse(made.error().sentence);
+    }
+    return live_ ? &*live_ : nullptr;
+}
+
+void CliContext::refuse(const std::string& sentence) {
+    std::cerr << sentence << "\n";
+    exitCode = exitRefused;
+}
+
+void printJson(const Json& value) { std::cout << value.dump(2, ' ', false, Json::error_handler_t::replace) << "\n"; }
+
+CLI::Option* addJsonFlag(CLI::App* command) {
+    static const std::string description = "Print the result as JSON";
+    return command->add_flag("--json", description);
+}
+
+bool stderrIsTerminal() { return ::isatty(STDERR_FILENO) == 1; }
+
+ProgressLine::ProgressLine() : enabled_(stderrIsTerminal()) {}
+
+ProgressLine::~ProgressLine() { clear(); }
+
+void ProgressLine::show(const std::string& text) {
+    if (!enabled_) return;
+    std::cerr << "\r\033[2K" << text << std::flush;
+    shown_ = true;
+}
+
+void ProgressLine::clear() {
+    if (!enabled_ || !shown_) return;
+    std::cerr << "\r\033[2K" << std::flush;
+    shown_ = false;
+}
+
+namespace {
+CancelFlag* interruptTarget = nullptr;
+extern "C" void onInterrupt(int) {
+    if (interruptTarget) interruptTarget->cancel();
+}
+} // namespace
+
+InterruptGuard::InterruptGuard(CancelFlag& flag) {
+    interruptTarget = &flag;
+    previous_ = std::signal(SIGINT, onInterrupt);
+}
+
+InterruptGuard::~InterruptGuard() {
+    std::signal(SIGINT, previous_ == SIG_ERR ? SIG_DFL : previous_);
+    interruptTarget = nullptr;
+}
+
+} // namespace vantle::cli
