@@ -171,16 +171,17 @@ std::vector<HealthPoint> HealthRecord::points(Table table, TimePoint from, TimeP
 }
 
 std::optional<TimePoint> HealthRecord::earliest(Table table) {
-    std::lock_guard lock(mutex_);
-    if (!database()) return std::nullopt;
-    auto seconds = bound("MIN", table);
-    return seconds ? std::optional(fromRecordSeconds(*seconds)) : std::nullopt;
+    return boundTime("MIN", table);
 }
 
 std::optional<TimePoint> HealthRecord::latest(Table table) {
+    return boundTime("MAX", table);
+}
+
+std::optional<TimePoint> HealthRecord::boundTime(const char* aggregate, Table table) {
     std::lock_guard lock(mutex_);
     if (!database()) return std::nullopt;
-    auto seconds = bound("MAX", table);
+    auto seconds = bound(aggregate, table);
     return seconds ? std::optional(fromRecordSeconds(*seconds)) : std::nullopt;
 }
 

@@ -87,6 +87,7 @@ class HealthRecord {
     bool insert(Table table, const HealthPoint& point);
     std::vector<HealthPoint> pointsBetween(Table table, double fromSeconds, double toSeconds);
     std::optional<std::int64_t> bound(const char* aggregate, Table table);
+    std::optional<TimePoint> boundTime(const char* aggregate, Table table); // locks
     void rollUp(Table from, Table into, std::int64_t bucketStart);
 
     std::mutex mutex_;

@@ -114,18 +114,3 @@ TEST(HealthPointRollUp, NoPartsNoPointAndPartsWithoutSecondsWeighAlike) {
     EXPECT_NEAR(combined->cpu, 0.3, 1e-12);
     EXPECT_FALSE(std::isnan(combined->memory));
 }
-
-TEST(HealthPointJson, KeysAreTheFieldNamesInOrderAndAnAbsentChargeIsLeftOut) {
-    auto p = part(noon, 60, 0.25);
-    p.apps = {{"Editor", 12.5, 2048, std::nullopt}};
-    auto json = Json(p);
-    std::vector<std::string> keys;
-    for (auto it = json.begin(); it != json.end(); ++it)
-        keys.push_back(it.key());
-    EXPECT_EQ(keys, (std::vector<std::string>{"start", "seconds", "cpu", "cpuPeak", "memory", "memoryPeak",
-                                              "pressure", "pressureShare", "swapBytes", "networkIn",
-                                              "networkOut", "diskRead", "diskWritten", "thermal", "apps"}));
-    EXPECT_FALSE(json["apps"][0].contains("watts"));
-    p.charge = 0.5;
-    EXPECT_EQ(decodeJson<HealthPoint>(encodeJson(p)), p);
-}
