@@ -72,11 +72,14 @@ class Walker {
 
     DiskWalk::Outcome run() {
         const auto& home = walk_.scope.home;
-        walkRoot(home, true, false);
-        auto cloud = home / "Library" / "Mobile Documents";
-        if (stop_ == Reading::Stop::finished) walkRoot(cloud, false, true);
-        for (const auto& apps : walk_.scope.appFolders)
-            if (stop_ == Reading::Stop::finished && apps != home) walkRoot(apps, false, true);
+        walkRoot(home, Root::home);
+        if (stop_ == Reading::Stop::finished) walkRoot(home / "Library" / "Mobile Documents", Root::cloud);
+        auto homePrefix = home.string() + "/";
+        for (const auto& apps : walk_.scope.appFolders) {
+            // An application folder inside the home (a sandbox's Applications) has been read already.
+            if (apps == home || apps.string().starts_with(homePrefix)) continue;
+            if (stop_ == Reading::Stop::finished) walkRoot(apps, Root::apps);
+        }
 
         out_.reading.stop = stop_;
         out_.reading.entries = entries_;
@@ -90,20 +93,27 @@ class Walker {
   private:
     void missed(const std::string& path) { out_.reading.missedContents.push_back(path); }
 
-    // `optional` roots (the cloud folder, app folders) are simply absent on many machines.
-    void walkRoot(const std::filesystem::path& root, bool isHome, bool optional) {
+    enum class Root {
+        home,
+        cloud, // absent on most machines
+        apps,  // absent on some machines, and shared with the system: only apps are taken from it
+    };
+
+    void walkRoot(const std::filesystem::path& root, Root kind) {
         auto fd = openFolder(root);
         if (!fd) {
-            if (!(optional && (fd.error() == ENOENT || fd.error() == ENOTDIR))) missed(root.string());
+            bool absent = fd.error() == ENOENT || fd.error() == ENOTDIR;
+            if (!(kind != Root::home && absent)) missed(root.string());
             return;
         }
+        appsOnly_ = kind == Root::apps;
         auto status = statusOf(fd->get(), "");
         if (!status) {
             missed(root.string());
             return;
         }
         std::vector<Frame> stack;
-        push(stack, std::move(*fd), root.string(), status->device, -1, isHome);
+        push(stack, std::move(*fd), root.string(), status->device, -1, kind == Root::home);
         descend(stack);
     }
 
@@ -166,15 +176,16 @@ class Walker {
                 continue;
             }
 
-            auto facts = factsOf(path, name, *status);
+            auto facts = factsOf(path, name, *status, frame.fd.get());
             bool isPackage = facts.isPackage;
-            out_.snapshot.facts.push_back(std::move(facts));
+            bool keep = !appsOnly_ || facts.kind() == LibraryKind::apps;
+            if (keep) out_.snapshot.facts.push_back(std::move(facts));
             if (!isFolder) {
-                ++files_;
+                if (keep) ++files_;
                 continue;
             }
             if (status->device != frame.device) continue;
-            long bundle = isPackage ? static_cast<long>(out_.snapshot.facts.size() - 1) : -1;
+            long bundle = isPackage && keep ? static_cast<long>(out_.snapshot.facts.size() - 1) : -1;
             // `frame` may move when the stack grows: take what is needed from it first.
             openChild(stack, frame.fd.get(), name, std::move(path), frame.device, bundle);
         }
@@ -196,6 +207,7 @@ class Walker {
     TimePoint began_;
     DiskWalk::Outcome out_;
     Reading::Stop stop_ = Reading::Stop::finished;
+    bool appsOnly_ = false;
     std::int64_t entries_ = 0;
     std::int64_t files_ = 0;
 };

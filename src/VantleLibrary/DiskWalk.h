@@ -20,7 +20,8 @@ namespace vantle {
 // What the library covers: the home folder and the folders that hold applications.
 // In the home, names beginning with "." and the top-level "Library" are left out (they hold the
 // system's and programs' own files), except "Library/Mobile Documents", the cloud documents.
-// Folders on another disk than the one they are reached from are listed but not looked into.
+// Folders on another disk than the one they are reached from are listed but not looked into. From
+// the application folders (shared with the system) only apps are taken.
 struct LibraryScope {
     std::filesystem::path home;
     std::vector<std::filesystem::path> appFolders;

@@ -4,8 +4,12 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
+#include <fcntl.h>
+#include <sys/syscall.h>
 #include <sys/xattr.h>
+#include <unistd.h>
 
 namespace vantle {
 namespace {
@@ -15,10 +19,52 @@ std::optional<TimePoint> ms(const std::optional<TimePoint>& at) {
     return toMilliseconds(*at);
 }
 
+// Attributes are read relative to the folder's descriptor where the kernel has the *xattrat calls
+// (Linux 6.13), which saves looking up the whole path again for every file; else by path.
+struct XattrArgs {
+    std::uint64_t value;
+    std::uint32_t size;
+    std::uint32_t flags;
+};
+constexpr long getxattratCall = 464;
+constexpr long listxattratCall = 465;
+std::atomic<bool> atCallsMissing{false};
+
+struct Place {
+    int dirFd;
+    const char* name; // relative to dirFd
+    const char* path; // the same entry, absolute
+};
+
+bool atCallUnavailable() {
+    // A container's system-call filter answers EPERM for calls it does not know.
+    if (errno != ENOSYS && errno != EPERM) return false;
+    atCallsMissing.store(true, std::memory_order_relaxed);
+    return true;
+}
+
+ssize_t listAttributes(const Place& at, char* list, size_t size) {
+    if (at.dirFd >= 0 && !atCallsMissing.load(std::memory_order_relaxed)) {
+        long n = ::syscall(listxattratCall, at.dirFd, at.name, AT_SYMLINK_NOFOLLOW, list, size);
+        if (n >= 0 || !atCallUnavailable()) return n;
+    }
+    return ::llistxattr(at.path, list, size);
+}
+
+ssize_t getAttribute(const Place& at, const char* attribute, char* value, size_t size) {
+    if (at.dirFd >= 0 && !atCallsMissing.load(std::memory_order_relaxed)) {
+        XattrArgs args{reinterpret_cast<std::uintptr_t>(value), static_cast<std::uint32_t>(size), 0};
+        long n =
+            ::syscall(getxattratCall, at.dirFd, at.name, AT_SYMLINK_NOFOLLOW, attribute, &args, sizeof args);
+        if (n >= 0 || !atCallUnavailable()) return n;
+    }
+    return ::lgetxattr(at.path, attribute, value, size);
+}
+
 // One attribute's value, or nothing when it is missing, empty or unreadable.
-std::optional<std::string> attribute(const std::string& path, const char* name) {
+std::optional<std::string> attribute(const Place& at, const char* name) {
     std::array<char, 4096> buffer;
-    ssize_t n = ::lgetxattr(path.c_str(), name, buffer.data(), buffer.size());
+    ssize_t n = getAttribute(at, name, buffer.data(), buffer.size());
     if (n <= 0) return std::nullopt;
     std::string value(buffer.data(), static_cast<size_t>(n));
     // Some writers include the C string's terminator in the value.
@@ -46,9 +92,9 @@ std::vector<std::string> splitTags(std::string_view text) {
 
 // Most files carry no user attributes at all; one listing call tells, so the common case costs one
 // system call instead of three lookups that fail.
-void readAttributes(Facts& facts) {
+void readAttributes(Facts& facts, const Place& at) {
     std::array<char, 1024> names;
-    ssize_t n = ::llistxattr(facts.path.c_str(), names.data(), names.size());
+    ssize_t n = listAttributes(at, names.data(), names.size());
     // A list longer than the buffer: ask for each attribute by name instead.
     bool tooMany = n < 0 && errno == ERANGE;
     if (n <= 0 && !tooMany) return;
@@ -64,14 +110,13 @@ void readAttributes(Facts& facts) {
         return false;
     };
     if (has(originAttribute))
-        if (auto origin = attribute(facts.path, originAttribute))
-            facts.whereFroms.push_back(std::move(*origin));
+        if (auto origin = attribute(at, originAttribute)) facts.whereFroms.push_back(std::move(*origin));
     if (has(referrerAttribute))
-        if (auto referrer = attribute(facts.path, referrerAttribute);
+        if (auto referrer = attribute(at, referrerAttribute);
             referrer && std::ranges::find(facts.whereFroms, *referrer) == facts.whereFroms.end())
             facts.whereFroms.push_back(std::move(*referrer));
     if (has(tagsAttribute))
-        if (auto tags = attribute(facts.path, tagsAttribute)) facts.tags = splitTags(*tags);
+        if (auto tags = attribute(at, tagsAttribute)) facts.tags = splitTags(*tags);
 }
 
 } // namespace
@@ -112,7 +157,7 @@ bool isScreenshotName(std::string_view name, std::string_view contentType) {
     return false;
 }
 
-Facts factsOf(std::string path, std::string_view name, const EntryStatus& status) {
+Facts factsOf(std::string path, std::string_view name, const EntryStatus& status, int dirFd) {
     Facts facts;
     facts.path = std::move(path);
     facts.name = std::string(name);
@@ -128,7 +173,12 @@ Facts factsOf(std::string path, std::string_view name, const EntryStatus& status
     facts.added = status.born ? *status.born : status.changed;
     facts.lastUsed = status.accessed;
     facts.isScreenshot = !facts.isFolder && isScreenshotName(name, facts.contentType);
-    readAttributes(facts);
+    // Browsers mark downloaded files; a folder's origin would say nothing the sources could use.
+    if (!facts.isFolder) {
+        // `name` need not end in a terminator: the system calls want one.
+        std::string relative(name);
+        readAttributes(facts, Place{dirFd, relative.c_str(), facts.path.c_str()});
+    }
     return facts;
 }
 

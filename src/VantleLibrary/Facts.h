@@ -56,8 +56,9 @@ inline constexpr const char* originAttribute = "user.xdg.origin.url";
 inline constexpr const char* referrerAttribute = "user.xdg.referrer.url";
 inline constexpr const char* tagsAttribute = "user.xdg.tags";
 
-// Facts for one entry from its status. `path` is absolute. Extended attributes are read by path
-// without following a link; an entry whose attributes cannot be read simply has none.
-Facts factsOf(std::string path, std::string_view name, const EntryStatus& status);
+// Facts for one entry from its status. `path` is absolute; `dirFd`, when given, is the open folder
+// that holds `name`. Extended attributes are read without following a link; an entry whose
+// attributes cannot be read simply has none.
+Facts factsOf(std::string path, std::string_view name, const EntryStatus& status, int dirFd = -1);
 
 } // namespace vantle

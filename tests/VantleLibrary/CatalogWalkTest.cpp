@@ -143,6 +143,29 @@ TEST(DiskWalk, AnAppBundleIsOneItemOfItsContentsSize) {
     EXPECT_EQ(out.reading.entries, 8);
 }
 
+TEST(DiskWalk, TakesOnlyAppsFromApplicationFoldersOutsideTheHome) {
+    TempDir base;
+    base.write("home/Applications/Mine.app/Contents/x", "12");
+    base.write("system/apps/editor.desktop", "[Desktop Entry]");
+    base.write("system/apps/vendor/Tool.AppImage", "elf");
+    base.write("system/apps/vendor/lib/libtool.so", "elf");
+    base.write("system/apps/README", "text");
+    CancelFlag cancel;
+    auto out = DiskWalk{LibraryScope{base / "home",
+                                     {base / "system/apps", base / "home/Applications", base / "none"}},
+                        1000, systemNow() + hours(1)}
+                   .run(cancel);
+    std::vector<std::string> paths;
+    for (const auto& f : out.snapshot.facts)
+        paths.push_back(std::filesystem::path(f.path).lexically_relative(base.path()));
+    std::ranges::sort(paths);
+    // Mine.app once (the home's Applications is not read twice); the system folder gives its apps only.
+    EXPECT_EQ(paths,
+              (std::vector<std::string>{"home/Applications", "home/Applications/Mine.app",
+                                        "system/apps/editor.desktop", "system/apps/vendor/Tool.AppImage"}));
+    EXPECT_TRUE(out.reading.isComplete); // an absent application folder is not a missed one
+}
+
 TEST(DiskWalk, StopsAtTheEntryLimitAndSaysSo) {
     TempDir home;
     for (int i = 0; i < 12; ++i)
