@@ -265,8 +265,7 @@ StorageScanner::scan(const std::filesystem::path& home, ScanDepth depth,
                 settled[i].mountPoints.push_back(found.path);
                 break;
             }
-            settled[i].folders = 1;
-            settled[i].noteFolderChange(found.status.modified);
+            TreeSizer::countFolder(settled[i], found.status);
             inspected[i] = true;
             queue.push({i, found.parent, found.name, found.path, found.inside});
             break;

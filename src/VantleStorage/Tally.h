@@ -16,8 +16,8 @@ struct Tally {
     std::int64_t files = 0;
     std::int64_t folders = 0;
     std::int64_t links = 0;
-    std::int64_t logicalBytes = 0;     // sum of file lengths
-    std::int64_t allocatedBytes = 0;   // space the files take on disk, each block counted once per scan
+    std::int64_t logicalBytes = 0;   // sum of file lengths
+    std::int64_t allocatedBytes = 0; // space on disk, folders' own blocks included, each block once per scan
     std::int64_t reclaimableBytes = 0; // what deleting would give back
     std::int64_t pinnedBytes = 0;      // shared with a hard link or a clone elsewhere: would not come back
     std::optional<TimePoint> newestWrite;

@@ -71,6 +71,15 @@ void TreeSizer::run(WorkQueue<SizingTask>& queue) {
     }
 }
 
+void TreeSizer::countFolder(Tally& tally, const EntryStatus& status) {
+    // A folder's own blocks go with it when it is deleted; folders are never hard-linked or cloned.
+    ++tally.folders;
+    tally.noteFolderChange(status.modified);
+    auto blocks = static_cast<std::int64_t>(status.allocatedBytes);
+    tally.allocatedBytes += blocks;
+    tally.reclaimableBytes += blocks;
+}
+
 void TreeSizer::countEntry(std::size_t item, int dirFd, const char* name, const EntryStatus& status,
                            const std::string& folderPath) {
     Tally& tally = tallies_[item];
@@ -164,8 +173,7 @@ void TreeSizer::walkFolder(SizingTask& task, std::deque<SizingTask>& pending) {
                 break;
             }
             if (ledger_.isClaimed({status->device, status->inode})) break;
-            ++tally.folders;
-            tally.noteFolderChange(status->modified);
+            countFolder(tally, *status);
             pending.push_back(
                 {task.item, self, std::string(entry.name), joined(task.path, entry.name), std::move(inside)});
             break;
@@ -205,8 +213,7 @@ Tally TreeSizer::measureFolder(ScanLedger& ledger, int parentFd, const std::stri
     queue.push({0, std::make_shared<const UniqueFd>(std::move(parent)), name, path, std::nullopt});
     sizer.run(queue);
     tally = std::move(sizer.tallies()[0]);
-    tally.folders += 1;
-    tally.noteFolderChange(status->modified);
+    countFolder(tally, *status);
     return tally;
 }
 

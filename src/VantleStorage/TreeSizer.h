@@ -55,6 +55,9 @@ class TreeSizer {
     void countEntry(std::size_t item, int dirFd, const char* name, const EntryStatus& status,
                     const std::string& folderPath);
 
+    // Counts a folder itself: its own blocks and its last change.
+    static void countFolder(Tally& tally, const EntryStatus& status);
+
     std::vector<Tally>& tallies() { return tallies_; }
 
     // Sizes one folder on the calling thread: the folder `name` inside `parentFd`, found at `path`.

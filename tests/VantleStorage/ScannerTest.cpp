@@ -22,6 +22,10 @@ std::string big(std::size_t n) {
     return std::string(n, 'x');
 }
 
+std::int64_t onDisk(const std::filesystem::path& place) {
+    return vantle::testing::allocatedBytesOf(place);
+}
+
 class ScannerTest : public ::testing::Test {
   protected:
     TempDir dir;
@@ -69,7 +73,7 @@ std::int64_t diskUseBelow(const std::filesystem::path& root) {
     for (auto it = std::filesystem::recursive_directory_iterator(root);
          it != std::filesystem::recursive_directory_iterator(); ++it) {
         struct stat st {};
-        if (::lstat(it->path().c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
+        if (::lstat(it->path().c_str(), &st) != 0 || !(S_ISREG(st.st_mode) || S_ISDIR(st.st_mode))) continue;
         if (st.st_nlink > 1 && !seen.insert(st.st_ino).second) continue;
         total += static_cast<std::int64_t>(st.st_blocks) * 512;
     }
@@ -105,7 +109,7 @@ TEST_F(ScannerTest, FindsEachRulesItemsUnderTheirOwnRuleOnly) {
     EXPECT_EQ(item->facts.kind, EntryKind::folder);
     EXPECT_TRUE(item->facts.wasInspected);
     EXPECT_EQ(item->facts.tally.files, 1);
-    EXPECT_EQ(item->facts.tally.allocatedBytes, vantle::testing::allocatedBytesOf(pip));
+    EXPECT_EQ(item->facts.tally.allocatedBytes, onDisk(pip) + onDisk(home / "Library/Caches/pip"));
     struct stat st {};
     ::stat((home / "Library/Caches/pip").c_str(), &st);
     EXPECT_EQ(item->facts.identity, (FileIdentity{st.st_dev, st.st_ino}));
@@ -159,9 +163,9 @@ TEST_F(ScannerTest, AHardLinkSharedByTwoMatchedItemsIsCountedOnce) {
     auto yarn = itemAt(result, (home / "Library/Caches/Yarn").string());
     auto pip = itemAt(result, (home / "Library/Caches/pip").string());
     ASSERT_TRUE(yarn && pip);
-    EXPECT_EQ(yarn->facts.tally.allocatedBytes + pip->facts.tally.allocatedBytes,
-              vantle::testing::allocatedBytesOf(file));
-    EXPECT_EQ(yarn->facts.tally.reclaimableBytes + pip->facts.tally.reclaimableBytes, 0);
+    auto folders = onDisk(home / "Library/Caches/Yarn") + onDisk(home / "Library/Caches/pip");
+    EXPECT_EQ(yarn->facts.tally.allocatedBytes + pip->facts.tally.allocatedBytes, onDisk(file) + folders);
+    EXPECT_EQ(yarn->facts.tally.reclaimableBytes + pip->facts.tally.reclaimableBytes, folders);
 }
 
 TEST_F(ScannerTest, ALinkInsideACacheIsALinkWithNoSize) {
@@ -174,7 +178,7 @@ TEST_F(ScannerTest, ALinkInsideACacheIsALinkWithNoSize) {
     auto brew = itemAt(result, (home / "Library/Caches/Homebrew").string());
     ASSERT_TRUE(brew);
     EXPECT_EQ(brew->facts.tally.links, 1);
-    EXPECT_EQ(brew->facts.tally.allocatedBytes, vantle::testing::allocatedBytesOf(own));
+    EXPECT_EQ(brew->facts.tally.allocatedBytes, onDisk(own) + onDisk(home / "Library/Caches/Homebrew"));
     // A link taken as an item itself is never followed either.
     auto linked = itemAt(result, (home / "Library/Caches/SomeLink").string());
     ASSERT_TRUE(linked);
@@ -226,7 +230,8 @@ TEST_F(ScannerTest, UnreadablePlacesAreRecordedAndTheScanGoesOn) {
     auto pip = itemAt(*result, (home / "Library/Caches/pip").string());
     ASSERT_TRUE(pip);
     EXPECT_EQ(pip->facts.tally.ownershipRefusals, 1);
-    EXPECT_EQ(pip->facts.tally.allocatedBytes, vantle::testing::allocatedBytesOf(readable));
+    EXPECT_EQ(pip->facts.tally.allocatedBytes, onDisk(readable) + onDisk(home / "Library/Caches/pip") +
+                                                   onDisk(home / "Library/Caches/pip/locked"));
     EXPECT_TRUE(itemAt(*result, (home / "Library/Caches/Yarn").string()));
     ASSERT_EQ(result->gaps.size(), 1u);
     EXPECT_EQ(result->gaps[0].path, (home / "Library/Logs").string());
@@ -289,7 +294,7 @@ TEST_F(ScannerTest, TheHoldingFolderIsListedAsHeldAndNeverCountedInACategory) {
     std::vector<std::string> former{"Downloads", "old.dmg"};
     EXPECT_EQ(held.id, heldItemId(former));
     EXPECT_EQ(held.path, (holding / "slot-1").string());
-    EXPECT_EQ(held.facts.tally.allocatedBytes, vantle::testing::allocatedBytesOf(heldFile));
+    EXPECT_EQ(held.facts.tally.allocatedBytes, onDisk(heldFile) + onDisk(holding / "slot-1"));
 
     auto data = itemAt(*result, (home / ".vantle-lite").string());
     ASSERT_TRUE(data);

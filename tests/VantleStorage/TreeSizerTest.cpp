@@ -34,6 +34,10 @@ std::string big(std::size_t n) {
     return std::string(n, 'x');
 }
 
+std::int64_t onDisk(const std::filesystem::path& place) {
+    return vantle::testing::allocatedBytesOf(place);
+}
+
 } // namespace
 
 TEST(TreeSizer, CountsFilesFoldersAndTheSpaceTheyTake) {
@@ -47,7 +51,8 @@ TEST(TreeSizer, CountsFilesFoldersAndTheSpaceTheyTake) {
     EXPECT_EQ(t.folders, 4); // cache, deep, er, empty
     EXPECT_EQ(t.links, 0);
     EXPECT_EQ(t.logicalBytes, 40'000);
-    EXPECT_EQ(t.allocatedBytes, vantle::testing::allocatedBytesOf(a) + vantle::testing::allocatedBytesOf(b));
+    EXPECT_EQ(t.allocatedBytes, onDisk(a) + onDisk(b) + onDisk(dir / "cache") + onDisk(dir / "cache/deep") +
+                                    onDisk(dir / "cache/deep/er") + onDisk(dir / "cache/empty"));
     EXPECT_EQ(t.reclaimableBytes, t.allocatedBytes);
     EXPECT_EQ(t.pinnedBytes, 0);
     EXPECT_FALSE(t.isPartial());
@@ -67,7 +72,7 @@ TEST(TreeSizer, ALinkCountsAsALinkWithNoSizeAndIsNeverFollowed) {
     EXPECT_EQ(t.files, 1);
     EXPECT_EQ(t.folders, 1);
     EXPECT_EQ(t.logicalBytes, 5'000);
-    EXPECT_EQ(t.allocatedBytes, vantle::testing::allocatedBytesOf(own));
+    EXPECT_EQ(t.allocatedBytes, onDisk(own) + onDisk(dir / "cache"));
 }
 
 TEST(TreeSizer, AHardLinkedFileIsCountedOnceAcrossItemsOfOneScan) {
@@ -75,22 +80,23 @@ TEST(TreeSizer, AHardLinkedFileIsCountedOnceAcrossItemsOfOneScan) {
     auto shared = dir.write("first/shared.bin", big(50'000));
     std::filesystem::create_directories(dir / "second");
     std::filesystem::create_hard_link(shared, dir / "second/shared-again.bin");
-    auto blocks = vantle::testing::allocatedBytesOf(shared);
+    auto blocks = onDisk(shared);
 
     CancelFlag cancel;
     ScanLedger ledger(cancel);
     Tally first = measure(dir, "first", ledger);
     Tally second = measure(dir, "second", ledger);
-    EXPECT_EQ(first.files + second.files, 2);                        // both names are seen...
-    EXPECT_EQ(first.allocatedBytes + second.allocatedBytes, blocks); // ...the blocks once
+    EXPECT_EQ(first.files + second.files, 2); // both names are seen...
+    auto folders = onDisk(dir / "first") + onDisk(dir / "second");
+    EXPECT_EQ(first.allocatedBytes + second.allocatedBytes, blocks + folders); // ...the blocks once
     EXPECT_EQ(first.logicalBytes + second.logicalBytes, 50'000);
     // Deleting one name would not free what the other name keeps.
     EXPECT_EQ(first.pinnedBytes + second.pinnedBytes, blocks);
-    EXPECT_EQ(first.reclaimableBytes + second.reclaimableBytes, 0);
+    EXPECT_EQ(first.reclaimableBytes + second.reclaimableBytes, folders);
 
     // A new scan has its own ledger and counts the file again.
     Tally again = measure(dir, "second");
-    EXPECT_EQ(again.allocatedBytes, blocks);
+    EXPECT_EQ(again.allocatedBytes, blocks + onDisk(dir / "second"));
 }
 
 TEST(TreeSizer, NotesSocketsLoginsAndTheNewestWrite) {
@@ -131,7 +137,7 @@ TEST(TreeSizer, AnotherDiskInsideIsListedAndNotEntered) {
     Tally t = measure(dir, "cache");
     EXPECT_EQ(t.mountPoints, std::vector<std::string>{(dir / "cache/attached").string()});
     EXPECT_EQ(t.files, 1);
-    EXPECT_EQ(t.allocatedBytes, vantle::testing::allocatedBytesOf(own));
+    EXPECT_EQ(t.allocatedBytes, onDisk(own) + onDisk(dir / "cache"));
     EXPECT_TRUE(t.isPartial());
 }
 
@@ -150,7 +156,8 @@ TEST(TreeSizer, AFolderRefusedByPermissionsIsRecordedAndTheRestCounted) {
     EXPECT_EQ(t.privacyRefusals, 0);
     EXPECT_EQ(t.refusedSamples, std::vector<std::string>{(dir / "cache/locked").string()});
     EXPECT_EQ(t.files, 1);
-    EXPECT_EQ(t.allocatedBytes, vantle::testing::allocatedBytesOf(readable));
+    // The locked folder's own blocks are seen from its parent; nothing inside it is.
+    EXPECT_EQ(t.allocatedBytes, onDisk(readable) + onDisk(dir / "cache") + onDisk(dir / "cache/locked"));
     EXPECT_TRUE(t.isPartial());
 }
 
