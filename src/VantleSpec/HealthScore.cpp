@@ -90,7 +90,7 @@ constexpr std::string_view batteryRow =
     "On a MacBook, when its battery holds under {N}% of what it held new.";
 } // namespace say
 
-std::string whole(double n) {
+std::string wholeNumber(double n) {
     return std::to_string(std::lround(n));
 }
 
@@ -167,7 +167,7 @@ Part processorPart(const HealthScore::Reading& now, const HealthScore::Recent& r
     auto subject = speaksOfWhole ? say::theProcessor : say::thePerformanceCores;
     bool averaged = recent.coveredSeconds && *recent.coveredSeconds >= HealthScore::averagedAfterSeconds;
     auto sentence = averaged ? say::averagedOverMinute : speaksOfWhole ? say::isBusy : say::areBusy;
-    auto line = fillIn(sentence, {{"subject", subject}, {"N", whole(100 * shown)}});
+    auto line = fillIn(sentence, {{"subject", subject}, {"N", wholeNumber(100 * shown)}});
     return penaltyOf(std::max(performancePoints, wholePoints), Kind::processor, std::move(line),
                      now.hasCoreKinds ? say::processorHelpWithKinds : say::processorHelpWithoutKinds,
                      HealthScore::Fix::balance);
@@ -224,8 +224,8 @@ Part diskPart(const HealthScore::Reading& now) {
 Part batteryPart(const HealthScore::Reading& now) {
     if (!now.batteryHealth || *now.batteryHealth >= batteryWornBelow) return {};
     return penaltyOf(batteryWornPoints, Kind::battery,
-                     fillIn(say::batteryLine, {{"N", whole(100 * *now.batteryHealth)}}), say::batteryHelp,
-                     std::nullopt);
+                     fillIn(say::batteryLine, {{"N", wholeNumber(100 * *now.batteryHealth)}}),
+                     say::batteryHelp, std::nullopt);
 }
 
 } // namespace
@@ -277,25 +277,25 @@ HealthScore HealthScore::compute(const Reading& now, const Recent& recent) {
 }
 
 std::vector<HealthScore::ExplanationRow> HealthScore::explanation() {
-    auto percentOf = [](double fraction) { return whole(100 * fraction); };
+    auto percentOf = [](double fraction) { return wholeNumber(100 * fraction); };
     return {
         {Kind::processor, "Processor", processorMostPoints,
          fillIn(say::processorRow,
                 {{"whole", percentOf(wholeFrom)}, {"performance", percentOf(performanceFrom)}})},
         {Kind::memory, "Memory pressure", memoryCriticalPoints,
-         fillIn(say::memoryRow,
-                {{"warning", whole(memoryWarningPoints)}, {"critical", whole(memoryCriticalPoints)}})},
+         fillIn(say::memoryRow, {{"warning", wholeNumber(memoryWarningPoints)},
+                                 {"critical", wholeNumber(memoryCriticalPoints)}})},
         {Kind::swap, "Swap", int(swapMostPoints), std::string(say::swapRow)},
         {Kind::heat, "Heat", heatCriticalPoints,
-         fillIn(say::heatRow, {{"fair", whole(heatFairPoints)},
-                               {"serious", whole(heatSeriousPoints)},
-                               {"critical", whole(heatCriticalPoints)}})},
+         fillIn(say::heatRow, {{"fair", wholeNumber(heatFairPoints)},
+                               {"serious", wholeNumber(heatSeriousPoints)},
+                               {"critical", wholeNumber(heatCriticalPoints)}})},
         {Kind::disk, "Free space", diskSteps[2].points,
-         fillIn(say::diskRow, {{"a", whole(diskSteps[0].points)},
+         fillIn(say::diskRow, {{"a", wholeNumber(diskSteps[0].points)},
                                {"x", percentOf(diskSteps[0].freeBelow)},
-                               {"b", whole(diskSteps[1].points)},
+                               {"b", wholeNumber(diskSteps[1].points)},
                                {"y", percentOf(diskSteps[1].freeBelow)},
-                               {"c", whole(diskSteps[2].points)},
+                               {"c", wholeNumber(diskSteps[2].points)},
                                {"z", percentOf(diskSteps[2].freeBelow)}})},
         {Kind::battery, "Battery", batteryWornPoints,
          fillIn(say::batteryRow, {{"N", percentOf(batteryWornBelow)}})},

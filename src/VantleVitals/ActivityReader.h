@@ -1,7 +1,8 @@
 // Reads the machine's processes from /proc into activity rows: processor share between two reads,
 // footprint and resident memory, threads, disk counters where the kernel lets us read them, owner,
 // kind and owning app. An actor: it keeps the previous read to measure shares and rates, and every
-// call holds its mutex. The sample it returns belongs to the caller.
+// call holds its mutex. The sample it returns belongs to the caller. Linux keeps no network counters
+// per process and the known-agent grouping is not built yet, so both needs are answered with zeros.
 #pragma once
 #include "VantleSpec/Time.h"
 #include "VantleVitals/ProcFs.h"

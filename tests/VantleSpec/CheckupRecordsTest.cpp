@@ -73,14 +73,3 @@ TEST(CheckupRecords, AWholeCheckupRoundTripsWithActionsCarryingTheirTarget) {
     CheckupPoint p{c.read, c.score.value, c.score.parts};
     EXPECT_EQ(decodeJson<CheckupPoint>(encodeJson(p)), p);
 }
-
-TEST(CheckupRecords, CasesAreInTheirOrderAndUnknownOnesRefused) {
-    auto areas = allCases<CheckupArea>();
-    EXPECT_EQ(areas.size(), 13u);
-    EXPECT_EQ(nameOf(areas.front()), "age");
-    EXPECT_EQ(nameOf(areas.back()), "system");
-    EXPECT_EQ(nameOf(CheckupAction::Kind::balanceLoad), "balanceLoad");
-    EXPECT_FALSE(decodeJson<CheckupAction>(R"({"kind":"format"})"));
-    EXPECT_FALSE(decodeJson<CheckupFinding>(R"({"id":"x","area":"kitchen","status":"good","title":"",)"
-                                            R"("detail":"","why":""})"));
-}

@@ -106,38 +106,6 @@ TEST(VitalsRecords, KeysAreTheFieldNamesInOrder) {
     EXPECT_EQ(j["at"], "2026-03-04T09:00:00.250Z");
 }
 
-TEST(VitalsRecords, StatesCompareInRisingOrder) {
-    using P = VitalsSnapshot::Pressure;
-    using T = VitalsSnapshot::Thermal;
-    EXPECT_LT(P::normal, P::warning);
-    EXPECT_LT(P::warning, P::critical);
-    EXPECT_LT(T::nominal, T::fair);
-    EXPECT_LT(T::fair, T::serious);
-    EXPECT_LT(T::serious, T::critical);
-    EXPECT_EQ(std::max(T::fair, T::critical), T::critical);
-}
-
-TEST(VitalsRecords, BatteryHealthNeedsBothCapacities) {
-    VitalsSnapshot::Battery b{4'000'000, 5'000'000};
-    EXPECT_DOUBLE_EQ(*b.health(), 0.8);
-    b.designCapacity = 0;
-    EXPECT_FALSE(b.health());
-    b.designCapacity.reset();
-    EXPECT_FALSE(b.health());
-}
-
-TEST(VitalsRecords, UnknownCasesAndWrongTypesAreRefused) {
-    Json j = fullSnapshot();
-    j["thermal"] = "scorching";
-    EXPECT_FALSE(decodeJsonValue<VitalsSnapshot>(j));
-    j = fullSnapshot();
-    j["memory"]["totalBytes"] = "lots";
-    EXPECT_FALSE(decodeJsonValue<VitalsSnapshot>(j));
-    j = fullSnapshot();
-    j.erase("cpu");
-    EXPECT_FALSE(decodeJsonValue<VitalsSnapshot>(j));
-}
-
 TEST(VitalsRecords, SampleAndReadingRoundTrip) {
     auto s = fullSnapshot();
     auto sample = VitalsSample::of(s);
@@ -171,16 +139,4 @@ TEST(ActivityRecords, RowsTotalsAndAgentsRoundTrip) {
     Json bare = ProcessRow{};
     EXPECT_FALSE(bare.contains("started"));
     EXPECT_FALSE(bare.contains("watts"));
-}
-
-TEST(ActivityRecords, SmallRecordsRoundTripAndEnumNames) {
-    ProcessDetails d{"Example CA", true, false, "init", {22, 8080}, "a shell", "compiling", std::nullopt};
-    EXPECT_EQ(decodeJson<ProcessDetails>(encodeJson(d)), d);
-    ActivityNeeds needs{true, false};
-    EXPECT_EQ(encodeJson(needs), R"({"network":true,"agents":false})");
-    EXPECT_EQ(nameOf(ActivityTab::network), "network");
-    EXPECT_EQ(nameOf(QuitOutcome::stillRunning), "stillRunning");
-    EXPECT_EQ(allCases<ActivityTab>().size(), 6u);
-    EXPECT_EQ(enumFromName<ProcessKind>("system"), ProcessKind::system);
-    EXPECT_FALSE(enumFromName<AgentLoad>("extreme"));
 }

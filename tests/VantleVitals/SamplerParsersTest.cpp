@@ -38,15 +38,6 @@ TEST(ProcStat, BusyBetweenTwoReadingsAndCountersThatWentBack) {
     EXPECT_DOUBLE_EQ(busyBetween({}, CpuTimes{0, 0, 10, 0}), 0);
 }
 
-TEST(ProcMeminfo, TurnsKilobytesIntoBytesAndSkipsOddLines) {
-    auto m = parseMeminfo("MemTotal:       16384 kB\nMemAvailable:    8192 kB\nHugePages_Total:       4\n"
-                          "Broken line\nZswap: lots kB\n");
-    EXPECT_EQ(m.at("MemTotal"), 16384u * 1024);
-    EXPECT_EQ(m.at("HugePages_Total"), 4u);
-    EXPECT_FALSE(m.contains("Zswap"));
-    EXPECT_EQ(m.size(), 3u);
-}
-
 TEST(ProcPressure, ReadsTheTenSecondAveragesAndMapsThemToALevel) {
     auto p = parsePressure("some avg10=12.50 avg60=3.00 avg300=1.00 total=123\n"
                            "full avg10=2.25 avg60=0.00 avg300=0.00 total=45\n");
