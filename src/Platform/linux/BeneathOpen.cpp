@@ -31,7 +31,13 @@ std::expected<UniqueFd, int> walkComponents(int rootFd, const std::filesystem::p
     int at = rootFd;
     for (size_t i = 0; i + 1 < parts.size(); ++i) {
         int fd = ::openat(at, parts[i].c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-        if (fd < 0) return std::unexpected(errno == ENOTDIR ? ELOOP : errno);
+        if (fd < 0) {
+            int err = errno;
+            struct stat st{};
+            if (err == ENOTDIR && ::fstatat(at, parts[i].c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(st.st_mode))
+                err = ELOOP;
+            return std::unexpected(err);
+        }
         current.reset(fd);
         at = fd;
     }
@@ -80,7 +86,14 @@ std::expected<void, int> makeFoldersBeneath(int rootFd, const std::filesystem::p
         if (name == "..") return std::unexpected(EXDEV);
         if (::mkdirat(at, name.c_str(), mode) != 0 && errno != EEXIST) return std::unexpected(errno);
         int fd = ::openat(at, name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-        if (fd < 0) return std::unexpected(errno == ENOTDIR ? (errno = ELOOP) : errno);
+        if (fd < 0) {
+            int err = errno;
+            // O_DIRECTORY|O_NOFOLLOW says ENOTDIR for a link too; tell the two apart for the sentence.
+            struct stat st{};
+            if (err == ENOTDIR && ::fstatat(at, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(st.st_mode))
+                err = ELOOP;
+            return std::unexpected(err);
+        }
         current.reset(fd);
         at = fd;
     }
