@@ -2,8 +2,10 @@
 // services and the user's settings. Made once when start-up succeeds. Used from the main thread.
 #pragma once
 #include "VantleLiteLive/VantleLite.h"
+#include "VantleVitals/HealthRecorder.h"
 #include "Vantle_Lite/SettingsStore.h"
 
+#include <atomic>
 #include <memory>
 
 namespace vantle {
@@ -29,10 +31,20 @@ class LiteProduct {
         return true;
     }
 
+    // The health record's on/off choice, kept in the settings; the recorder thread reads the copy in
+    // `recording_`, never the settings store, which belongs to the main thread.
+    bool keepsHealthRecord() const { return recording_.load(); }
+    void setKeepsHealthRecord(bool on);
+    // Starts feeding the health record once a minute while the choice is on; the desktop app does this
+    // for as long as it runs. Stopped (with the open minute written) when the product goes away.
+    void startHealthRecorder();
+
   private:
     VantleLite live_;
     std::unique_ptr<SettingsStore> settings_;
     bool windowVisible_ = true;
+    std::atomic<bool> recording_{false};
+    std::unique_ptr<HealthRecorder> recorder_;
 };
 
 } // namespace vantle
