@@ -94,6 +94,17 @@ DuplicateSharing Duplicates::sharingOf(std::string fingerprint, std::int64_t siz
     return sharing;
 }
 
+std::vector<FileItem> Duplicates::candidatesOf(std::span<const Facts> facts, std::int64_t smallestSize) {
+    auto counts = [&](const Facts& f) { return !f.isFolder && !f.isPackage && f.size >= smallestSize; };
+    std::unordered_map<std::int64_t, int> sizes;
+    for (const auto& f : facts)
+        if (counts(f)) ++sizes[f.size];
+    std::vector<FileItem> out;
+    for (const auto& f : facts)
+        if (counts(f) && sizes[f.size] > 1) out.push_back(toFileItem(f));
+    return out;
+}
+
 Duplicates::Duplicates(Options options) : options_(std::move(options)), cache_(options_.cacheFile) {}
 
 std::optional<DuplicateScan> Duplicates::latest() const {

@@ -3,6 +3,7 @@
 // unchanged file is read once. An actor: every public operation holds its lock, so scans run one at
 // a time; callers own the scans returned.
 #pragma once
+#include "VantleLibrary/Facts.h"
 #include "VantleLibrary/Fingerprint.h"
 #include "VantleLibrary/FingerprintCache.h"
 #include "VantleSpec/CancelFlag.h"
@@ -93,6 +94,10 @@ class Duplicates {
     // set, returning the groups found so far with isComplete false.
     DuplicateScan scan(std::span<const FileItem> items, CancelFlag& cancel,
                        const std::function<void(const DuplicateProgress&)>& progress = {});
+
+    // The files of a catalog reading worth giving to scan(): regular files (not folders or app
+    // bundles) at least `smallestSize` long whose size another such file shares.
+    static std::vector<FileItem> candidatesOf(std::span<const Facts> facts, std::int64_t smallestSize = 1);
 
     // How one group's copies share storage: hard links are one file, and clones of one family free
     // only their own blocks unless the whole family goes.

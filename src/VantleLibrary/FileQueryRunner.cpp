@@ -4,6 +4,7 @@
 #include "VantleLibrary/Sources.h"
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cmath>
 
@@ -16,14 +17,19 @@ using DateField = FileQuery::DateField;
 
 // Names and terms are compared lower-cased with "_", "-" and "." read as spaces, so "tax return"
 // finds "Tax_Return-2023.pdf".
+// Names are folded for every file of the catalog on every search, so by table rather than per call.
+constexpr auto foldTable = [] {
+    std::array<char, 256> table{};
+    for (int c = 0; c < 256; ++c)
+        table[c] = static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c);
+    table['_'] = table['-'] = table['.'] = ' ';
+    return table;
+}();
+
 void normalizeInto(std::string_view text, std::string& out) {
-    out.clear();
-    for (unsigned char c : text) {
-        if (c == '_' || c == '-' || c == '.')
-            out += ' ';
-        else
-            out += c < 0x80 ? static_cast<char>(std::tolower(c)) : static_cast<char>(c);
-    }
+    out.resize(text.size());
+    for (size_t i = 0; i < text.size(); ++i)
+        out[i] = foldTable[static_cast<unsigned char>(text[i])];
 }
 
 std::string normalized(std::string_view text) {
@@ -89,10 +95,18 @@ struct Prepared {
         if (!folderPrefix.empty() && !f.path.starts_with(folderPrefix)) return false;
         if (!query.kinds.empty() || !query.extensions.empty()) {
             // A file of any named kind or with any named extension: "photos and pdfs" is both.
-            auto kind = f.kind();
-            bool ofKind = kind && query.kinds.contains(*kind);
-            if (!ofKind && (query.extensions.empty() || !query.extensions.contains(lowerExtension(f.name))))
-                return false;
+            bool named = false;
+            if (!query.extensions.empty()) {
+                auto dot = f.name.rfind('.');
+                if (dot != std::string::npos && dot > 0) {
+                    normalizeInto(std::string_view(f.name).substr(dot + 1), scratch);
+                    named = query.extensions.contains(scratch);
+                }
+            }
+            if (!named) {
+                auto kind = query.kinds.empty() ? std::nullopt : f.kind();
+                if (!kind || !query.kinds.contains(*kind)) return false;
+            }
         }
         if (!inDates(f)) return false;
         if (!terms.empty()) {

@@ -241,3 +241,25 @@ TEST(DuplicateScan, VanishedOrUnsavableFilesDegradeWithoutFailing) {
     ASSERT_TRUE(json) << json.error();
     EXPECT_EQ(*json, scan);
 }
+
+TEST(DuplicateScan, OnlyFilesSharingASizeAreCandidates) {
+    auto facts = [](std::string name, std::int64_t size) {
+        Facts f;
+        f.path = "/h/" + name;
+        f.name = std::move(name);
+        f.size = size;
+        return f;
+    };
+    std::vector<Facts> reading{facts("a", 10), facts("b", 10),      facts("c", 11),       facts("d", 0),
+                               facts("e", 0),  facts("folder", 10), facts("Tool.app", 10)};
+    reading[5].isFolder = true;
+    reading[6].isFolder = reading[6].isPackage = true;
+    auto names = [](const std::vector<FileItem>& items) {
+        std::vector<std::string> out;
+        for (const auto& i : items)
+            out.push_back(i.name);
+        return out;
+    };
+    EXPECT_EQ(names(Duplicates::candidatesOf(reading)), (std::vector<std::string>{"a", "b"}));
+    EXPECT_EQ(names(Duplicates::candidatesOf(reading, 0)), (std::vector<std::string>{"a", "b", "d", "e"}));
+}
