@@ -128,7 +128,7 @@ std::optional<LibraryKind> Facts::kind() const {
 
 std::optional<TimePoint> Facts::lastTouched() const {
     std::optional<TimePoint> latest;
-    for (const auto& at : {lastUsed, modified, added})
+    for (const auto& at : {lastUsed, modified})
         if (at && (!latest || *at > *latest)) latest = at;
     return latest;
 }

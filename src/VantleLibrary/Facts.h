@@ -36,8 +36,9 @@ struct Facts {
 
     // The kind, decided by the content type; folders have none.
     std::optional<LibraryKind> kind() const;
-    // The latest sign of use: opened, changed or arrived. Lists of things left alone go by this, so a
-    // file on a volume mounted without access times is still judged by its other dates.
+    // The latest sign of use: opened or changed. Lists of things left alone go by this. The birth
+    // time is left out on purpose: a home copied or restored from a backup is "born" all at once,
+    // while copies keep the other two; and a file arriving now is opened (made) now anyway.
     std::optional<TimePoint> lastTouched() const;
     bool operator==(const Facts&) const = default;
 };

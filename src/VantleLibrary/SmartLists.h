@@ -14,8 +14,8 @@
 
 namespace vantle {
 
-// "Untouched" below means: not opened, changed or added to its folder within that time (the latest
-// of the three dates), so a file whose access time is not kept is judged by its other dates.
+// "Untouched" below means: neither opened nor changed within that time (Facts::lastTouched), so a
+// file on a volume that keeps no access times is judged by its changes.
 struct SmartListRules {
     std::chrono::days recentDays{30};          // recents: touched within
     std::int64_t largeFileBytes = 100'000'000; // largeFiles: at least this size
@@ -31,7 +31,7 @@ struct SmartListRules {
 constexpr std::string_view detailSentence(SmartList list) {
     switch (list) {
     case SmartList::recents:
-        return "Opened, changed or added in the last {days} days";
+        return "Opened or changed in the last {days} days";
     case SmartList::largeFiles:
         return "Files of {size} or more";
     case SmartList::screenshots:

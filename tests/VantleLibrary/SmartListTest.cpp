@@ -82,12 +82,14 @@ TEST(SmartLists, EachListTakesWhatItsRuleSays) {
     EXPECT_FALSE(in(SmartList::duplicates, file("a.txt", 5, 5)));
 }
 
-TEST(SmartLists, UntouchedMeansNoRecentOpeningChangeOrArrival) {
+TEST(SmartLists, UntouchedMeansNeitherOpenedNorChangedLately) {
     SmartLists lists{home};
     auto video = file("Movies/old.mkv", 300'000'000, 400);
     video.lastUsed = now - days(2); // watched last week: not old
     EXPECT_FALSE(lists.contains(SmartList::bigOldVideos, video, now));
     video.lastUsed.reset(); // a volume that keeps no access times: judged by the other dates
+    EXPECT_TRUE(lists.contains(SmartList::bigOldVideos, video, now));
+    video.added = now; // copied here today with its old dates kept: still old
     EXPECT_TRUE(lists.contains(SmartList::bigOldVideos, video, now));
     video.modified = video.added = std::nullopt; // no dates at all: never judged old
     EXPECT_FALSE(lists.contains(SmartList::bigOldVideos, video, now));
