@@ -3,7 +3,9 @@
 #pragma once
 #include <cerrno>
 #include <cstdint>
+#include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <sys/fsuid.h>
 #include <sys/mount.h>
@@ -36,6 +38,41 @@ class TmpfsMount {
   private:
     std::filesystem::path where_;
     bool mounted_ = false;
+};
+
+// A small btrfs file system, which can clone files, made in an image file and mounted at `where`
+// until the value ends. Needs root and mkfs.btrfs; why() says what was missing when it is not there.
+class CloningDisk {
+  public:
+    CloningDisk(const std::filesystem::path& image, const std::filesystem::path& where) : where_(where) {
+        if (::geteuid() != 0) {
+            why_ = "mounting a disk image needs root";
+            return;
+        }
+        std::filesystem::create_directories(where);
+        std::filesystem::resize_file((std::ofstream(image), image), 128 << 20);
+        auto quiet = " >/dev/null 2>&1";
+        if (std::system(("mkfs.btrfs -q '" + image.string() + "'" + quiet).c_str()) != 0) {
+            why_ = "mkfs.btrfs (package btrfs-progs) is not installed";
+            return;
+        }
+        if (std::system(
+                ("mount -o loop '" + image.string() + "' '" + where.string() + "'" + quiet).c_str()) != 0) {
+            why_ = "this machine would not mount a loop device";
+            return;
+        }
+        mounted_ = true;
+    }
+    ~CloningDisk() {
+        if (mounted_) ::umount2(where_.c_str(), MNT_DETACH);
+    }
+    bool mounted() const { return mounted_; }
+    const std::string& why() const { return why_; }
+
+  private:
+    std::filesystem::path where_;
+    bool mounted_ = false;
+    std::string why_;
 };
 
 // Reads files as an ordinary user would, so permissions stop the reads even when the tests run as

@@ -8,7 +8,9 @@
 
 #include <algorithm>
 #include <fcntl.h>
+#include <linux/fs.h>
 #include <string>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 
 using namespace vantle;
@@ -139,6 +141,33 @@ TEST(TreeSizer, AnotherDiskInsideIsListedAndNotEntered) {
     EXPECT_EQ(t.files, 1);
     EXPECT_EQ(t.allocatedBytes, onDisk(own) + onDisk(dir / "cache"));
     EXPECT_TRUE(t.isPartial());
+}
+
+TEST(TreeSizer, AClonesSharedBlocksArePinnedAndCountedOnce) {
+    TempDir dir;
+    vantle::testing::CloningDisk disk(dir / "disk.img", dir / "disk");
+    if (!disk.mounted()) GTEST_SKIP() << "clones need a file system that shares blocks: " << disk.why();
+    auto original = dir.write("disk/one/original.bin", big(300'000));
+    std::filesystem::create_directories(dir / "disk/two");
+    {
+        UniqueFd from(::open(original.c_str(), O_RDONLY | O_CLOEXEC));
+        ASSERT_EQ(::fsync(from.get()), 0);
+        UniqueFd to(::open((dir / "disk/two/clone.bin").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+        ASSERT_EQ(::ioctl(to.get(), FICLONE, from.get()), 0) << "the clone itself failed";
+    }
+    auto blocks = onDisk(original);
+    ASSERT_GT(blocks, 0);
+
+    CancelFlag cancel;
+    ScanLedger ledger(cancel);
+    Tally one = measure(dir, "disk/one", ledger);
+    Tally two = measure(dir, "disk/two", ledger);
+    auto folders = onDisk(dir / "disk/one") + onDisk(dir / "disk/two");
+    // The shared blocks are on disk once; deleting either copy would give none of them back.
+    EXPECT_EQ(one.allocatedBytes + two.allocatedBytes, blocks + folders);
+    EXPECT_EQ(one.pinnedBytes + two.pinnedBytes, blocks);
+    EXPECT_EQ(one.reclaimableBytes + two.reclaimableBytes, folders);
+    EXPECT_EQ(one.logicalBytes + two.logicalBytes, 600'000);
 }
 
 TEST(TreeSizer, AFolderRefusedByPermissionsIsRecordedAndTheRestCounted) {
