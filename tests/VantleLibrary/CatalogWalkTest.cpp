@@ -1,5 +1,6 @@
 #include "VantleLibrary/Catalog.h"
 #include "VantleLibrary/DiskWalk.h"
+#include "VantleLibrary/Library.h"
 
 #include "support/TempDir.h"
 
@@ -331,4 +332,34 @@ TEST(Catalog, ARequestDuringAWalkWaitsForThatWalk) {
     EXPECT_EQ(waited.snapshot, walked.snapshot);
     EXPECT_EQ(walked.snapshot->facts.size(), 5001u);
     EXPECT_EQ(catalog.next(), Catalog::Next::walk);
+}
+
+TEST(Library, KeepsItsSummaryForTheNextLaunchButNotAStoppedOne) {
+    TempDir home, data;
+    home.write("Pictures/a.jpg", "jpg");
+    home.write("Music/b.mp3", "mp3");
+    Library::Options options;
+    options.summaryFile = data / "Library/summary.json";
+    CancelFlag cancel;
+    LibrarySummary first;
+    {
+        Library library(LibraryScope{home.path(), {}}, options);
+        EXPECT_FALSE(library.keptSummary());
+        first = library.summary(cancel);
+        EXPECT_EQ(first.totalFiles, 2);
+    }
+    Library next(LibraryScope{home.path(), {}}, options);
+    EXPECT_EQ(next.keptSummary(), first); // there before any reading
+
+    home.write("Pictures/c.jpg", "jpg");
+    CancelFlag stopped;
+    stopped.cancel();
+    auto partial = next.summary(stopped);
+    EXPECT_TRUE(partial.isPartial);
+    EXPECT_EQ(partial.note, std::string(Reading::cancelledSentence));
+    EXPECT_EQ(Library(LibraryScope{home.path(), {}}, options).keptSummary(), first);
+
+    auto fresh = next.summary(cancel);
+    EXPECT_EQ(fresh.totalFiles, 3);
+    EXPECT_EQ(Library(LibraryScope{home.path(), {}}, options).keptSummary(), fresh);
 }
