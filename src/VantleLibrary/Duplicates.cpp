@@ -112,9 +112,17 @@ std::optional<DuplicateScan> Duplicates::latest() const {
     return latest_;
 }
 
+std::optional<DuplicateScan> Duplicates::fresh() const {
+    std::lock_guard lock(mutex_);
+    if (!latest_ || !latest_->isComplete || changes_.load() != changesBeforeLatest_) return std::nullopt;
+    if (options_.clock() - latest_->at >= options_.freshness) return std::nullopt;
+    return latest_;
+}
+
 DuplicateScan Duplicates::scan(std::span<const FileItem> items, CancelFlag& cancel,
                                const std::function<void(const DuplicateProgress&)>& progress) {
     std::lock_guard lock(mutex_);
+    const auto changesAtStart = changes_.load();
     const auto started = options_.clock();
     const auto deadline = started + options_.timeLimit;
     DuplicateScan out;
@@ -277,6 +285,7 @@ DuplicateScan Duplicates::scan(std::span<const FileItem> items, CancelFlag& canc
     out.bytesRead = reader.bytesRead();
     out.seconds = std::chrono::duration<double>(options_.clock() - started).count();
     latest_ = out;
+    changesBeforeLatest_ = changesAtStart;
     return out;
 }
 

@@ -11,6 +11,7 @@
 #include "VantleSpec/LibraryRecords.h"
 #include "VantleSpec/Time.h"
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
@@ -83,6 +84,7 @@ class Duplicates {
         std::chrono::milliseconds timeLimit{45'000};
         std::int64_t smallestSize = 1; // empty files are all alike and free nothing
         Clock clock = systemClock();
+        std::chrono::milliseconds freshness{60'000}; // how long a complete scan answers again
     };
 
     static inline constexpr std::string_view cacheNotSaved =
@@ -106,12 +108,21 @@ class Duplicates {
 
     // The latest scan, if any.
     std::optional<DuplicateScan> latest() const;
+    // The latest scan while it may stand for a new one: complete, younger than `freshness`, and no
+    // change heard since it began.
+    std::optional<DuplicateScan> fresh() const;
+    // Something changed under the library: the latest scan no longer stands for a new one. Does not
+    // wait for a running scan.
+    void noteChanges() { changes_.fetch_add(1); }
 
   private:
     mutable std::mutex mutex_;
     Options options_;
     FingerprintCache cache_;
     std::optional<DuplicateScan> latest_;
+    // Changes heard, counted without the lock so a watcher is never held up by a running scan.
+    std::atomic<std::uint64_t> changes_{0};
+    std::uint64_t changesBeforeLatest_ = 0;
 };
 
 } // namespace vantle

@@ -263,3 +263,54 @@ TEST(DuplicateScan, OnlyFilesSharingASizeAreCandidates) {
     EXPECT_EQ(names(Duplicates::candidatesOf(reading)), (std::vector<std::string>{"a", "b"}));
     EXPECT_EQ(names(Duplicates::candidatesOf(reading, 0)), (std::vector<std::string>{"a", "b", "d", "e"}));
 }
+
+TEST(DuplicateScan, AFileTouchedAfterItsRecordDropsOutOfItsGroup) {
+    TempDir dir;
+    auto content = patterned(50'000, 4);
+    dir.write("x1", content);
+    dir.write("x2", content);
+    auto items = itemsUnder(dir);
+    Duplicates finder({{}, 45s, 1, systemClock()});
+    CancelFlag cancel;
+    // After the first file's sample, both files are touched: the one not yet read is refused before
+    // it is read, the other before its whole read.
+    bool touched = false;
+    auto scan = finder.scan(items, cancel, [&](const DuplicateProgress& p) {
+        if (p.phase != DuplicateProgress::Phase::sampling || touched) return;
+        touched = true;
+        for (auto name : {"x1", "x2"}) {
+            auto modified = fileStatus(dir / name)->modified;
+            timespec times[2] = {{0, UTIME_OMIT}, {modified / 1'000'000'000, modified % 1'000'000'000 + 1}};
+            if (times[1].tv_nsec >= 1'000'000'000) times[1] = {times[1].tv_sec + 1, 0};
+            ASSERT_EQ(::utimensat(AT_FDCWD, (dir / name).c_str(), times, 0), 0);
+        }
+    });
+    ASSERT_TRUE(touched);
+    EXPECT_TRUE(scan.isComplete);
+    EXPECT_TRUE(scan.groups.empty());
+    EXPECT_EQ(scan.bytesRead, sample) << "only the sample made before the touch was read";
+    // Read again, they are copies again.
+    EXPECT_EQ(finder.scan(items, cancel).groups.size(), 1u);
+}
+
+TEST(DuplicateScan, ALatestScanStandsForANewOneOnlyWhileFreshAndUnchanged) {
+    Library lib;
+    auto now = sys_days{2026y / 3 / 1} + 0s;
+    Duplicates finder({{}, 45s, 1, [&now] { return now; }, 60s});
+    CancelFlag cancel;
+    EXPECT_FALSE(finder.fresh());
+    auto scan = finder.scan(itemsUnder(lib.dir), cancel);
+    EXPECT_EQ(finder.fresh(), scan);
+    now += 59s;
+    EXPECT_TRUE(finder.fresh());
+    finder.noteChanges();
+    EXPECT_FALSE(finder.fresh()) << "a change was heard";
+    finder.scan(itemsUnder(lib.dir), cancel);
+    EXPECT_TRUE(finder.fresh());
+    now += 60s;
+    EXPECT_FALSE(finder.fresh()) << "too old";
+    cancel.cancel();
+    finder.scan(itemsUnder(lib.dir), cancel);
+    EXPECT_FALSE(finder.fresh()) << "an incomplete scan stands for nothing";
+    EXPECT_TRUE(finder.latest());
+}

@@ -1,0 +1,269 @@
+// `vantle files search WORDS...`, `vantle files duplicates` and `vantle files sources`: searching the
+// catalog in plain words, finding copies by content, and grouping files by where they came from.
+// Each reads the catalog first (walking the home when the reading in hand is stale).
+#include "cli/Commands.h"
+
+#include "VantleLibrary/Duplicates.h"
+#include "VantleLibrary/FileQueryRunner.h"
+#include "VantleLibrary/SearchParser.h"
+#include "VantleLibrary/Sources.h"
+#include "VantleSpec/ByteCount.h"
+#include "VantleSpec/Sentence.h"
+
+#include <chrono>
+#include <cstdio>
+#include <ctime>
+#include <iostream>
+#include <memory>
+#include <numeric>
+#include <string>
+#include <vector>
+
+namespace vantle::cli {
+
+namespace {
+
+constexpr std::string_view noWordsSentence =
+    "Type what to look for, for example: vantle files search pdfs from last month";
+constexpr std::string_view walkStoppedSentence = "Reading the home folder was stopped; nothing was searched.";
+constexpr std::string_view scanStoppedNote =
+    "The duplicate scan was stopped before it finished; these are the copies found so far.";
+constexpr std::string_view scanTimeLimitNote = "The duplicate scan reached its time limit of {seconds} "
+                                               "seconds; there may be more copies. Run it again to "
+                                               "continue: files already read are not read twice.";
+
+// Shows progress at most ten times a second: a terminal redrawn on every file slows the work down.
+class ThrottledLine {
+  public:
+    void show(const std::function<std::string()>& text) {
+        auto now = std::chrono::steady_clock::now();
+        if (now - last_ < std::chrono::milliseconds(100)) return;
+        last_ = now;
+        line_.show(text());
+    }
+    void clear() { line_.clear(); }
+
+  private:
+    ProgressLine line_;
+    std::chrono::steady_clock::time_point last_{};
+};
+
+// The catalog's reading, with a progress line while the home is walked; nullopt when the user stopped it.
+std::optional<Catalog::Result> readCatalog(VantleLite& live, CancelFlag& cancel) {
+    ThrottledLine line;
+    auto result = live.library->read(cancel, [&](const DiskWalk::Progress& p) {
+        line.show([&] { return "Reading the home folder: " + groupedCount(p.entries) + " items…"; });
+    });
+    line.clear();
+    if (cancel.isCancelled() || !result.snapshot) return std::nullopt;
+    return result;
+}
+
+std::string shownPath(const std::string& path, const std::filesystem::path& home) {
+    auto prefix = home.string() + "/";
+    return path.starts_with(prefix) ? "~/" + path.substr(prefix.size()) : path;
+}
+
+std::string localDate(const std::optional<TimePoint>& at) {
+    if (!at) return "          ";
+    auto t = std::chrono::system_clock::to_time_t(*at);
+    std::tm local{};
+    char text[16] = "";
+    if (::localtime_r(&t, &local)) std::strftime(text, sizeof text, "%Y-%m-%d", &local);
+    return text;
+}
+
+std::string padLeft(const std::string& text, size_t width) {
+    return text.size() >= width ? text : std::string(width - text.size(), ' ') + text;
+}
+
+std::string oneDecimal(double value) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%.1f", value);
+    return text;
+}
+
+std::string countOf(std::int64_t n, std::string_view one, std::string_view many) {
+    return groupedCount(n) + " " + std::string(n == 1 ? one : many);
+}
+
+void printSearch(const SearchResult& result, const std::filesystem::path& home) {
+    const auto& query = result.parsed.query;
+    if (!result.parsed.chips.empty()) {
+        std::cout << "Understood: ";
+        for (size_t i = 0; i < result.parsed.chips.size(); ++i)
+            std::cout << (i ? " · " : "") << result.parsed.chips[i];
+        std::cout << "\n";
+    }
+    if (!query.terms.empty()) {
+        std::cout << "Names containing: ";
+        for (size_t i = 0; i < query.terms.size(); ++i)
+            std::cout << (i ? ", " : "") << '"' << query.terms[i] << '"';
+        std::cout << "\n";
+    }
+    std::cout << countOf(result.total, "file", "files");
+    if (result.total > static_cast<int>(result.items.size()))
+        std::cout << ", the first " << result.items.size() << " shown";
+    std::cout << " (" << result.parsed.milliseconds << " ms)\n";
+    for (const auto& item : result.items)
+        std::cout << padLeft(fileBytes(item.size), 10) << "  " << localDate(item.modified) << "  "
+                  << shownPath(item.path, home) << "\n";
+    if (result.note) std::cout << *result.note << "\n";
+}
+
+void printDuplicates(const DuplicateScan& scan, const std::filesystem::path& home) {
+    if (scan.groups.empty()) {
+        std::cout << "No duplicates found";
+    } else {
+        std::cout << countOf(static_cast<std::int64_t>(scan.groups.size()), "group", "groups")
+                  << " of identical files; removing the extra copies would free "
+                  << fileBytes(scan.freeableBytes());
+    }
+    std::cout << ".\n";
+    for (size_t g = 0; g < scan.groups.size(); ++g) {
+        const auto& group = scan.groups[g];
+        const auto& sharing = scan.sharing[g];
+        std::cout << "\n"
+                  << group.items.size() << " copies of " << fileBytes(group.size) << ", frees "
+                  << fileBytes(sharing.freeable) << "  (SHA-256 " << group.fingerprint.substr(0, 12)
+                  << "…)\n";
+        for (const auto& item : group.items) {
+            std::string remark;
+            for (const auto& names : sharing.hardLinks)
+                if (std::ranges::find(names, item.path) != names.end() && names.front() != item.path)
+                    remark = "  (another name of " + shownPath(names.front(), home) + ")";
+            if (remark.empty() && std::ranges::find(sharing.clones, item.path) != sharing.clones.end())
+                remark = "  (a clone: shares its blocks)";
+            std::cout << "  " << shownPath(item.path, home) << remark << "\n";
+        }
+    }
+    std::cout << "\nCompared " << countOf(scan.candidates, "file", "files") << " that share a size; read "
+              << (scan.bytesRead == 0 ? std::string("nothing (every file was known)")
+                                      : fileBytes(scan.bytesRead))
+              << " in " << oneDecimal(scan.seconds) << " s.\n";
+    if (scan.note) std::cout << *scan.note << "\n";
+}
+
+void printSources(const std::vector<SourceGroup>& groups, const std::filesystem::path& home) {
+    if (groups.empty()) {
+        std::cout << "No file says where it came from. Browsers record it for what they download.\n";
+        return;
+    }
+    size_t width = 0;
+    for (const auto& g : groups)
+        width = std::max(width, g.name.size());
+    for (const auto& g : groups) {
+        std::cout << g.name << std::string(width - g.name.size() + 2, ' ')
+                  << padLeft(countOf(g.count, "file", "files"), 12) << padLeft(fileBytes(g.bytes), 11)
+                  << "\n";
+        for (const auto& item : g.samples)
+            std::cout << "    " << shownPath(item.path, home) << "\n";
+    }
+}
+
+std::string duplicateProgress(const DuplicateProgress& p) {
+    switch (p.phase) {
+    case DuplicateProgress::Phase::recording:
+        return "Comparing sizes: " + groupedCount(static_cast<std::int64_t>(p.done)) + " of " +
+               groupedCount(static_cast<std::int64_t>(p.total)) + " files…";
+    case DuplicateProgress::Phase::sampling:
+        return "Sampling " + groupedCount(static_cast<std::int64_t>(p.done)) + " of " +
+               groupedCount(static_cast<std::int64_t>(p.total)) + " files…";
+    case DuplicateProgress::Phase::hashing:
+        return "Reading " + groupedCount(static_cast<std::int64_t>(p.done)) + " of " +
+               groupedCount(static_cast<std::int64_t>(p.total)) + " files whole, " + fileBytes(p.bytesRead) +
+               " so far…";
+    }
+    return {};
+}
+
+} // namespace
+
+void addFilesSearchCommands(CLI::App& files, CliContext& ctx) {
+    auto* search =
+        files.add_subcommand("search", "Find files by describing them, e.g. \"big videos from last month\"");
+    auto words = std::make_shared<std::vector<std::string>>();
+    auto limit = std::make_shared<int>(100);
+    search->add_option("words", *words, "What to look for, in plain words")->expected(0, -1);
+    search->add_option("--limit", *limit, "Show at most this many files")->check(CLI::Range(1, 100'000));
+    auto* searchJson = addJsonFlag(search);
+    search->callback([&ctx, words, limit, searchJson] {
+        auto text =
+            std::accumulate(words->begin(), words->end(), std::string(),
+                            [](std::string a, const std::string& b) { return a.empty() ? b : a + " " + b; });
+        if (text.find_first_not_of(" \t") == std::string::npos)
+            return ctx.refuse(std::string(noWordsSentence));
+        auto* live = ctx.live();
+        if (!live) return;
+        CancelFlag cancel;
+        InterruptGuard interrupt(cancel);
+        auto read = readCatalog(*live, cancel);
+        if (!read) return ctx.refuse(std::string(walkStoppedSentence));
+        const auto& options = live->library->options();
+        SearchParser parser(options.now, options.calendar, live->home);
+        auto result = searchFiles(parser, text, *read->snapshot, read->reading, *limit);
+        if (*searchJson)
+            printJson(Json(result));
+        else
+            printSearch(result, live->home);
+    });
+
+    auto* duplicates =
+        files.add_subcommand("duplicates", "Find files whose contents are identical (Ctrl-C stops it)");
+    auto* duplicatesJson = addJsonFlag(duplicates);
+    duplicates->callback([&ctx, duplicatesJson] {
+        auto* live = ctx.live();
+        if (!live) return;
+        CancelFlag cancel;
+        InterruptGuard interrupt(cancel);
+        auto read = readCatalog(*live, cancel);
+        if (!read) return ctx.refuse(std::string(walkStoppedSentence));
+        auto candidates = Duplicates::candidatesOf(read->snapshot->facts);
+        ThrottledLine line;
+        auto scan = live->duplicates->scan(candidates, cancel, [&](const DuplicateProgress& p) {
+            line.show([&] { return duplicateProgress(p); });
+        });
+        line.clear();
+        // Say why the answer may be short; a partial catalog reading limits it too.
+        std::vector<std::string> notes;
+        if (scan.note) notes.push_back(*scan.note);
+        if (!scan.isComplete)
+            notes.push_back(
+                cancel.isCancelled()
+                    ? std::string(scanStoppedNote)
+                    : fillIn(scanTimeLimitNote,
+                             {{"seconds",
+                               std::to_string(live->library->options().duplicateTimeLimit.count())}}));
+        if (auto partial = read->reading.note()) notes.push_back(*partial);
+        if (!notes.empty()) {
+            std::string joined;
+            for (const auto& n : notes)
+                joined += (joined.empty() ? "" : " ") + n;
+            scan.note = joined;
+        }
+        if (*duplicatesJson)
+            printJson(Json(scan));
+        else
+            printDuplicates(scan, live->home);
+    });
+
+    auto* sources =
+        files.add_subcommand("sources", "Group downloaded files by the site, mail or app they came from");
+    auto* sourcesJson = addJsonFlag(sources);
+    sources->callback([&ctx, sourcesJson] {
+        auto* live = ctx.live();
+        if (!live) return;
+        CancelFlag cancel;
+        InterruptGuard interrupt(cancel);
+        auto read = readCatalog(*live, cancel);
+        if (!read) return ctx.refuse(std::string(walkStoppedSentence));
+        auto groups = Sources::groups(read->snapshot->facts, live->library->options().samples);
+        if (*sourcesJson)
+            printJson(Json(groups));
+        else
+            printSources(groups, live->home);
+        if (auto partial = read->reading.note(); partial && !*sourcesJson) std::cout << *partial << "\n";
+    });
+}
+
+} // namespace vantle::cli
