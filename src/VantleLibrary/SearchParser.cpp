@@ -278,7 +278,8 @@ void tokenize(std::string_view text, State& s) {
 std::optional<std::pair<double, size_t>> countAt(const State& s, size_t i) {
     auto word = s.at(i);
     if (word.empty()) return std::nullopt;
-    if (auto n = decimal(word)) return std::pair(*n, size_t{1});
+    // Counts beyond ten thousand (years, at most) are not about time: "2023" is a year, not a count.
+    if (auto n = decimal(word)) return *n <= 10'000 ? std::optional(std::pair(*n, size_t{1})) : std::nullopt;
     static constexpr std::array<std::string_view, 13> named{"zero", "one",    "two",   "three", "four",
                                                             "five", "six",    "seven", "eight", "nine",
                                                             "ten",  "eleven", "twelve"};
@@ -303,7 +304,8 @@ std::optional<std::pair<Span, size_t>> spanAt(const State& s, size_t i) {
     size_t taken = 0;
     if (auto c = countAt(s, i)) std::tie(count, taken) = *c;
     const Unit* unit = unitOf(s.at(i + taken));
-    if (!unit) return std::nullopt;
+    // A century is as far back as file dates go; more would also run off the clock's range.
+    if (!unit || unit->length * count > days(36'500)) return std::nullopt;
     ++taken;
     Span span{duration_cast<seconds>(unit->length * count), unit->length, {}, {}};
     span.bare =
@@ -635,7 +637,7 @@ void readSizes(State& s) {
         auto number = decimal(word.substr(0, split));
         if (!number) return std::nullopt;
         auto unit = split == std::string_view::npos ? byteUnit(s.at(i + 1)) : byteUnit(word.substr(split));
-        if (!unit) return std::nullopt;
+        if (!unit || *number * static_cast<double>(*unit) > 1e18) return std::nullopt;
         return std::pair(static_cast<std::int64_t>(std::llround(*number * static_cast<double>(*unit))),
                          size_t{split == std::string_view::npos ? 2u : 1u});
     };

@@ -8,6 +8,7 @@
 #include "VantleSpec/Time.h"
 
 #include <filesystem>
+#include <set>
 #include <span>
 #include <string>
 #include <string_view>
