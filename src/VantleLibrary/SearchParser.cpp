@@ -304,6 +304,8 @@ std::optional<std::pair<Span, size_t>> spanAt(const State& s, size_t i) {
     size_t taken = 0;
     if (auto c = countAt(s, i)) std::tie(count, taken) = *c;
     const Unit* unit = unitOf(s.at(i + taken));
+    // Without a count only the singular names one unit ("last month"); "months" alone says no length.
+    if (unit && taken == 0 && s.at(i) == unit->plural) return std::nullopt;
     // A century is as far back as file dates go; more would also run off the clock's range.
     if (!unit || unit->length * count > days(36'500)) return std::nullopt;
     ++taken;

@@ -237,4 +237,10 @@ TEST(SearchParser, LeftoverWordsAreNameTermsAndQuotesStayWhole) {
     EXPECT_TRUE(empty.chips.empty());
     EXPECT_EQ(empty.query.sort, Sort::newest);
     EXPECT_EQ(parse("photos").query.limit, 100);
+
+    // Numbers too large to be a time or a size stay words instead of running off the clock.
+    auto farBack = parse("3000 years ago");
+    EXPECT_FALSE(farBack.query.after);
+    EXPECT_EQ(farBack.query.terms, (std::vector<std::string>{"3000", "years", "ago"}));
+    EXPECT_FALSE(parse("over 99999999 tb").query.minSize);
 }
