@@ -9,6 +9,7 @@
 #include "VantleSpec/Sentence.h"
 #include "VantleStorage/ItemId.h"
 #include "VantleStorage/ItemSearch.h"
+#include "VantleStorage/OwnersRecord.h"
 #include "VantleStorage/TreeSizer.h"
 
 #include <algorithm>
@@ -105,7 +106,7 @@ StorageScanner::StorageScanner(Options options) : options_(std::move(options)) {
 }
 
 std::optional<StorageScan> StorageScanner::latest() const {
-    std::lock_guard lock(mutex_);
+    std::lock_guard lock(latestMutex_);
     return latest_;
 }
 
@@ -114,7 +115,7 @@ StorageScanner::scan(const std::filesystem::path& home, ScanDepth depth,
                      const std::optional<std::set<std::string>>& only, bool inBackground,
                      const std::optional<std::filesystem::path>& holding, CancelFlag& cancel,
                      const Progress& progress) {
-    std::lock_guard lock(mutex_);
+    std::lock_guard lock(scanMutex_);
     const RuleTable& table = *options_.table;
     auto report = [&](const ScanProgress& p) {
         if (progress) progress(p);
@@ -340,13 +341,19 @@ StorageScanner::scan(const std::filesystem::path& home, ScanDepth depth,
         facts.wasInspected = inspected[i];
         if (st.type == EntryStatus::Type::file)
             facts.isEncryptedImage = isEncryptedImage(c.found.parent->get(), item.name, st.sizeBytes);
+        if (!c.held && st.type == EntryStatus::Type::folder &&
+            table[c.found.ruleIndex].precondition.ageSignal == Precondition::AgeSignal::xcodeLastAccessed)
+            facts.ownersRecord = xcodeLastAccessed(c.found.parent->get(), item.name);
         (c.held ? result.held : result.items).push_back(std::move(item));
     }
 
     result.complete = !cancel.isCancelled();
     result.finishedAt = options_.now();
     report({ScanProgress::Phase::done, candidates.size(), ledger.entriesSeen(), ledger.bytesSeen()});
-    if (result.complete) latest_ = result;
+    if (result.complete) {
+        std::lock_guard keep(latestMutex_);
+        latest_ = result;
+    }
     return result;
 }
 

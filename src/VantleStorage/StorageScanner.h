@@ -1,7 +1,7 @@
 // The storage scanner: measures, for every rule a scan includes, what the rule's patterns match in
 // the home folder (and the system's areas), item by item, and what of it could really be freed.
-// An actor: scans run one at a time under its mutex, each on worker threads of its own; latest()
-// may be called from any thread. Every scan result is the caller's own copy.
+// An actor: scans run one at a time, each on worker threads of its own; latest() may be called from
+// any thread, also while a scan runs. Every scan result is the caller's own copy.
 #pragma once
 #include "VantleSpec/CancelFlag.h"
 #include "VantleSpec/Time.h"
@@ -72,7 +72,8 @@ class StorageScanner {
     const RuleTable& table() const { return *options_.table; }
 
   private:
-    mutable std::mutex mutex_;
+    std::mutex scanMutex_;           // one scan at a time
+    mutable std::mutex latestMutex_; // so latest() answers while a scan runs
     Options options_;
     std::optional<StorageScan> latest_;
 };

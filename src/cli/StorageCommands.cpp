@@ -17,14 +17,22 @@ constexpr std::string_view stoppedSentence =
     "The storage scan was stopped before it finished. Nothing was kept; the last report stays as it was.";
 constexpr std::string_view notKeptNote = "The report could not be kept in {file}: {reason}";
 
+// "1,234,567": counts on a progress line are read at a glance.
+std::string grouped(std::int64_t n) {
+    auto digits = std::to_string(n);
+    for (auto at = static_cast<std::ptrdiff_t>(digits.size()) - 3; at > 0; at -= 3)
+        digits.insert(at, ",");
+    return digits;
+}
+
 std::string progressText(const ScanProgress& progress) {
     switch (progress.phase) {
     case ScanProgress::Phase::finding:
         return "Finding what each category holds…";
     case ScanProgress::Phase::measuring:
-        return "Measuring " + std::to_string(progress.items) +
-               (progress.items == 1 ? " item: " : " items: ") + std::to_string(progress.entries) +
-               " entries, " + fileBytes(progress.bytes);
+        return "Measuring " + grouped(static_cast<std::int64_t>(progress.items)) +
+               (progress.items == 1 ? " item: " : " items: ") + grouped(progress.entries) + " entries, " +
+               fileBytes(progress.bytes);
     case ScanProgress::Phase::done:
         return "Writing the report…";
     }

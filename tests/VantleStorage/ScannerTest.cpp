@@ -340,3 +340,23 @@ TEST_F(ScannerTest, ABackgroundScanPutsTheDiskPriorityBack) {
     EXPECT_EQ(IdleIoPriority::current(), before);
     EXPECT_NE(during, before);
 }
+
+TEST_F(ScannerTest, ReadsXcodesOwnRecordOfWhenABuildFolderWasLastUsed) {
+    write("Library/Developer/Xcode/DerivedData/App-abc/Build/x.o", 100);
+    dir.write("home/Library/Developer/Xcode/DerivedData/App-abc/info.plist",
+              R"(<?xml version="1.0" encoding="UTF-8"?>
+<!DOCTYPE plist PUBLIC "-//Apple//DTD PLIST 1.0//EN" "http://www.apple.com/DTDs/PropertyList-1.0.dtd">
+<plist version="1.0"><dict>
+<key>LastAccessedDate</key><date>2026-01-02T03:04:05Z</date>
+<key>WorkspacePath</key><string>/Users/u/App/App.xcodeproj</string>
+</dict></plist>)");
+    write("Library/Developer/Xcode/DerivedData/Other-def/Build/y.o", 100);
+    dir.write("home/Library/Developer/Xcode/DerivedData/Other-def/info.plist", "not a property list");
+
+    auto result = scan(ScanDepth::rules);
+    auto app = itemAt(result, (home / "Library/Developer/Xcode/DerivedData/App-abc").string());
+    auto other = itemAt(result, (home / "Library/Developer/Xcode/DerivedData/Other-def").string());
+    ASSERT_TRUE(app && other);
+    EXPECT_EQ(app->facts.ownersRecord, parseIsoDate("2026-01-02T03:04:05Z"));
+    EXPECT_FALSE(other->facts.ownersRecord);
+}
