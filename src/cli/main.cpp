@@ -25,6 +25,7 @@ int main(int argc, char** argv) {
     cli::addStatusCommands(app, ctx);
     cli::addLedgerCommands(app, ctx);
     cli::addStorageCommands(app, ctx);
+    cli::addFilesCommands(app, ctx);
     cli::addHealthCommands(app, ctx);
 
     std::vector<const char*> cargv;
