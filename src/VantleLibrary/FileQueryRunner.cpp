@@ -16,8 +16,7 @@ using Sort = FileQuery::Sort;
 using DateField = FileQuery::DateField;
 
 // Names and terms are compared lower-cased with "_", "-" and "." read as spaces, so "tax return"
-// finds "Tax_Return-2023.pdf".
-// Names are folded for every file of the catalog on every search, so by table rather than per call.
+// finds "Tax_Return-2023.pdf". Every name of the catalog is folded on every search, hence a table.
 constexpr auto foldTable = [] {
     std::array<char, 256> table{};
     for (int c = 0; c < 256; ++c)
@@ -145,11 +144,6 @@ struct Prepared {
 };
 
 } // namespace
-
-bool matches(const FileQuery& query, const Facts& facts) {
-    std::string scratch;
-    return Prepared(query).test(facts, scratch);
-}
 
 QueryAnswer runQuery(const FileQuery& query, std::span<const Facts> facts) {
     Prepared prepared(query);

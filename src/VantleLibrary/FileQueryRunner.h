@@ -21,9 +21,6 @@ struct QueryAnswer {
 // by the catalog, so an app is one item.
 QueryAnswer runQuery(const FileQuery& query, std::span<const Facts> facts);
 
-// Whether one file matches (sorting and limit aside).
-bool matches(const FileQuery& query, const Facts& facts);
-
 // Parses `words` and runs the query over the reading, timing both. A reading that was not complete
 // makes the result say so in its note.
 SearchResult searchFiles(const SearchParser& parser, std::string_view words, const Snapshot& snapshot,
