@@ -186,7 +186,7 @@ DuplicateScan Duplicates::scan(std::span<const FileItem> items, CancelFlag& canc
     readSharing(records, buckets);
 
     // 3-6. Sample hashes split the size groups, then full hashes split what is left. Each distinct file
-    //      is hashed once, in inode order, which on most file systems follows the disk.
+    //      is hashed once, in inode order (the map's), which on most file systems follows the disk.
     FingerprintReader reader(options_.clock, deadline, &cancel);
     std::vector<std::optional<Digest>> digests(records.size());
     auto refine = [&](HashMode mode, DuplicateProgress::Phase phase) {
@@ -194,16 +194,10 @@ DuplicateScan Duplicates::scan(std::span<const FileItem> items, CancelFlag& canc
         for (const auto& bucket : buckets)
             for (auto i : bucket)
                 work[records[i].number].push_back(i);
-        std::vector<const std::pair<const FileNumber, std::vector<size_t>>*> order;
-        for (const auto& entry : work)
-            order.push_back(&entry);
-        std::ranges::sort(order, {}, [](auto* e) { return std::pair(e->first.device, e->first.inode); });
-
         std::ranges::fill(digests, std::nullopt);
         size_t done = 0;
-        for (auto* entry : order) {
+        for (const auto& [number, names] : work) {
             if (shouldStop()) break;
-            const auto& names = entry->second;
             const auto& first = records[names.front()];
             FileStatus asRecorded{true,           first.number, first.size,     first.allocated,
                                   first.modified, first.born,   first.linkCount};
@@ -229,7 +223,7 @@ DuplicateScan Duplicates::scan(std::span<const FileItem> items, CancelFlag& canc
                     digests[i] = digest;
                     cache_.store(records[i].path, asRecorded, mode, *digest);
                 }
-            report(phase, ++done, order.size(), reader.bytesRead());
+            report(phase, ++done, work.size(), reader.bytesRead());
         }
 
         // Split each group by digest; a group cut short by the deadline keeps only what was hashed.
