@@ -6,10 +6,16 @@
 #include "Platform/UniqueFd.h"
 #include "VantleSpec/Sentence.h"
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cmath>
+#include <condition_variable>
 #include <fcntl.h>
+#include <iterator>
 #include <memory>
+#include <mutex>
+#include <thread>
 
 namespace vantle {
 
@@ -56,15 +62,25 @@ constexpr int folderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 constexpr std::int64_t progressEvery = 4096;
 constexpr std::int64_t clockEvery = 256;
 
-struct Frame {
-    UniqueFd fd;
-    std::unique_ptr<DirectoryReader> reader; // reads fd; declared after it so it ends first
-    std::string path;
+// A folder waiting to be read. It is opened again from its root's descriptor, beneath it and
+// without following a link, so the queue holds no descriptors however wide the tree is.
+struct Folder {
+    std::string path;     // absolute
+    std::string relative; // beneath its root; empty for the root itself
+    size_t root = 0;
     std::uint64_t device = 0;
-    long bundle = -1;    // index of the app bundle whose contents these are, or -1
-    bool isHome = false; // the home's top level, where "Library" is left out
+    bool appsOnly = false; // an application folder shared with the system: only apps are taken
+    bool isHome = false;   // the home's top level, where "Library" is left out
 };
 
+// What one worker found; merged when every worker is done.
+struct Share {
+    std::vector<Facts> facts;
+    std::vector<std::string> missed;
+};
+
+// Reads folders on a few threads from one shared queue: the walk spends its time in status and
+// attribute calls, which run side by side in the kernel.
 class Walker {
   public:
     Walker(const DiskWalk& walk, const CancelFlag& cancel, const DiskWalk::ProgressFn& progress)
@@ -72,144 +88,227 @@ class Walker {
 
     DiskWalk::Outcome run() {
         const auto& home = walk_.scope.home;
-        walkRoot(home, Root::home);
-        if (stop_ == Reading::Stop::finished) walkRoot(home / "Library" / "Mobile Documents", Root::cloud);
+        addRoot(home, Kind::home);
+        addRoot(home / "Library" / "Mobile Documents", Kind::cloud);
         auto homePrefix = home.string() + "/";
-        for (const auto& apps : walk_.scope.appFolders) {
-            // An application folder inside the home (a sandbox's Applications) has been read already.
-            if (apps == home || apps.string().starts_with(homePrefix)) continue;
-            if (stop_ == Reading::Stop::finished) walkRoot(apps, Root::apps);
+        for (const auto& apps : walk_.scope.appFolders)
+            // An application folder inside the home (a sandbox's Applications) is read with the home.
+            if (apps != home && !apps.string().starts_with(homePrefix)) addRoot(apps, Kind::apps);
+
+        auto threads = walk_.threads > 0
+                           ? walk_.threads
+                           : std::clamp(static_cast<int>(std::thread::hardware_concurrency()), 1, 4);
+        shares_.resize(static_cast<size_t>(threads));
+        {
+            std::vector<std::jthread> helpers;
+            for (int i = 1; i < threads; ++i)
+                helpers.emplace_back([this, i] { work(shares_[static_cast<size_t>(i)]); });
+            work(shares_[0]);
         }
 
-        out_.reading.stop = stop_;
-        out_.reading.entries = entries_;
-        out_.reading.seconds = std::chrono::duration<double>(walk_.now() - began_).count();
-        out_.reading.isComplete = stop_ == Reading::Stop::finished && out_.reading.missedContents.empty();
-        out_.snapshot.isWhole = stop_ == Reading::Stop::finished;
-        out_.snapshot.at = began_;
-        return std::move(out_);
+        DiskWalk::Outcome out;
+        auto& reading = out.reading;
+        reading.missedContents = std::move(rootsMissed_);
+        size_t total = 0;
+        for (const auto& share : shares_)
+            total += share.facts.size();
+        out.snapshot.facts.reserve(total);
+        for (auto& share : shares_) {
+            std::ranges::move(share.facts, std::back_inserter(out.snapshot.facts));
+            std::ranges::move(share.missed, std::back_inserter(reading.missedContents));
+        }
+        reading.stop = static_cast<Reading::Stop>(stop_.load());
+        reading.entries = entries_.load();
+        reading.seconds = std::chrono::duration<double>(walk_.now() - began_).count();
+        reading.isComplete = reading.stop == Reading::Stop::finished && reading.missedContents.empty();
+        out.snapshot.isWhole = reading.stop == Reading::Stop::finished;
+        out.snapshot.at = began_;
+        return out;
     }
 
   private:
-    void missed(const std::string& path) { out_.reading.missedContents.push_back(path); }
+    enum class Kind { home, cloud, apps };
 
-    enum class Root {
-        home,
-        cloud, // absent on most machines
-        apps,  // absent on some machines, and shared with the system: only apps are taken from it
-    };
-
-    void walkRoot(const std::filesystem::path& root, Root kind) {
+    void addRoot(const std::filesystem::path& root, Kind kind) {
         auto fd = openFolder(root);
-        if (!fd) {
-            bool absent = fd.error() == ENOENT || fd.error() == ENOTDIR;
-            if (!(kind != Root::home && absent)) missed(root.string());
-            return;
-        }
-        appsOnly_ = kind == Root::apps;
-        auto status = statusOf(fd->get(), "");
+        auto status = fd ? statusOf(fd->get(), "") : std::unexpected(fd.error());
         if (!status) {
-            missed(root.string());
+            // The cloud folder is absent on most machines, an application folder on some.
+            bool absent = status.error() == ENOENT || status.error() == ENOTDIR;
+            if (kind == Kind::home || !absent) rootsMissed_.push_back(root.string());
             return;
         }
-        std::vector<Frame> stack;
-        push(stack, std::move(*fd), root.string(), status->device, -1, kind == Root::home);
-        descend(stack);
+        pending_.push_back(
+            Folder{root.string(), "", roots_.size(), status->device, kind == Kind::apps, kind == Kind::home});
+        roots_.push_back(std::move(*fd));
     }
 
-    void push(std::vector<Frame>& stack, UniqueFd fd, std::string path, std::uint64_t device, long bundle,
-              bool isHome) {
-        Frame frame;
-        frame.reader = std::make_unique<DirectoryReader>(fd.get(), 32 * 1024);
-        frame.fd = std::move(fd);
-        frame.path = std::move(path);
-        frame.device = device;
-        frame.bundle = bundle;
-        frame.isHome = isHome;
-        stack.push_back(std::move(frame));
+    void work(Share& share) {
+        Folder folder;
+        std::vector<Folder> found;
+        while (take(folder)) {
+            read(folder, share, found);
+            done(found);
+        }
     }
 
-    bool pastLimits() {
-        if (cancel_.isCancelled())
-            stop_ = Reading::Stop::cancelled;
-        else if (entries_ >= walk_.entryLimit)
-            stop_ = Reading::Stop::entryLimit;
-        else if (entries_ % clockEvery == 0 && walk_.now() >= walk_.deadline)
-            stop_ = Reading::Stop::timeLimit;
-        return stop_ != Reading::Stop::finished;
+    bool take(Folder& folder) {
+        std::unique_lock lock(mutex_);
+        queueChanged_.wait(lock, [&] { return !pending_.empty() || busy_ == 0 || stopped(); });
+        if (pending_.empty() || stopped()) return false;
+        folder = std::move(pending_.back());
+        pending_.pop_back();
+        ++busy_;
+        return true;
     }
 
-    void descend(std::vector<Frame>& stack) {
+    void done(std::vector<Folder>& found) {
+        {
+            std::lock_guard lock(mutex_);
+            for (auto& f : found)
+                pending_.push_back(std::move(f));
+            --busy_;
+        }
+        found.clear();
+        queueChanged_.notify_all();
+    }
+
+    bool stopped() const {
+        return stop_.load(std::memory_order_relaxed) != static_cast<int>(Reading::Stop::finished);
+    }
+
+    void setStop(Reading::Stop why) {
+        int finished = static_cast<int>(Reading::Stop::finished);
+        stop_.compare_exchange_strong(finished, static_cast<int>(why));
+        std::lock_guard lock(mutex_); // so a worker about to wait cannot miss the news
+        queueChanged_.notify_all();
+    }
+
+    // Counts one more entry, or stops the walk at a limit (the entry is then not counted).
+    bool count(const std::string& folder) {
+        if (stopped()) return false;
+        if (cancel_.isCancelled()) {
+            setStop(Reading::Stop::cancelled);
+            return false;
+        }
+        auto n = entries_.fetch_add(1) + 1;
+        if (n > walk_.entryLimit) {
+            entries_.fetch_sub(1);
+            setStop(Reading::Stop::entryLimit);
+            return false;
+        }
+        if (n % clockEvery == 0 && walk_.now() >= walk_.deadline) {
+            entries_.fetch_sub(1);
+            setStop(Reading::Stop::timeLimit);
+            return false;
+        }
+        if (progress_ && n % progressEvery == 0) {
+            std::lock_guard lock(progressMutex_);
+            progress_({n, files_.load(), folder});
+        }
+        return true;
+    }
+
+    UniqueFd open(const Folder& folder, int& error) const {
+        int rootFd = roots_[folder.root].get();
+        if (folder.relative.empty()) {
+            UniqueFd fd(::openat(rootFd, ".", folderFlags));
+            error = fd ? 0 : errno;
+            return fd;
+        }
+        auto fd = openBeneath(rootFd, folder.relative, folderFlags);
+        error = fd ? 0 : fd.error();
+        return fd ? std::move(*fd) : UniqueFd();
+    }
+
+    void read(const Folder& folder, Share& share, std::vector<Folder>& found) {
+        int error = 0;
+        auto fd = open(folder, error);
+        if (!fd) {
+            if (error != ENOENT)
+                share.missed.push_back(folder.path); // gone since it was listed: nothing missed
+            return;
+        }
+        DirectoryReader reader(fd.get(), 32 * 1024);
         DirectoryReader::Entry entry;
-        while (!stack.empty()) {
-            Frame& frame = stack.back();
-            if (!frame.reader->next(entry)) {
-                if (frame.reader->error() != 0) missed(frame.path);
-                stack.pop_back();
-                continue;
-            }
+        while (reader.next(entry)) {
             if (entry.name.front() == '.') continue;
-            if (frame.isHome && entry.name == "Library") continue;
-            if (pastLimits()) return;
-            ++entries_;
-            if (progress_ && entries_ % progressEvery == 0) progress_({entries_, files_, frame.path});
+            if (folder.isHome && entry.name == "Library") continue;
+            if (!count(folder.path)) return;
 
             std::string name(entry.name);
-            auto status = statusOf(frame.fd.get(), name.c_str());
-            // Gone since the listing, or unreadable: nothing to record.
-            if (!status) continue;
+            auto status = statusOf(fd.get(), name.c_str());
+            if (!status) continue; // gone since the listing
             bool isFolder = status->type == EntryStatus::Type::folder;
             if (!isFolder && status->type != EntryStatus::Type::file) continue; // links are never followed
 
-            std::string path = frame.path;
-            if (path.empty() || path.back() != '/') path += '/';
-            path += name;
-
-            if (frame.bundle >= 0) {
-                auto& bundle = out_.snapshot.facts[static_cast<size_t>(frame.bundle)];
-                if (!isFolder) {
-                    bundle.size += static_cast<std::int64_t>(status->sizeBytes);
-                    bundle.onDisk += static_cast<std::int64_t>(status->allocatedBytes);
-                } else if (status->device == frame.device) {
-                    openChild(stack, frame.fd.get(), name, std::move(path), frame.device, frame.bundle);
-                }
-                continue;
+            auto facts = factsOf(folder.path + "/" + name, name, *status, fd.get());
+            bool keep = !folder.appsOnly || facts.kind() == LibraryKind::apps;
+            if (facts.isPackage) {
+                if (keep && status->device == folder.device) addUpBundle(fd.get(), name, facts);
+            } else if (isFolder && status->device == folder.device) {
+                found.push_back(Folder{facts.path,
+                                       folder.relative.empty() ? name : folder.relative + "/" + name,
+                                       folder.root, folder.device, folder.appsOnly, false});
             }
-
-            auto facts = factsOf(path, name, *status, frame.fd.get());
-            bool isPackage = facts.isPackage;
-            bool keep = !appsOnly_ || facts.kind() == LibraryKind::apps;
-            if (keep) out_.snapshot.facts.push_back(std::move(facts));
-            if (!isFolder) {
-                if (keep) ++files_;
-                continue;
-            }
-            if (status->device != frame.device) continue;
-            long bundle = isPackage && keep ? static_cast<long>(out_.snapshot.facts.size() - 1) : -1;
-            // `frame` may move when the stack grows: take what is needed from it first.
-            openChild(stack, frame.fd.get(), name, std::move(path), frame.device, bundle);
+            if (!keep) continue;
+            if (!isFolder) files_.fetch_add(1, std::memory_order_relaxed);
+            share.facts.push_back(std::move(facts));
         }
+        if (reader.error() != 0) share.missed.push_back(folder.path);
     }
 
-    void openChild(std::vector<Frame>& stack, int parentFd, const std::string& name, std::string path,
-                   std::uint64_t device, long bundle) {
-        int fd = ::openat(parentFd, name.c_str(), folderFlags);
-        if (fd < 0) {
-            if (errno != ENOENT) missed(path);
-            return;
+    // An app bundle is one item: its size is its files' sizes summed. Read here, on this worker.
+    void addUpBundle(int parentFd, const std::string& name, Facts& bundle) {
+        struct Level {
+            UniqueFd fd;
+            std::unique_ptr<DirectoryReader> reader; // reads fd; declared after it so it ends first
+        };
+        std::vector<Level> stack;
+        auto enter = [&](int at, const std::string& child) {
+            UniqueFd fd(::openat(at, child.c_str(), folderFlags));
+            if (!fd) return;
+            auto reader = std::make_unique<DirectoryReader>(fd.get(), 16 * 1024);
+            stack.push_back(Level{std::move(fd), std::move(reader)});
+        };
+        enter(parentFd, name);
+        DirectoryReader::Entry entry;
+        while (!stack.empty()) {
+            auto& level = stack.back();
+            if (!level.reader->next(entry)) {
+                stack.pop_back();
+                continue;
+            }
+            if (!count(bundle.path)) return;
+            std::string child(entry.name);
+            auto status = statusOf(level.fd.get(), child.c_str());
+            if (!status) continue;
+            if (status->type == EntryStatus::Type::file) {
+                bundle.size += static_cast<std::int64_t>(status->sizeBytes);
+                bundle.onDisk += static_cast<std::int64_t>(status->allocatedBytes);
+            } else if (status->type == EntryStatus::Type::folder) {
+                enter(level.fd.get(), child); // `level` may move: not used after this
+            }
         }
-        push(stack, UniqueFd(fd), std::move(path), device, bundle, false);
     }
 
     const DiskWalk& walk_;
     const CancelFlag& cancel_;
     const DiskWalk::ProgressFn& progress_;
-    TimePoint began_;
-    DiskWalk::Outcome out_;
-    Reading::Stop stop_ = Reading::Stop::finished;
-    bool appsOnly_ = false;
-    std::int64_t entries_ = 0;
-    std::int64_t files_ = 0;
+    const TimePoint began_;
+    std::vector<UniqueFd> roots_;
+    std::vector<std::string> rootsMissed_;
+    std::vector<Share> shares_;
+
+    std::mutex mutex_; // guards pending_ and busy_
+    std::condition_variable queueChanged_;
+    std::vector<Folder> pending_;
+    int busy_ = 0; // workers reading a folder (and so perhaps about to add more)
+
+    std::mutex progressMutex_; // progress is told one call at a time
+    std::atomic<int> stop_{static_cast<int>(Reading::Stop::finished)};
+    std::atomic<std::int64_t> entries_{0};
+    std::atomic<std::int64_t> files_{0};
 };
 
 } // namespace

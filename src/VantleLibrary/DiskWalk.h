@@ -1,7 +1,8 @@
 // The disk walk: reads the facts of every file in the library's scope by descriptors, one folder at
 // a time, within an entry limit and a deadline, and says how the reading went. A DiskWalk is a
-// plain value; run() may be called from any thread (one run per call, nothing shared) and returns
-// values the caller owns.
+// plain value; run() may be called from any thread (one run per call, nothing shared), reads on a few
+// threads of its own, and returns values the caller owns. The clock and the progress callback are
+// called from those threads (the callback one call at a time).
 #pragma once
 #include "VantleLibrary/Facts.h"
 #include "VantleSpec/CancelFlag.h"
@@ -81,6 +82,8 @@ class DiskWalk {
     std::int64_t entryLimit = 300'000;
     TimePoint deadline{};
     Clock now = systemClock();
+    // Threads reading folders side by side; 0 means one per processor, at most four.
+    int threads = 0;
 
     // Reads the cancel flag between folders; reports progress every few thousand entries.
     Outcome run(const CancelFlag& cancel, const ProgressFn& progress = {}) const;

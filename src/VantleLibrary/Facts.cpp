@@ -102,10 +102,10 @@ void readAttributes(Facts& facts, const Place& at) {
     if (!tooMany && listed.find("user.xdg.") == std::string_view::npos) return;
     auto has = [&](std::string_view name) {
         if (tooMany) return true;
-        for (size_t at = 0; at < listed.size();) {
-            auto end = std::min(listed.find('\0', at), listed.size());
-            if (listed.substr(at, end - at) == name) return true;
-            at = end + 1;
+        for (size_t i = 0; i < listed.size();) {
+            auto end = std::min(listed.find('\0', i), listed.size());
+            if (listed.substr(i, end - i) == name) return true;
+            i = end + 1;
         }
         return false;
     };

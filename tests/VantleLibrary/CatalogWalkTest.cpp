@@ -144,6 +144,38 @@ TEST(DiskWalk, AnAppBundleIsOneItemOfItsContentsSize) {
     EXPECT_EQ(out.reading.entries, 8);
 }
 
+TEST(DiskWalk, SeveralThreadsReadExactlyWhatOneReads) {
+    TempDir home;
+    for (int a = 0; a < 12; ++a)
+        for (int b = 0; b < 12; ++b)
+            for (int f = 0; f < 3; ++f)
+                home.write("Documents/" + std::to_string(a) + "/" + std::to_string(b) + "/f" +
+                               std::to_string(f) + ".txt",
+                           std::string(static_cast<size_t>(a * b + f), 'x'));
+    home.write("Applications/Big.app/Contents/a/b/c/data", std::string(999, 'x'));
+    auto paths = [](const Snapshot& snapshot) {
+        std::vector<std::pair<std::string, std::int64_t>> out;
+        for (const auto& f : snapshot.facts)
+            out.emplace_back(f.path, f.size);
+        std::ranges::sort(out);
+        return out;
+    };
+    CancelFlag cancel;
+    auto one = walkOf(home);
+    one.threads = 1;
+    auto four = walkOf(home);
+    four.threads = 4;
+    auto a = one.run(cancel), b = four.run(cancel);
+    EXPECT_EQ(paths(a.snapshot), paths(b.snapshot));
+    EXPECT_EQ(a.reading.entries, b.reading.entries);
+    EXPECT_EQ(a.snapshot.facts.size(),
+              1u + 12 + 144 + 432 + 2); // Documents, 12, 144, 432 files, Applications, Big.app
+    four.entryLimit = 300;
+    auto limited = four.run(cancel);
+    EXPECT_EQ(limited.reading.entries, 300);
+    EXPECT_EQ(limited.reading.stop, Reading::Stop::entryLimit);
+}
+
 TEST(DiskWalk, TakesOnlyAppsFromApplicationFoldersOutsideTheHome) {
     TempDir base;
     base.write("home/Applications/Mine.app/Contents/x", "12");
