@@ -9,12 +9,6 @@
 
 namespace vantle {
 
-ScanGap::Reason ScanGap::reasonFor(int errorNumber) {
-    if (errorNumber == EPERM) return Reason::privacy;
-    if (errorNumber == EACCES) return Reason::ownership;
-    return Reason::other;
-}
-
 ItemSearch::ItemSearch(const RuleMatcher& matcher, CancelFlag& cancel, std::optional<FileIdentity> skip)
     : matcher_(matcher), cancel_(cancel), skip_(skip) {}
 
@@ -36,7 +30,7 @@ bool ItemSearch::run(std::shared_ptr<const UniqueFd> anchorFd, const std::filesy
     bool atRoot = true;
 
     auto noteGap = [&](const std::string& path, int error) {
-        gaps_.push_back({path, ScanGap::reasonFor(error), systemErrorText(error)});
+        gaps_.push_back({path, refusalOf(error), systemErrorText(error)});
     };
 
     while (!pending.empty()) {

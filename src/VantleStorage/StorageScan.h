@@ -6,6 +6,7 @@
 #include "VantleSpec/Time.h"
 #include "VantleStorage/ItemFacts.h"
 #include "VantleStorage/Rule.h"
+#include "VantleStorage/Tally.h"
 
 #include <optional>
 #include <string>
@@ -15,15 +16,13 @@ namespace vantle {
 
 // A place that could not be read, with the reason the system gave.
 struct ScanGap {
-    enum class Reason { privacy, ownership, other };
+    using Reason = Refusal;
     std::string path;
     Reason reason = Reason::other;
     std::string detail; // the system's own description of the error
 
-    static Reason reasonFor(int errorNumber);
     bool operator==(const ScanGap&) const = default;
 };
-VANTLE_ENUM_NAMES(ScanGap::Reason, "privacy", "ownership", "other")
 VANTLE_RECORD_JSON(ScanGap, path, reason, detail)
 
 struct ScannedItem {

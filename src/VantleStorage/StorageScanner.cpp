@@ -13,6 +13,7 @@
 #include "VantleStorage/TreeSizer.h"
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <cerrno>
 #include <condition_variable>
@@ -28,19 +29,6 @@ namespace {
 // Enough for every walker to stand deep in a tree with a descriptor per level.
 constexpr std::uint64_t openFilesWanted = 65'536;
 constexpr auto progressInterval = std::chrono::milliseconds(100);
-
-// One item on its way from the search to the result.
-struct Candidate {
-    FoundItem found;
-    bool held = false;
-    std::vector<std::string> heldPlace; // for a held item: where it was taken from, relative to the home
-};
-
-struct AnchorWalk {
-    std::string path;
-    std::uint64_t device = 0;
-    bool sharesBlocks = false;
-};
 
 EntryKind kindOf(EntryStatus::Type type) {
     switch (type) {
@@ -92,6 +80,265 @@ std::size_t workerCount(std::size_t asked) {
     return std::clamp<std::size_t>(std::thread::hardware_concurrency(), 1, 8);
 }
 
+// One scan, step by step: open the home, find the items of every anchor, list the held items, size
+// them all on the walkers, and put the result together. Lives on the scanning thread only.
+class ScanJob {
+  public:
+    ScanJob(const StorageScanner::Options& options, const std::filesystem::path& home, ScanDepth depth,
+            const std::optional<std::set<std::string>>& only, bool inBackground, CancelFlag& cancel,
+            const StorageScanner::Progress& progress)
+        : options_(options), table_(*options.table), home_(home), inBackground_(inBackground),
+          cancel_(cancel), progress_(progress), selection_(table_, depth, only),
+          homeMatcher_(table_, Anchor::home, selection_), systemMatcher_(table_, Anchor::system, selection_) {
+        result_.home = home.string();
+        result_.depth = depth;
+        if (only) result_.only = std::vector<std::string>(only->begin(), only->end());
+        result_.startedAt = options.now();
+    }
+
+    std::expected<StorageScan, StorageScanError> run(const std::optional<std::filesystem::path>& holding) {
+        auto homeFd = openFolder(home_);
+        if (!homeFd) return std::unexpected(StorageScanError::homeUnreadable(home_));
+        auto homeShared = std::make_shared<const UniqueFd>(std::move(*homeFd));
+        if (holding) openHolding(homeShared->get(), *holding);
+
+        report({ScanProgress::Phase::finding, 0, 0, 0});
+        if (!searchAnchor(Anchor::home, homeShared, home_))
+            return std::unexpected(StorageScanError::homeUnreadable(home_));
+        if (options_.systemRoot && selection_.touches(Anchor::system) && !cancel_.isCancelled()) {
+            result_.systemRoot = options_.systemRoot->string();
+            if (auto rootFd = openFolder(*options_.systemRoot))
+                searchAnchor(Anchor::system, std::make_shared<const UniqueFd>(std::move(*rootFd)),
+                             *options_.systemRoot);
+            else
+                noteGap(*options_.systemRoot, rootFd.error());
+        }
+        if (holdingFd_) listHeld();
+
+        measure();
+        assemble();
+        result_.complete = !cancel_.isCancelled();
+        result_.finishedAt = options_.now();
+        report({ScanProgress::Phase::done, candidates_.size(), ledger_.entriesSeen(), ledger_.bytesSeen()});
+        return std::move(result_);
+    }
+
+  private:
+    // One item on its way from the search to the result.
+    struct Candidate {
+        FoundItem found;
+        bool held = false;
+        Tally settled;          // what was counted before the walk: the item itself
+        bool inspected = false; // the walk looks inside it
+    };
+
+    // What every walk below one anchor shares.
+    struct AnchorWalk {
+        std::string path; // without a trailing "/"; empty for "/"
+        std::uint64_t device = 0;
+        bool sharesBlocks = false;
+    };
+
+    void report(const ScanProgress& p) const {
+        if (progress_) progress_(p);
+    }
+
+    void noteGap(const std::filesystem::path& place, int error) {
+        result_.gaps.push_back({place.string(), refusalOf(error), systemErrorText(error)});
+    }
+
+    // The holding folder: listed item by item, and never searched or counted inside a category.
+    void openHolding(int homeFd, const std::filesystem::path& holding) {
+        holding_ = holding;
+        auto relative = insideHome(home_, holding);
+        if (relative) holdingParts_ = componentsOf(*relative);
+        auto opened = relative ? openBeneath(homeFd, *relative, O_RDONLY | O_DIRECTORY) : openFolder(holding);
+        if (!opened) {
+            if (opened.error() != ENOENT) noteGap(holding, opened.error());
+            return;
+        }
+        holdingFd_ = std::make_shared<const UniqueFd>(std::move(*opened));
+        if (auto st = statusOf(holdingFd_->get(), "")) holdingIdentity_ = FileIdentity{st->device, st->inode};
+    }
+
+    // False when the anchor itself could not be read; anything deeper becomes a gap.
+    bool searchAnchor(Anchor anchor, std::shared_ptr<const UniqueFd> fd, const std::filesystem::path& path) {
+        const RuleMatcher& matcher = anchor == Anchor::home ? homeMatcher_ : systemMatcher_;
+        auto status = statusOf(fd->get(), "");
+        ItemSearch search(matcher, cancel_, holdingIdentity_);
+        if (!status || !search.run(fd, path)) {
+            if (anchor != Anchor::home) noteGap(path, status ? search.rootError() : status.error());
+            return false;
+        }
+        auto text = path.string();
+        if (text.size() > 1 && text.back() == '/') text.pop_back();
+        walks_[static_cast<std::size_t>(anchor)] = {text == "/" ? "" : text, status->device,
+                                                    fileSystemSharesBlocks(fd->get())};
+        for (auto& found : search.items())
+            candidates_.push_back({std::move(found)});
+        result_.gaps.insert(result_.gaps.end(), search.gaps().begin(), search.gaps().end());
+        result_.mountPoints.insert(result_.mountPoints.end(), search.mountPoints().begin(),
+                                   search.mountPoints().end());
+        return true;
+    }
+
+    // Each entry of the holding folder is one held item, named after the place it was taken from.
+    void listHeld() {
+        DirectoryReader reader(holdingFd_->get());
+        DirectoryReader::Entry entry;
+        while (reader.next(entry)) {
+            auto st = statusOf(holdingFd_->get(), entry.name.data());
+            if (!st) continue;
+            std::optional<std::vector<std::string>> former;
+            if (options_.formerPlace) former = options_.formerPlace(entry.name);
+            if (!former) {
+                former = holdingParts_;
+                former->emplace_back(entry.name);
+            }
+            Candidate held{.found = {0, Anchor::home, std::move(*former), std::string(entry.name),
+                                     (holding_ / entry.name).string(), *st, holdingFd_, std::nullopt},
+                           .held = true};
+            candidates_.push_back(std::move(held));
+        }
+    }
+
+    // Every folder item becomes a task for the walkers; files, links and items on another disk are
+    // settled here, before the walk.
+    void measure() {
+        if (holdingIdentity_) ledger_.claim(*holdingIdentity_);
+        for (const auto& c : candidates_)
+            if (c.found.status.type == EntryStatus::Type::folder)
+                ledger_.claim({c.found.status.device, c.found.status.inode});
+
+        std::vector<SizingTarget> targets(candidates_.size());
+        for (std::size_t i = 0; i < candidates_.size(); ++i) {
+            const auto& c = candidates_[i];
+            const auto& walk = walks_[static_cast<std::size_t>(c.found.anchor)];
+            targets[i] = {.device = c.found.status.device,
+                          .matcher = !c.found.inside                  ? nullptr
+                                     : c.found.anchor == Anchor::home ? &homeMatcher_
+                                                                      : &systemMatcher_,
+                          .anchorPathLength = (c.held ? home_.string().size() : walk.path.size()) + 1,
+                          .sharesBlocks = walk.sharesBlocks,
+                          .notesKeepsakes = !c.held && table_[c.found.ruleIndex].letsSystemFree()};
+        }
+
+        const std::size_t workers = workerCount(options_.workers);
+        sizers_.reserve(workers);
+        for (std::size_t w = 0; w < workers; ++w)
+            sizers_.emplace_back(ledger_, targets);
+        WorkQueue<SizingTask> queue(workers);
+        for (std::size_t i = 0; i < candidates_.size(); ++i) {
+            auto& c = candidates_[i];
+            const auto& found = c.found;
+            bool otherDisk =
+                !c.held && found.status.device != walks_[static_cast<std::size_t>(found.anchor)].device;
+            if (found.status.type == EntryStatus::Type::link) {
+                c.settled.links = 1;
+            } else if (otherDisk) {
+                c.settled.mountPoints.push_back(found.path);
+            } else if (found.status.type == EntryStatus::Type::folder) {
+                TreeSizer::countFolder(c.settled, found.status);
+                c.inspected = true;
+                queue.push({i, found.parent, found.name, found.path, found.inside});
+            } else {
+                c.inspected = true;
+                sizers_.front().countEntry(i, found.parent->get(), found.name.c_str(), found.status,
+                                           found.path.substr(0, found.path.size() - found.name.size() - 1));
+            }
+        }
+
+        report({ScanProgress::Phase::measuring, candidates_.size(), 0, 0});
+        std::mutex doneMutex;
+        std::condition_variable doneSignal;
+        std::size_t finished = 0;
+        std::vector<std::jthread> threads;
+        for (std::size_t w = 0; w < workers; ++w) {
+            threads.emplace_back([&, w] {
+                std::optional<IdleIoPriority> lowered;
+                if (inBackground_) lowered.emplace();
+                sizers_[w].run(queue);
+                std::lock_guard done(doneMutex);
+                ++finished;
+                doneSignal.notify_all();
+            });
+        }
+        std::unique_lock wait(doneMutex);
+        while (!doneSignal.wait_for(wait, progressInterval, [&] { return finished == workers; }))
+            report({ScanProgress::Phase::measuring, candidates_.size(), ledger_.entriesSeen(),
+                    ledger_.bytesSeen()});
+    }
+
+    // Joins the walkers' tallies into each item's facts, names the items, and orders them by rule,
+    // then by path, so two scans of the same home list the same items in the same order.
+    void assemble() {
+        std::vector<std::size_t> order(candidates_.size());
+        for (std::size_t i = 0; i < order.size(); ++i)
+            order[i] = i;
+        std::ranges::sort(order, [&](std::size_t a, std::size_t b) {
+            const auto& x = candidates_[a];
+            const auto& y = candidates_[b];
+            if (x.held != y.held) return y.held;
+            if (x.found.ruleIndex != y.found.ruleIndex) return x.found.ruleIndex < y.found.ruleIndex;
+            return x.found.path < y.found.path;
+        });
+        std::unordered_set<std::string> usedIds;
+        for (std::size_t i : order) {
+            auto& c = candidates_[i];
+            const auto& st = c.found.status;
+            ScannedItem item;
+            item.category = c.held ? std::string(heldPrefix) : table_[c.found.ruleIndex].id;
+            item.anchor = c.found.anchor;
+            item.parts = std::move(c.found.parts);
+            item.name = std::move(c.found.name);
+            item.path = std::move(c.found.path);
+            for (int salt = 0;; ++salt) {
+                item.id = c.held ? heldItemId(item.parts, salt)
+                                 : itemId(item.category, item.anchor, item.parts, salt);
+                if (usedIds.insert(item.id).second) break;
+            }
+            ItemFacts& facts = item.facts;
+            facts.kind = kindOf(st.type);
+            facts.identity = {st.device, st.inode};
+            facts.tally = std::move(c.settled);
+            for (auto& sizer : sizers_)
+                facts.tally.join(sizer.tallies()[i]);
+            facts.modified = st.modified;
+            facts.added = st.born.value_or(st.changed);
+            facts.opened = st.accessed;
+            facts.wasInspected = c.inspected;
+            int parentFd = c.found.parent->get();
+            if (st.type == EntryStatus::Type::file)
+                facts.isEncryptedImage = isEncryptedImage(parentFd, item.name, st.sizeBytes);
+            if (!c.held && st.type == EntryStatus::Type::folder &&
+                table_[c.found.ruleIndex].precondition.ageSignal ==
+                    Precondition::AgeSignal::xcodeLastAccessed)
+                facts.ownersRecord = xcodeLastAccessed(parentFd, item.name);
+            (c.held ? result_.held : result_.items).push_back(std::move(item));
+        }
+    }
+
+    const StorageScanner::Options& options_;
+    const RuleTable& table_;
+    std::filesystem::path home_;
+    bool inBackground_;
+    CancelFlag& cancel_;
+    const StorageScanner::Progress& progress_;
+    RuleSelection selection_;
+    RuleMatcher homeMatcher_;
+    RuleMatcher systemMatcher_;
+
+    StorageScan result_;
+    std::array<AnchorWalk, 2> walks_{}; // by Anchor
+    std::vector<Candidate> candidates_;
+    std::filesystem::path holding_;
+    std::vector<std::string> holdingParts_; // the holding folder below the home, when it is there
+    std::shared_ptr<const UniqueFd> holdingFd_;
+    std::optional<FileIdentity> holdingIdentity_;
+    ScanLedger ledger_{cancel_};
+    std::vector<TreeSizer> sizers_;
+};
+
 } // namespace
 
 StorageScanError StorageScanError::homeUnreadable(const std::filesystem::path& home) {
@@ -116,243 +363,14 @@ StorageScanner::scan(const std::filesystem::path& home, ScanDepth depth,
                      const std::optional<std::filesystem::path>& holding, CancelFlag& cancel,
                      const Progress& progress) {
     std::lock_guard lock(scanMutex_);
-    const RuleTable& table = *options_.table;
-    auto report = [&](const ScanProgress& p) {
-        if (progress) progress(p);
-    };
-
-    StorageScan result;
-    result.home = home.string();
-    result.depth = depth;
-    if (only) result.only = std::vector<std::string>(only->begin(), only->end());
-    result.startedAt = options_.now();
-
     std::optional<IdleIoPriority> idle;
     if (inBackground) idle.emplace();
     raiseOpenFileLimit(openFilesWanted);
 
-    auto homeFd = openFolder(home);
-    if (!homeFd) return std::unexpected(StorageScanError::homeUnreadable(home));
-    auto homeShared = std::make_shared<const UniqueFd>(std::move(*homeFd));
-    auto homeStatus = statusOf(homeShared->get(), "");
-    if (!homeStatus) return std::unexpected(StorageScanError::homeUnreadable(home));
-
-    // The holding folder: listed item by item, and never searched or counted inside a category.
-    std::shared_ptr<const UniqueFd> holdingFd;
-    std::optional<FileIdentity> holdingIdentity;
-    std::optional<std::filesystem::path> holdingRelative;
-    if (holding) {
-        holdingRelative = insideHome(home, *holding);
-        auto opened = holdingRelative
-                          ? openBeneath(homeShared->get(), *holdingRelative, O_RDONLY | O_DIRECTORY)
-                          : openFolder(*holding);
-        if (opened) {
-            holdingFd = std::make_shared<const UniqueFd>(std::move(*opened));
-            if (auto st = statusOf(holdingFd->get(), ""))
-                holdingIdentity = FileIdentity{st->device, st->inode};
-        } else if (opened.error() != ENOENT) {
-            result.gaps.push_back(
-                {holding->string(), ScanGap::reasonFor(opened.error()), systemErrorText(opened.error())});
-        }
-    }
-
-    report({ScanProgress::Phase::finding, 0, 0, 0});
-    RuleSelection selection(table, depth, only);
-    std::vector<Candidate> candidates;
-    std::vector<AnchorWalk> anchorWalks; // indexed by Anchor
-
-    RuleMatcher homeMatcher(table, Anchor::home, selection);
-    ItemSearch homeSearch(homeMatcher, cancel, holdingIdentity);
-    if (!homeSearch.run(homeShared, home)) return std::unexpected(StorageScanError::homeUnreadable(home));
-    anchorWalks.push_back({home.string(), homeStatus->device, fileSystemSharesBlocks(homeShared->get())});
-    for (auto& found : homeSearch.items())
-        candidates.push_back({std::move(found)});
-    result.gaps.insert(result.gaps.end(), homeSearch.gaps().begin(), homeSearch.gaps().end());
-    result.mountPoints = homeSearch.mountPoints();
-
-    RuleMatcher systemMatcher(table, Anchor::system, selection);
-    anchorWalks.push_back({});
-    if (options_.systemRoot && selection.touches(Anchor::system) && !cancel.isCancelled()) {
-        result.systemRoot = options_.systemRoot->string();
-        auto rootFd = openFolder(*options_.systemRoot);
-        if (!rootFd) {
-            result.gaps.push_back({options_.systemRoot->string(), ScanGap::reasonFor(rootFd.error()),
-                                   systemErrorText(rootFd.error())});
-        } else {
-            auto rootShared = std::make_shared<const UniqueFd>(std::move(*rootFd));
-            auto rootStatus = statusOf(rootShared->get(), "");
-            ItemSearch systemSearch(systemMatcher, cancel, holdingIdentity);
-            if (!rootStatus || !systemSearch.run(rootShared, *options_.systemRoot)) {
-                int error = rootStatus ? systemSearch.rootError() : rootStatus.error();
-                result.gaps.push_back(
-                    {options_.systemRoot->string(), ScanGap::reasonFor(error), systemErrorText(error)});
-            } else {
-                auto rootPath = options_.systemRoot->string();
-                if (rootPath.size() > 1 && rootPath.back() == '/') rootPath.pop_back();
-                anchorWalks.back() = {rootPath == "/" ? "" : rootPath, rootStatus->device,
-                                      fileSystemSharesBlocks(rootShared->get())};
-                for (auto& found : systemSearch.items())
-                    candidates.push_back({std::move(found)});
-                result.gaps.insert(result.gaps.end(), systemSearch.gaps().begin(), systemSearch.gaps().end());
-                result.mountPoints.insert(result.mountPoints.end(), systemSearch.mountPoints().begin(),
-                                          systemSearch.mountPoints().end());
-            }
-        }
-    }
-
-    if (holdingFd) {
-        auto holdingParts = holdingRelative ? componentsOf(*holdingRelative) : std::vector<std::string>{};
-        DirectoryReader reader(holdingFd->get());
-        DirectoryReader::Entry entry;
-        while (reader.next(entry)) {
-            auto st = statusOf(holdingFd->get(), entry.name.data());
-            if (!st) continue;
-            Candidate held;
-            held.held = true;
-            held.found = {
-                0,   Anchor::home, {},          std::string(entry.name), (*holding / entry.name).string(),
-                *st, holdingFd,    std::nullopt};
-            std::optional<std::vector<std::string>> former;
-            if (options_.formerPlace) former = options_.formerPlace(entry.name);
-            if (former) {
-                held.heldPlace = std::move(*former);
-            } else {
-                held.heldPlace = holdingParts;
-                held.heldPlace.emplace_back(entry.name);
-            }
-            held.found.parts = held.heldPlace;
-            candidates.push_back(std::move(held));
-        }
-    }
-
-    // Sizing: every folder item becomes a task for the walkers; files, links and other disks are
-    // settled here.
-    ScanLedger ledger(cancel);
-    if (holdingIdentity) ledger.claim(*holdingIdentity);
-    for (const auto& c : candidates)
-        if (c.found.status.type == EntryStatus::Type::folder)
-            ledger.claim({c.found.status.device, c.found.status.inode});
-
-    std::vector<SizingTarget> targets(candidates.size());
-    for (std::size_t i = 0; i < candidates.size(); ++i) {
-        const auto& found = candidates[i].found;
-        const auto& walk = anchorWalks[static_cast<std::size_t>(found.anchor)];
-        targets[i].device = found.status.device;
-        targets[i].matcher =
-            found.inside ? (found.anchor == Anchor::home ? &homeMatcher : &systemMatcher) : nullptr;
-        targets[i].anchorPathLength = candidates[i].held ? home.string().size() + 1 : walk.path.size() + 1;
-        targets[i].sharesBlocks = walk.sharesBlocks;
-        targets[i].notesKeepsakes = !candidates[i].held && table[found.ruleIndex].letsSystemFree();
-    }
-
-    const std::size_t workers = workerCount(options_.workers);
-    std::vector<TreeSizer> sizers;
-    sizers.reserve(workers);
-    for (std::size_t w = 0; w < workers; ++w)
-        sizers.emplace_back(ledger, targets);
-    WorkQueue<SizingTask> queue(workers);
-    std::vector<Tally> settled(candidates.size());
-    std::vector<bool> inspected(candidates.size(), false);
-    for (std::size_t i = 0; i < candidates.size(); ++i) {
-        const auto& found = candidates[i].found;
-        const auto& walk = anchorWalks[static_cast<std::size_t>(found.anchor)];
-        bool otherDisk = !candidates[i].held && found.status.device != walk.device;
-        switch (found.status.type) {
-        case EntryStatus::Type::link:
-            settled[i].links = 1;
-            break;
-        case EntryStatus::Type::folder:
-            if (otherDisk) {
-                settled[i].mountPoints.push_back(found.path);
-                break;
-            }
-            TreeSizer::countFolder(settled[i], found.status);
-            inspected[i] = true;
-            queue.push({i, found.parent, found.name, found.path, found.inside});
-            break;
-        default:
-            if (otherDisk) {
-                settled[i].mountPoints.push_back(found.path);
-                break;
-            }
-            inspected[i] = true;
-            sizers.front().countEntry(i, found.parent->get(), found.name.c_str(), found.status,
-                                      found.path.substr(0, found.path.size() - found.name.size() - 1));
-            break;
-        }
-    }
-
-    report({ScanProgress::Phase::measuring, candidates.size(), 0, 0});
-    std::mutex doneMutex;
-    std::condition_variable doneSignal;
-    std::size_t finished = 0;
-    {
-        std::vector<std::jthread> threads;
-        for (std::size_t w = 0; w < workers; ++w) {
-            threads.emplace_back([&, w] {
-                std::optional<IdleIoPriority> lowered;
-                if (inBackground) lowered.emplace();
-                sizers[w].run(queue);
-                std::lock_guard done(doneMutex);
-                ++finished;
-                doneSignal.notify_all();
-            });
-        }
-        std::unique_lock wait(doneMutex);
-        while (!doneSignal.wait_for(wait, progressInterval, [&] { return finished == workers; }))
-            report({ScanProgress::Phase::measuring, candidates.size(), ledger.entriesSeen(),
-                    ledger.bytesSeen()});
-    }
-
-    std::unordered_set<std::string> usedIds;
-    std::vector<std::size_t> order(candidates.size());
-    for (std::size_t i = 0; i < order.size(); ++i)
-        order[i] = i;
-    std::ranges::sort(order, [&](std::size_t a, std::size_t b) {
-        const auto& x = candidates[a];
-        const auto& y = candidates[b];
-        if (x.held != y.held) return y.held;
-        if (x.found.ruleIndex != y.found.ruleIndex) return x.found.ruleIndex < y.found.ruleIndex;
-        return x.found.path < y.found.path;
-    });
-    for (std::size_t i : order) {
-        auto& c = candidates[i];
-        const auto& st = c.found.status;
-        ScannedItem item;
-        item.category = c.held ? std::string(heldPrefix) : table[c.found.ruleIndex].id;
-        item.anchor = c.found.anchor;
-        item.parts = std::move(c.found.parts);
-        item.name = std::move(c.found.name);
-        item.path = std::move(c.found.path);
-        for (int salt = 0;; ++salt) {
-            item.id =
-                c.held ? heldItemId(item.parts, salt) : itemId(item.category, item.anchor, item.parts, salt);
-            if (usedIds.insert(item.id).second) break;
-        }
-        ItemFacts& facts = item.facts;
-        facts.kind = kindOf(st.type);
-        facts.identity = {st.device, st.inode};
-        facts.tally = std::move(settled[i]);
-        for (auto& sizer : sizers)
-            facts.tally.join(sizer.tallies()[i]);
-        facts.modified = st.modified;
-        facts.added = st.born.value_or(st.changed);
-        facts.opened = st.accessed;
-        facts.wasInspected = inspected[i];
-        if (st.type == EntryStatus::Type::file)
-            facts.isEncryptedImage = isEncryptedImage(c.found.parent->get(), item.name, st.sizeBytes);
-        if (!c.held && st.type == EntryStatus::Type::folder &&
-            table[c.found.ruleIndex].precondition.ageSignal == Precondition::AgeSignal::xcodeLastAccessed)
-            facts.ownersRecord = xcodeLastAccessed(c.found.parent->get(), item.name);
-        (c.held ? result.held : result.items).push_back(std::move(item));
-    }
-
-    result.complete = !cancel.isCancelled();
-    result.finishedAt = options_.now();
-    report({ScanProgress::Phase::done, candidates.size(), ledger.entriesSeen(), ledger.bytesSeen()});
-    if (result.complete) {
+    auto result = ScanJob(options_, home, depth, only, inBackground, cancel, progress).run(holding);
+    if (result && result->complete) {
         std::lock_guard keep(latestMutex_);
-        latest_ = result;
+        latest_ = *result;
     }
     return result;
 }

@@ -46,15 +46,26 @@ void Tally::noteFolderChange(TimePoint at) {
     keepLater(newestFolderChange, at);
 }
 
-void Tally::noteRefused(int errorNumber, const std::string& path) {
+Refusal refusalOf(int errorNumber) {
     // EPERM is what a privacy or security policy answers (the mandatory access controls here, the
     // privacy protection elsewhere); EACCES is plain permissions.
-    if (errorNumber == EPERM)
+    if (errorNumber == EPERM) return Refusal::privacy;
+    if (errorNumber == EACCES) return Refusal::ownership;
+    return Refusal::other;
+}
+
+void Tally::noteRefused(int errorNumber, const std::string& path) {
+    switch (refusalOf(errorNumber)) {
+    case Refusal::privacy:
         ++privacyRefusals;
-    else if (errorNumber == EACCES)
+        break;
+    case Refusal::ownership:
         ++ownershipRefusals;
-    else
+        break;
+    case Refusal::other:
         ++otherErrors;
+        break;
+    }
     if (refusedSamples.size() < sampleLimit) refusedSamples.push_back(path);
 }
 

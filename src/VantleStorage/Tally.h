@@ -12,6 +12,12 @@
 
 namespace vantle {
 
+// Why the system would not let an entry be read: its privacy or security protection (EPERM), plain
+// permissions (EACCES), or anything else.
+enum class Refusal { privacy, ownership, other };
+VANTLE_ENUM_NAMES(Refusal, "privacy", "ownership", "other")
+Refusal refusalOf(int errorNumber);
+
 struct Tally {
     std::int64_t files = 0;
     std::int64_t folders = 0;
