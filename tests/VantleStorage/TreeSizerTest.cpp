@@ -128,21 +128,6 @@ TEST(TreeSizer, NotesSocketsLoginsAndTheNewestWrite) {
     EXPECT_GE(*t.newestFolderChange, std::chrono::system_clock::from_time_t(1'700'000'000));
 }
 
-TEST(TreeSizer, AnotherDiskInsideIsListedAndNotEntered) {
-    TempDir dir;
-    auto own = dir.write("cache/own.bin", big(8'000));
-    vantle::testing::TmpfsMount attached(dir / "cache/attached");
-    if (!attached.mounted())
-        GTEST_SKIP() << "mounting a tmpfs needs root; the other-disk case is not exercised";
-    dir.write("cache/attached/inside.bin", big(500'000));
-
-    Tally t = measure(dir, "cache");
-    EXPECT_EQ(t.mountPoints, std::vector<std::string>{(dir / "cache/attached").string()});
-    EXPECT_EQ(t.files, 1);
-    EXPECT_EQ(t.allocatedBytes, onDisk(own) + onDisk(dir / "cache"));
-    EXPECT_TRUE(t.isPartial());
-}
-
 TEST(TreeSizer, AClonesSharedBlocksArePinnedAndCountedOnce) {
     TempDir dir;
     vantle::testing::CloningDisk disk(dir / "disk.img", dir / "disk");
@@ -168,26 +153,6 @@ TEST(TreeSizer, AClonesSharedBlocksArePinnedAndCountedOnce) {
     EXPECT_EQ(one.pinnedBytes + two.pinnedBytes, blocks);
     EXPECT_EQ(one.reclaimableBytes + two.reclaimableBytes, folders);
     EXPECT_EQ(one.logicalBytes + two.logicalBytes, 600'000);
-}
-
-TEST(TreeSizer, AFolderRefusedByPermissionsIsRecordedAndTheRestCounted) {
-    TempDir dir;
-    auto readable = dir.write("cache/readable.bin", big(4'000));
-    dir.write("cache/locked/secret.bin", big(90'000));
-    std::filesystem::permissions(dir / "cache/locked", std::filesystem::perms::none);
-
-    Tally t;
-    {
-        vantle::testing::AsOrdinaryUser user(dir.path());
-        t = measure(dir, "cache");
-    }
-    EXPECT_EQ(t.ownershipRefusals, 1);
-    EXPECT_EQ(t.privacyRefusals, 0);
-    EXPECT_EQ(t.refusedSamples, std::vector<std::string>{(dir / "cache/locked").string()});
-    EXPECT_EQ(t.files, 1);
-    // The locked folder's own blocks are seen from its parent; nothing inside it is.
-    EXPECT_EQ(t.allocatedBytes, onDisk(readable) + onDisk(dir / "cache") + onDisk(dir / "cache/locked"));
-    EXPECT_TRUE(t.isPartial());
 }
 
 TEST(TreeSizer, StopsBetweenFoldersOnceCancelled) {
