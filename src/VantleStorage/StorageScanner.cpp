@@ -75,9 +75,11 @@ std::optional<std::filesystem::path> insideHome(const std::filesystem::path& hom
     return relative;
 }
 
+// Four walkers a processor: a walker waiting for the disk (a cold cache) leaves its processor to
+// another, and on a busy machine the walk still gets its share of the processors.
 std::size_t workerCount(std::size_t asked) {
     if (asked > 0) return asked;
-    return std::clamp<std::size_t>(std::thread::hardware_concurrency(), 1, 8);
+    return std::clamp<std::size_t>(4 * std::thread::hardware_concurrency(), 4, 32);
 }
 
 // One scan, step by step: open the home, find the items of every anchor, list the held items, size

@@ -47,7 +47,7 @@ class StorageScanner {
         const RuleTable* table = nullptr; // the shipped table when null
         std::optional<std::filesystem::path> systemRoot = std::filesystem::path("/"); // none: no system areas
         Clock now = systemClock();
-        std::size_t workers = 0; // folders walked at once; 0 takes one per processor
+        std::size_t workers = 0; // folders walked at once; 0 takes four per processor
         // The place (relative to the home) a held slot was taken from, as the holding shelf recorded
         // it; a held item is named after it. Without an answer the slot's own place names it.
         std::function<std::optional<std::vector<std::string>>(std::string_view slot)> formerPlace;
