@@ -136,40 +136,42 @@ std::vector<FileItem> SmartLists::items(SmartList list, const Snapshot& snapshot
     return out;
 }
 
+CleanUpCard SmartLists::card(SmartList list, const Snapshot& snapshot, const Reading& reading, TimePoint now,
+                             int samples, const DuplicateLook* duplicates) const {
+    auto sampleCount = static_cast<size_t>(std::max(samples, 0));
+    CleanUpCard card{list, 0, 0, {}, detail(list), !reading.isComplete};
+    if (list == SmartList::duplicates) {
+        if (!duplicates) return card;
+        for (const auto* group : largestGroups(*duplicates)) {
+            if (group->items.size() < 2) continue;
+            card.count += static_cast<int>(group->items.size() - 1);
+            card.bytes += group->freedBytes();
+            // The copy shown is one that would go: the group keeps its first item.
+            if (card.samples.size() < sampleCount) card.samples.push_back(group->items[1]);
+        }
+        card.isPartial = card.isPartial || !duplicates->isComplete;
+        return card;
+    }
+    std::vector<const Facts*> found;
+    for (const auto& facts : snapshot.facts)
+        if (contains(list, facts, now)) {
+            found.push_back(&facts);
+            card.bytes += facts.size;
+        }
+    card.count = static_cast<int>(found.size());
+    order(list, found, sampleCount);
+    for (const auto* facts : found)
+        card.samples.push_back(toFileItem(*facts));
+    return card;
+}
+
 std::vector<CleanUpCard> SmartLists::cards(const Snapshot& snapshot, const Reading& reading, TimePoint now,
                                            int samples, const DuplicateLook* duplicates) const {
-    auto sampleCount = static_cast<size_t>(std::max(samples, 0));
     std::vector<CleanUpCard> cards;
     for (auto list : allCases<SmartList>()) {
         if (!isCleanUpList(list)) continue;
-        CleanUpCard card;
-        card.list = list;
-        card.detail = detail(list);
-        if (list == SmartList::duplicates) {
-            if (!duplicates) continue;
-            for (const auto* group : largestGroups(*duplicates)) {
-                if (group->items.size() < 2) continue;
-                card.count += static_cast<int>(group->items.size() - 1);
-                card.bytes += group->freedBytes();
-                // The copy shown is one that would go: the group keeps its first item.
-                if (card.samples.size() < sampleCount) card.samples.push_back(group->items[1]);
-            }
-            card.isPartial = !duplicates->isComplete || !reading.isComplete;
-        } else {
-            std::vector<const Facts*> found;
-            for (const auto& facts : snapshot.facts)
-                if (contains(list, facts, now)) {
-                    found.push_back(&facts);
-                    card.bytes += facts.size;
-                }
-            card.count = static_cast<int>(found.size());
-            // Largest first, so the samples show what freeing the list would gain most from.
-            order(SmartList::largeFiles, found, sampleCount);
-            for (const auto* facts : found)
-                card.samples.push_back(toFileItem(*facts));
-            card.isPartial = !reading.isComplete;
-        }
-        if (card.count > 0) cards.push_back(std::move(card));
+        auto made = card(list, snapshot, reading, now, samples, duplicates);
+        if (made.count > 0) cards.push_back(std::move(made));
     }
     return cards;
 }

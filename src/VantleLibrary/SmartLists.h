@@ -72,8 +72,13 @@ class SmartLists {
     std::vector<FileItem> items(SmartList list, const Snapshot& snapshot, TimePoint now, size_t limit,
                                 const DuplicateLook* duplicates = nullptr) const;
 
-    // One card per clean-up list that has files, in list order, each with its `samples` largest files.
-    // The duplicates card appears only when a duplicate look is given; it counts the extra copies.
+    // One list as a card: its files counted and summed, its first `samples` in the list's order. For
+    // duplicates it counts the extra copies in `duplicates` (none given: an empty card).
+    CleanUpCard card(SmartList list, const Snapshot& snapshot, const Reading& reading, TimePoint now,
+                     int samples, const DuplicateLook* duplicates = nullptr) const;
+
+    // One card per clean-up list that has files, in list order. The duplicates card appears only
+    // when a duplicate look is given.
     std::vector<CleanUpCard> cards(const Snapshot& snapshot, const Reading& reading, TimePoint now,
                                    int samples, const DuplicateLook* duplicates = nullptr) const;
 

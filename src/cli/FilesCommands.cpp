@@ -71,23 +71,14 @@ std::string listNames() {
     return names;
 }
 
-// Every list but duplicates as a card: what it holds, its size and its first few files. The
-// duplicates list needs a content scan, which has a command of its own.
+// Every list but duplicates as a card. The duplicates list needs a content scan, which has a
+// command of its own.
 std::vector<CleanUpCard> allLists(Library& library, const Catalog::Result& reading) {
     std::vector<CleanUpCard> cards;
-    auto now = library.options().now();
-    const auto& lists = library.smartLists();
-    for (auto list : allCases<SmartList>()) {
-        if (list == SmartList::duplicates) continue;
-        CleanUpCard card{list, 0, 0, {}, lists.detail(list), !reading.reading.isComplete};
-        auto items = lists.items(list, *reading.snapshot, now, SIZE_MAX);
-        card.count = static_cast<int>(items.size());
-        for (const auto& item : items)
-            card.bytes += item.size;
-        items.resize(std::min(items.size(), static_cast<size_t>(library.options().samples)));
-        card.samples = std::move(items);
-        cards.push_back(std::move(card));
-    }
+    for (auto list : allCases<SmartList>())
+        if (list != SmartList::duplicates)
+            cards.push_back(library.smartLists().card(list, *reading.snapshot, reading.reading,
+                                                      library.options().now(), library.options().samples));
     return cards;
 }
 

@@ -109,6 +109,12 @@ TEST(SmartLists, ItemsComeInTheListsOrderUpToTheLimit) {
     EXPECT_EQ(names(lists.items(SmartList::largeFiles, snapshot, now, 2)),
               (std::vector<std::string>{"huge.mov", "mid.txt"}));
     EXPECT_TRUE(lists.items(SmartList::screenshots, snapshot, now, 10).empty());
+    // A card of any list counts all of it and keeps the first few in the list's own order.
+    auto recents = lists.card(SmartList::recents, snapshot, Reading{}, now, 2);
+    EXPECT_EQ(recents.count, 3);
+    EXPECT_EQ(recents.bytes, 900'000'006);
+    EXPECT_EQ(names(recents.samples), (std::vector<std::string>{"new.txt", "mid.txt"}));
+    EXPECT_EQ(lists.card(SmartList::duplicates, snapshot, Reading{}, now, 2).count, 0); // no look given
 }
 
 TEST(SmartLists, CardsCountBytesAndShowTheLargestSamples) {
