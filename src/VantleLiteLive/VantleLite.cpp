@@ -103,7 +103,8 @@ std::expected<VantleLite, VantleLite::Failure> VantleLite::make(const Options& o
         library.fingerprintFile = live.support / "Library" / "fingerprints.json";
         live.library = std::make_shared<Library>(LibraryScope{live.home, live.profile.applicationFolders}, library);
         live.duplicates = std::make_shared<Duplicates>(
-            Duplicates::Options{*library.fingerprintFile, library.duplicateTimeLimit, 1, library.now});
+            Duplicates::Options{*library.fingerprintFile, library.duplicateTimeLimit, 1, library.now,
+                                library.duplicateFreshness});
     }
 
     // 8. The storage services.
