@@ -49,12 +49,4 @@ std::string heldItemId(std::span<const std::string> formerParts, int salt) {
     return digits(heldPrefix, nameOf(Anchor::home), formerParts, salt);
 }
 
-std::optional<std::string_view> ruleIdOf(std::string_view id) {
-    auto colon = id.find(':');
-    if (colon == std::string_view::npos || colon == 0 || id.size() - colon - 1 != 6) return std::nullopt;
-    for (char c : id.substr(colon + 1))
-        if (!((c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'))) return std::nullopt;
-    return id.substr(0, colon);
-}
-
 } // namespace vantle

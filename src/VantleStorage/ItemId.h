@@ -5,7 +5,6 @@
 #pragma once
 #include "VantleStorage/Rule.h"
 
-#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -20,9 +19,5 @@ std::string itemId(std::string_view ruleId, Anchor anchor, std::span<const std::
 
 // A held item is named after the place it was taken from, relative to the home folder.
 std::string heldItemId(std::span<const std::string> formerParts, int salt = 0);
-
-// The rule id of an item id ("old_installers" for "old_installers:3fa9c2"), or absent when the text
-// is not shaped like one.
-std::optional<std::string_view> ruleIdOf(std::string_view itemId);
 
 } // namespace vantle

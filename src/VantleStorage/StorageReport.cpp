@@ -4,8 +4,6 @@
 #include "Platform/SystemError.h"
 #include "VantleSpec/ByteCount.h"
 
-#include <algorithm>
-#include <array>
 #include <cerrno>
 
 namespace vantle {
