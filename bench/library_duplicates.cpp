@@ -10,6 +10,8 @@
 #include "VantleLibrary/DiskWalk.h"
 #include "VantleLibrary/Duplicates.h"
 
+#include "BenchHome.h"
+
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
@@ -172,19 +174,9 @@ class Collect : public benchmark::ConsoleReporter {
 
 int main(int argc, char** argv) {
     std::vector<char*> rest;
-    for (int i = 0; i < argc; ++i) {
-        std::string arg = argv[i];
-        if (arg == "--home" && i + 1 < argc)
-            home = argv[++i];
-        else
-            rest.push_back(argv[i]);
-    }
-    if (home.empty()) {
-        std::cerr << "usage: bench_library_duplicates --home DIR   (make one with tools/make-demo-home DIR "
-                     "--dupes-gb 3)\n";
-        return 2;
-    }
-    home = std::filesystem::canonical(home);
+    auto given = vantle::bench::takeHome(argc, argv, rest, "bench_library_duplicates --home DIR   (make one with tools/make-demo-home DIR --dupes-gb 3)");
+    if (!given) return 2;
+    home = *given;
     cacheFile = std::filesystem::temp_directory_path() /
                 ("bench-fingerprints-" + std::to_string(::getpid()) + ".json");
     int restCount = static_cast<int>(rest.size());

@@ -9,6 +9,8 @@
 #include "VantleLibrary/FileQueryRunner.h"
 #include "VantleLibrary/SearchParser.h"
 
+#include "BenchHome.h"
+
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -100,19 +102,9 @@ void find(benchmark::State& state, const std::vector<std::string>& test, const s
 
 int main(int argc, char** argv) {
     std::vector<char*> rest;
-    for (int i = 0; i < argc; ++i) {
-        std::string arg = argv[i];
-        if (arg == "--home" && i + 1 < argc)
-            home = argv[++i];
-        else
-            rest.push_back(argv[i]);
-    }
-    if (home.empty()) {
-        std::cerr << "usage: bench_library_search --home DIR   (make one with tools/make-demo-home DIR "
-                     "--files 300000)\n";
-        return 2;
-    }
-    home = std::filesystem::canonical(home);
+    auto given = vantle::bench::takeHome(argc, argv, rest, "bench_library_search --home DIR   (make one with tools/make-demo-home DIR --files 300000)");
+    if (!given) return 2;
+    home = *given;
     int restCount = static_cast<int>(rest.size());
     benchmark::Initialize(&restCount, rest.data());
 

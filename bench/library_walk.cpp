@@ -6,6 +6,8 @@
 // Make the home with `tools/make-demo-home DIR --files 300000`.
 #include "VantleLibrary/DiskWalk.h"
 
+#include "BenchHome.h"
+
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
@@ -96,19 +98,9 @@ class Collect : public benchmark::ConsoleReporter {
 
 int main(int argc, char** argv) {
     std::vector<char*> rest;
-    for (int i = 0; i < argc; ++i) {
-        std::string arg = argv[i];
-        if (arg == "--home" && i + 1 < argc)
-            home = argv[++i];
-        else
-            rest.push_back(argv[i]);
-    }
-    if (home.empty()) {
-        std::cerr << "usage: bench_library_walk --home DIR   (make one with tools/make-demo-home DIR --files "
-                     "300000)\n";
-        return 2;
-    }
-    home = std::filesystem::absolute(home);
+    auto given = vantle::bench::takeHome(argc, argv, rest, "bench_library_walk --home DIR   (make one with tools/make-demo-home DIR --files 300000)");
+    if (!given) return 2;
+    home = *given;
     int restCount = static_cast<int>(rest.size());
     benchmark::Initialize(&restCount, rest.data());
 

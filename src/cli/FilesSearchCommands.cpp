@@ -59,6 +59,18 @@ std::optional<Catalog::Result> readCatalog(VantleLite& live, CancelFlag& cancel)
     return result;
 }
 
+// Starts up, reads the catalog with Ctrl-C stopping it, and hands both to `work` (which may go on using
+// the same cancel flag); a failed start-up or a stopped reading says so and does nothing more.
+template <class Work> void withCatalog(CliContext& ctx, Work work) {
+    auto* live = ctx.live();
+    if (!live) return;
+    CancelFlag cancel;
+    InterruptGuard interrupt(cancel);
+    auto read = readCatalog(*live, cancel);
+    if (!read) return ctx.refuse(std::string(walkStoppedSentence));
+    work(live, &*read, cancel);
+}
+
 std::string shownPath(const std::string& path, const std::filesystem::path& home) {
     auto prefix = home.string() + "/";
     return path.starts_with(prefix) ? "~/" + path.substr(prefix.size()) : path;
@@ -193,76 +205,64 @@ void addFilesSearchCommands(CLI::App& files, CliContext& ctx) {
                             [](std::string a, const std::string& b) { return a.empty() ? b : a + " " + b; });
         if (text.find_first_not_of(" \t") == std::string::npos)
             return ctx.refuse(std::string(noWordsSentence));
-        auto* live = ctx.live();
-        if (!live) return;
-        CancelFlag cancel;
-        InterruptGuard interrupt(cancel);
-        auto read = readCatalog(*live, cancel);
-        if (!read) return ctx.refuse(std::string(walkStoppedSentence));
-        const auto& options = live->library->options();
-        SearchParser parser(options.now, options.calendar, live->home);
-        auto result = searchFiles(parser, text, *read->snapshot, read->reading, *limit);
-        if (*searchJson)
-            printJson(Json(result));
-        else
-            printSearch(result, live->home);
+        withCatalog(ctx, [&](VantleLite* live, Catalog::Result* read, CancelFlag& cancel) {
+            const auto& options = live->library->options();
+            SearchParser parser(options.now, options.calendar, live->home);
+            auto result = searchFiles(parser, text, *read->snapshot, read->reading, *limit);
+            if (*searchJson)
+                printJson(Json(result));
+            else
+                printSearch(result, live->home);
+        });
     });
 
     auto* duplicates =
         files.add_subcommand("duplicates", "Find files whose contents are identical (Ctrl-C stops it)");
     auto* duplicatesJson = addJsonFlag(duplicates);
     duplicates->callback([&ctx, duplicatesJson] {
-        auto* live = ctx.live();
-        if (!live) return;
-        CancelFlag cancel;
-        InterruptGuard interrupt(cancel);
-        auto read = readCatalog(*live, cancel);
-        if (!read) return ctx.refuse(std::string(walkStoppedSentence));
-        auto candidates = Duplicates::candidatesOf(read->snapshot->facts);
-        ThrottledLine line;
-        auto scan = live->duplicates->scan(candidates, cancel, [&](const DuplicateProgress& p) {
-            line.show([&] { return duplicateProgress(p); });
+        withCatalog(ctx, [&](VantleLite* live, Catalog::Result* read, CancelFlag& cancel) {
+            auto candidates = Duplicates::candidatesOf(read->snapshot->facts);
+            ThrottledLine line;
+            auto scan = live->duplicates->scan(candidates, cancel, [&](const DuplicateProgress& p) {
+                line.show([&] { return duplicateProgress(p); });
+            });
+            line.clear();
+            // Say why the answer may be short; a partial catalog reading limits it too.
+            std::vector<std::string> notes;
+            if (scan.note) notes.push_back(*scan.note);
+            if (!scan.isComplete)
+                notes.push_back(
+                    cancel.isCancelled()
+                        ? std::string(scanStoppedNote)
+                        : fillIn(scanTimeLimitNote,
+                                 {{"seconds",
+                                   std::to_string(live->library->options().duplicateTimeLimit.count())}}));
+            if (auto partial = read->reading.note()) notes.push_back(*partial);
+            if (!notes.empty()) {
+                std::string joined;
+                for (const auto& n : notes)
+                    joined += (joined.empty() ? "" : " ") + n;
+                scan.note = joined;
+            }
+            if (*duplicatesJson)
+                printJson(Json(scan));
+            else
+                printDuplicates(scan, live->home);
         });
-        line.clear();
-        // Say why the answer may be short; a partial catalog reading limits it too.
-        std::vector<std::string> notes;
-        if (scan.note) notes.push_back(*scan.note);
-        if (!scan.isComplete)
-            notes.push_back(
-                cancel.isCancelled()
-                    ? std::string(scanStoppedNote)
-                    : fillIn(scanTimeLimitNote,
-                             {{"seconds",
-                               std::to_string(live->library->options().duplicateTimeLimit.count())}}));
-        if (auto partial = read->reading.note()) notes.push_back(*partial);
-        if (!notes.empty()) {
-            std::string joined;
-            for (const auto& n : notes)
-                joined += (joined.empty() ? "" : " ") + n;
-            scan.note = joined;
-        }
-        if (*duplicatesJson)
-            printJson(Json(scan));
-        else
-            printDuplicates(scan, live->home);
     });
 
     auto* sources =
         files.add_subcommand("sources", "Group downloaded files by the site, mail or app they came from");
     auto* sourcesJson = addJsonFlag(sources);
     sources->callback([&ctx, sourcesJson] {
-        auto* live = ctx.live();
-        if (!live) return;
-        CancelFlag cancel;
-        InterruptGuard interrupt(cancel);
-        auto read = readCatalog(*live, cancel);
-        if (!read) return ctx.refuse(std::string(walkStoppedSentence));
-        auto groups = Sources::groups(read->snapshot->facts, live->library->options().samples);
-        if (*sourcesJson)
-            printJson(Json(groups));
-        else
-            printSources(groups, live->home);
-        if (auto partial = read->reading.note(); partial && !*sourcesJson) std::cout << *partial << "\n";
+        withCatalog(ctx, [&](VantleLite* live, Catalog::Result* read, CancelFlag& cancel) {
+            auto groups = Sources::groups(read->snapshot->facts, live->library->options().samples);
+            if (*sourcesJson)
+                printJson(Json(groups));
+            else
+                printSources(groups, live->home);
+            if (auto partial = read->reading.note(); partial && !*sourcesJson) std::cout << *partial << "\n";
+        });
     });
 }
 
