@@ -51,6 +51,30 @@ std::expected<void, Failure> restrictToOwner(const fs::path& folder) {
     return {};
 }
 
+// A sandbox keeps the layout it has everywhere; a real Linux run keeps the freedesktop Trash (so the
+// file manager shows and restores what moved), guards the XDG places where apps keep their files as
+// it guards Library, and turns XDG autostart entries off and on.
+void wireTrashAndStartup(VantleLite& live) {
+    HomeTrash::Options trash{
+        .home = live.home, .appFolders = live.profile.applicationFolders, .place = live.profile.trashFolder};
+    StartupItems::Options startup{.agents = live.profile.launchAgentsFolder,
+                                  .turnedOff = live.support / "Turned Off"};
+    if (live.isSandbox) {
+        std::weak_ptr<StandInMac> mac = live.mac;
+        trash.recordMove = [mac](const fs::path& item) {
+            if (auto m = mac.lock()) m->moveToTrash(item);
+        };
+    } else {
+        trash.layout = HomeTrash::Layout::freedesktop;
+        trash.libraryFolders = {"Library", ".config", ".local", ".cache"};
+        trash.standardFolders.insert(trash.standardFolders.end(), {"Videos", "Public", "Templates"});
+        startup.extension = ".desktop";
+        startup.serviceFolders = {live.profile.launchAgentsFolder.parent_path() / "systemd" / "user"};
+    }
+    live.trash = std::make_shared<HomeTrash>(std::move(trash));
+    live.startup = std::make_shared<StartupItems>(std::move(startup));
+}
+
 } // namespace
 
 std::expected<VantleLite, VantleLite::Failure> VantleLite::make(const Options& options) {
@@ -152,13 +176,22 @@ std::expected<VantleLite, VantleLite::Failure> VantleLite::make(const Options& o
     if (live.isSandbox) {
         live.standInApps = std::make_shared<StandInApps>(live.support);
         live.mac = std::make_shared<StandInMac>(live.support);
+        live.machine = std::make_shared<StandInMachine>(live.mac);
+    } else {
+        live.machine = std::make_shared<SessionMachine>(processEnvironment());
     }
 
     // 11. The home trash and startup items.
+    wireTrashAndStartup(live);
 
     // 12. The updater.
 
-    // 13. The stand-in load balancing.
+    // 13. The stand-in load balancing; a real run moves this user's processes itself.
+    if (live.isSandbox)
+        live.balance = std::make_shared<StandInBalance>(live.support);
+    else
+        live.balance = std::make_shared<LinuxProcessControls>(
+            LinuxProcessControls::Options{.user = ::geteuid(), .efficiencyCores = efficiencyCores()});
 
     return live;
 }

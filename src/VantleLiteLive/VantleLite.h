@@ -6,11 +6,15 @@
 #include "VantleEgress/EgressLedgerReading.h"
 #include "VantleLibrary/Duplicates.h"
 #include "VantleLibrary/Library.h"
+#include "VantleLiteLive/HomeTrash.h"
+#include "VantleLiteLive/LoadBalance.h"
+#include "VantleLiteLive/MachineControls.h"
 #include "VantleLiteLive/PlatformProfile.h"
 #include "VantleLiteLive/SandboxRule.h"
 #include "VantleLiteLive/StandInApps.h"
 #include "VantleLiteLive/StandInMac.h"
 #include "VantleLiteLive/StandInProcesses.h"
+#include "VantleLiteLive/StartupItems.h"
 #include "VantleStorage/StorageScanner.h"
 #include "VantleVitals/HealthHistory.h"
 #include "VantleVitals/HealthRecord.h"
@@ -74,6 +78,10 @@ struct VantleLite {
     std::shared_ptr<StandInMac> mac;             // stand-in in a sandbox; the real machine's controls come later
     std::shared_ptr<StandInProcesses> processes; // stand-in in a sandbox; a real run reads /proc
     std::shared_ptr<StandInApps> standInApps;
+    std::shared_ptr<HomeTrash> trash;         // (step 11) moves to the Trash with receipts
+    std::shared_ptr<StartupItems> startup;    // (step 11) turns the user's startup items off and on
+    std::shared_ptr<MachineControls> machine; // (step 10) restart: the stand-in's or the session's
+    std::shared_ptr<ProcessControls> balance; // (step 13) moves and quits: the stand-in's in a sandbox
     std::vector<std::string> notes;
 
     // True when nothing may be sent for this whole run.

@@ -17,4 +17,11 @@ void addFilesCommands(CLI::App& app, CliContext& ctx);
 // Adds `search`, `duplicates` and `sources` beneath the `files` command.
 void addFilesSearchCommands(CLI::App& files, CliContext& ctx);
 
+// `trash`, `startup`, `restart`: the actions that ask first and end with a result line.
+void addActionCommands(CLI::App& app, CliContext& ctx);
+// `balance`: move heavy background work and offer to quit idle apps.
+void addBalanceCommands(CLI::App& app, CliContext& ctx);
+// Adds `record on|off|erase` beneath the `health` command.
+void addHealthRecordCommands(CLI::App& health, CliContext& ctx);
+
 } // namespace vantle::cli
