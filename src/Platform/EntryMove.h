@@ -1,6 +1,6 @@
-// Moving one entry between two places without ever replacing what is there, and the canonical form
-// of a path that every such move starts from. Both places are reached from "/" by descriptors, one
-// component at a time, never through a link. Free functions; thread-safe.
+// The canonical form of a path that every move of an entry starts from, and opening its folder from
+// "/" by descriptors, one component at a time, never through a link (for renameNoReplace). Free functions;
+// thread-safe.
 #pragma once
 #include "Platform/UniqueFd.h"
 
@@ -20,11 +20,6 @@ std::filesystem::path canonicalForm(const std::filesystem::path& path);
 // errno; a link anywhere on the way gives ELOOP.
 std::expected<UniqueFd, int> openFolderAt(const std::filesystem::path& folder, bool make = false,
                                           mode_t mode = 0755);
-
-// Moves `fromName` in `fromDir` to `toName` in `toDir` with renameat2(RENAME_NOREPLACE): never over
-// an existing entry (EEXIST), never a copy (EXDEV across disks). The error is the errno.
-std::expected<void, int> moveEntryNoReplace(int fromDir, const std::string& fromName, int toDir,
-                                            const std::string& toName);
 
 // Whether anything (a link included) lies at `name` in `dir`.
 bool entryExists(int dir, const std::string& name);

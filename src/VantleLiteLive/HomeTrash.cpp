@@ -3,6 +3,7 @@
 #include "Platform/DirectoryReader.h"
 #include "Platform/EntryMove.h"
 #include "Platform/EntryStatus.h"
+#include "Platform/RenameNoReplace.h"
 #include "Platform/SystemError.h"
 #include "Platform/UserEntryOpen.h"
 #include "VantleSpec/Sentence.h"
@@ -244,7 +245,7 @@ HomeTrash::moveInto(const fs::path& canonical, const fs::path& trash, const fs::
                 return std::unexpected(couldNotMove(canonical, err));
             }
         }
-        auto moved = moveEntryNoReplace(parent->get(), name, filesDir->get(), unique);
+        auto moved = renameNoReplace(parent->get(), name.c_str(), filesDir->get(), unique.c_str());
         if (moved) {
             Moved record{canonical, (plain ? trash : trash / "files") / unique, {}};
             if (!plain) record.info = trash / "info" / infoName;
@@ -270,8 +271,8 @@ std::vector<HomeTrash::Moved> HomeTrash::putBack(const std::string& receiptId) {
         auto home = openFolderAt(moved.from.parent_path(), true);
         if (!home || entryExists(home->get(), moved.from.filename().string())) continue;
         // No replace even if something appears at the former place between the check and the move.
-        if (!moveEntryNoReplace(trashDir->get(), moved.to.filename().string(), home->get(),
-                                moved.from.filename().string()))
+        if (!renameNoReplace(trashDir->get(), moved.to.filename().c_str(), home->get(),
+                             moved.from.filename().c_str()))
             continue;
         if (!moved.info.empty())
             if (auto info = openFolderAt(moved.info.parent_path()))

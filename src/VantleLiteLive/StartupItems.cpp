@@ -1,6 +1,7 @@
 #include "VantleLiteLive/StartupItems.h"
 
 #include "Platform/EntryMove.h"
+#include "Platform/RenameNoReplace.h"
 #include "Platform/SystemError.h"
 #include "VantleSpec/Sentence.h"
 #include "VantleSpec/Uuid.h"
@@ -70,7 +71,7 @@ std::expected<fs::path, std::string> StartupItems::turnOff(const fs::path& agent
         return std::unexpected(fillIn(notMoved, {{"name", name}, {"reason", systemErrorText(to.error())}}));
     auto heldName = name;
     if (entryExists(to->get(), heldName)) heldName = newUuid() + "-" + name;
-    if (auto moved = moveEntryNoReplace(from->get(), name, to->get(), heldName); !moved)
+    if (auto moved = renameNoReplace(from->get(), name.c_str(), to->get(), heldName.c_str()); !moved)
         return std::unexpected(
             fillIn(notMoved, {{"name", name}, {"reason", systemErrorText(moved.error())}}));
     if (entryExists(from->get(), name) || !entryExists(to->get(), heldName))
@@ -89,8 +90,7 @@ bool StartupItems::turnBackOn(const fs::path& held, const fs::path& former) {
     if (!from || !entryExists(from->get(), heldPath.filename().string())) return false;
     auto to = openFolderAt(formerPath.parent_path(), true);
     if (!to || entryExists(to->get(), formerPath.filename().string())) return false;
-    if (!moveEntryNoReplace(from->get(), heldPath.filename().string(), to->get(),
-                            formerPath.filename().string()))
+    if (!renameNoReplace(from->get(), heldPath.filename().c_str(), to->get(), formerPath.filename().c_str()))
         return false;
     return entryExists(to->get(), formerPath.filename().string());
 }

@@ -5,6 +5,7 @@
 #include "cli/Commands.h"
 
 #include "VantleSpec/Sentence.h"
+#include "VantleSpec/TerminalText.h"
 
 #include <iostream>
 
@@ -14,18 +15,7 @@ namespace {
 
 // Names go to a terminal: control characters are shown escaped, never sent raw.
 std::string shown(const std::string& text) {
-    std::string out;
-    for (unsigned char c : text) {
-        if (c < 0x20 || c == 0x7f) {
-            static const char* hex = "0123456789abcdef";
-            out += "\\x";
-            out += hex[c >> 4];
-            out += hex[c & 15];
-        } else {
-            out += char(c);
-        }
-    }
-    return out;
+    return terminalSafe(text);
 }
 
 std::string shown(const std::filesystem::path& path) {

@@ -8,6 +8,8 @@ namespace vantle::cli {
 void addStatusCommands(CLI::App& app, CliContext& ctx);
 void addLedgerCommands(CLI::App& app, CliContext& ctx);
 void addStorageCommands(CLI::App& app, CliContext& ctx);
+// Adds `clean`, `set-aside` and `put-back` beneath the `storage` command.
+void addStorageCleanCommands(CLI::App& storage, CliContext& ctx);
 // `health`: the score and the main vitals; calls addHealthHistoryCommands for its subcommands.
 void addHealthCommands(CLI::App& app, CliContext& ctx);
 // Adds `history` and `seed-week` beneath the `health` command.

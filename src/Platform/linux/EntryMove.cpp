@@ -4,7 +4,6 @@
 
 #include <cerrno>
 #include <fcntl.h>
-#include <stdio.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -36,13 +35,6 @@ std::expected<UniqueFd, int> openFolderAt(const fs::path& folder, bool make, mod
         if (auto made = makeFoldersBeneath(root->get(), relative, mode); !made)
             return std::unexpected(made.error());
     return openBeneath(root->get(), relative, O_PATH | O_DIRECTORY);
-}
-
-std::expected<void, int> moveEntryNoReplace(int fromDir, const std::string& fromName, int toDir,
-                                            const std::string& toName) {
-    if (::renameat2(fromDir, fromName.c_str(), toDir, toName.c_str(), RENAME_NOREPLACE) != 0)
-        return std::unexpected(errno);
-    return {};
 }
 
 bool entryExists(int dir, const std::string& name) {
