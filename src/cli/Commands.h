@@ -8,6 +8,10 @@ namespace vantle::cli {
 void addStatusCommands(CLI::App& app, CliContext& ctx);
 void addLedgerCommands(CLI::App& app, CliContext& ctx);
 void addStorageCommands(CLI::App& app, CliContext& ctx);
+// `update check [--json]`: the status sentence after a check made now.
+void addUpdateCommands(CLI::App& app, CliContext& ctx);
+// `open PATH|URL [--reveal]`: through the opener and its refusals.
+void addOpenCommands(CLI::App& app, CliContext& ctx);
 // `health`: the score and the main vitals; calls addHealthHistoryCommands for its subcommands.
 void addHealthCommands(CLI::App& app, CliContext& ctx);
 // Adds `history` and `seed-week` beneath the `health` command.
