@@ -110,11 +110,24 @@ std::expected<VantleLite, VantleLite::Failure> VantleLite::make(const Options& o
 
     // 8. The storage services.
     {
+        live.holding = live.support / "Holding";
+        live.holdingShelf = std::make_shared<HoldingShelf>(
+            live.home, live.holding, live.support / "Library" / "holding.json", RuleTable::shared());
         StorageScanner::Options storage;
         // A sandbox stands in for the whole machine, so the real machine's system areas are not its own.
         if (live.isSandbox) storage.systemRoot.reset();
+        // A held item is named after the place the shelf says it was taken from.
+        storage.formerPlace = [shelf = std::weak_ptr<HoldingShelf>(live.holdingShelf)](
+                                  std::string_view slot) -> std::optional<std::vector<std::string>> {
+            if (auto held = shelf.lock())
+                for (const auto& entry : held->entries())
+                    if (entry.slot == slot) return entry.parts;
+            return std::nullopt;
+        };
         live.storageScanner = std::make_shared<StorageScanner>(std::move(storage));
-        live.holding = live.support / "Holding";
+        // Running programs are read from this machine's process table, in a sandbox too: a real
+        // program holding a sandbox file open is as much in the way as anywhere else.
+        live.storageCleaner = std::make_shared<StorageCleaner>(live.home, StorageCleaner::Options{});
     }
 
     // 9. The health services. In a sandbox the process list is the stand-in's.

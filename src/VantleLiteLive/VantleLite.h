@@ -14,6 +14,8 @@
 #include "VantleLiteLive/StandInApps.h"
 #include "VantleLiteLive/StandInMac.h"
 #include "VantleLiteLive/StandInProcesses.h"
+#include "VantleStorage/HoldingShelf.h"
+#include "VantleStorage/StorageCleaner.h"
 #include "VantleStorage/StorageScanner.h"
 #include "VantleVitals/HealthHistory.h"
 #include "VantleVitals/HealthRecord.h"
@@ -66,6 +68,8 @@ struct VantleLite {
     // storage: the storage services (step 8)
     std::shared_ptr<StorageScanner> storageScanner; // its report is kept in Library/storage.json
     std::filesystem::path holding;                  // the holding folder: items set aside, never counted
+    std::shared_ptr<HoldingShelf> holdingShelf;     // what is held there, kept in Library/holding.json
+    std::shared_ptr<StorageCleaner> storageCleaner; // plans and carries out deleting and setting aside
     // vitals, health, checkup, activity: the health services (step 9)
     std::shared_ptr<HealthRecord> healthRecord;   // Health/record.sqlite in the data folder, opened on first use
     std::shared_ptr<HealthHistory> healthHistory; // reads healthRecord back for a day, a month or a year

@@ -2,7 +2,8 @@
 // absent optional is a missing key, dates are ISO 8601 UTC with milliseconds, enumerations are their
 // case names. Records declare their coding with VANTLE_RECORD_JSON and enumerations with
 // VANTLE_ENUM_NAMES beside their definition. Decoding never throws across the interface: decodeJson
-// turns a malformed text into an error value.
+// turns a malformed text into an error value. Every JSON text read from disk goes through readJson,
+// which refuses nesting deeper than jsonDepthLimit without ever building or recursing into it.
 #pragma once
 #include "VantleSpec/Time.h"
 
@@ -10,6 +11,7 @@
 
 #include <array>
 #include <expected>
+#include <limits>
 #include <optional>
 #include <set>
 #include <string>
@@ -23,7 +25,9 @@ using Json = nlohmann::ordered_json;
 // An enumeration with names: `constexpr auto enumNames(E)` found by lookup returns its case names in
 // declaration order, and the cases are 0..N-1.
 template <class E>
-concept NamedEnum = std::is_enum_v<E> && requires(E e) { enumNames(e); };
+concept NamedEnum = std::is_enum_v<E> && requires(E e) {
+    enumNames(e);
+};
 
 template <NamedEnum E> constexpr std::string_view nameOf(E e) {
     auto names = enumNames(E{});
@@ -41,11 +45,48 @@ template <NamedEnum E> constexpr std::optional<E> enumFromName(std::string_view 
 template <NamedEnum E> constexpr auto allCases() {
     constexpr auto n = enumNames(E{}).size();
     std::array<E, n> out{};
-    for (size_t i = 0; i < n; ++i) out[i] = static_cast<E>(i);
+    for (size_t i = 0; i < n; ++i)
+        out[i] = static_cast<E>(i);
     return out;
 }
 
+// Deeper than any record this program writes, far shallower than what would exhaust the stack when
+// a value is copied, dumped or destroyed.
+inline constexpr int jsonDepthLimit = 64;
+
+// Parses JSON text with a depth limit: a malformed text, or any array or object nested deeper than
+// `depthLimit`, is an error sentence. The parse itself is iterative, and too-deep values are dropped
+// as they are met, so a hostile text costs time in its length only.
+std::expected<Json, std::string> readJson(std::string_view text, int depthLimit = jsonDepthLimit);
+
 namespace json_detail {
+// An integer field takes only an integer that fits it: nlohmann's own conversion would wrap
+// 99999999999 into an int, or truncate 2.5, and show nonsense as if it were read.
+template <class T> T fitted(const Json& j) {
+    if constexpr (std::is_integral_v<T> && !std::is_same_v<T, bool>) {
+        if (j.is_number_unsigned()) {
+            auto v = j.get<std::uint64_t>();
+            if (v > static_cast<std::uint64_t>(std::numeric_limits<T>::max()))
+                throw std::out_of_range("number out of range: " + j.dump());
+            return static_cast<T>(v);
+        }
+        if (j.is_number_integer()) {
+            auto v = j.get<std::int64_t>();
+            if constexpr (std::is_unsigned_v<T>) {
+                if (v < 0) throw std::out_of_range("number out of range: " + j.dump());
+                if (static_cast<std::uint64_t>(v) > std::numeric_limits<T>::max())
+                    throw std::out_of_range("number out of range: " + j.dump());
+            } else if (v < std::numeric_limits<T>::min() || v > std::numeric_limits<T>::max()) {
+                throw std::out_of_range("number out of range: " + j.dump());
+            }
+            return static_cast<T>(v);
+        }
+        throw std::invalid_argument("not a whole number: " + j.dump());
+    } else {
+        return j.template get<T>();
+    }
+}
+
 template <class T> struct IsOptional : std::false_type {};
 template <class T> struct IsOptional<std::optional<T>> : std::true_type {};
 
@@ -63,9 +104,9 @@ template <class T> void get(const Json& j, const char* key, T& value) {
         if (it == j.end() || it->is_null())
             value.reset();
         else
-            value = it->template get<typename T::value_type>();
+            value = fitted<typename T::value_type>(*it);
     } else {
-        value = j.at(key).template get<T>();
+        value = fitted<T>(j.at(key));
     }
 }
 } // namespace json_detail
@@ -86,7 +127,9 @@ template <class T> void get(const Json& j, const char* key, T& value) {
 
 // Names an enumeration's cases, in declaration order; the names are also its JSON form.
 #define VANTLE_ENUM_NAMES(Type, ...)                                                                         \
-    constexpr auto enumNames(Type) { return std::to_array<std::string_view>({__VA_ARGS__}); }
+    constexpr auto enumNames(Type) {                                                                         \
+        return std::to_array<std::string_view>({__VA_ARGS__});                                               \
+    }
 
 // Encodes a record as compact JSON text (one line), or pretty with `indent` >= 0.
 template <class T> std::string encodeJson(const T& value, int indent = -1) {
@@ -94,11 +137,13 @@ template <class T> std::string encodeJson(const T& value, int indent = -1) {
     return j.dump(indent, ' ', false, Json::error_handler_t::replace);
 }
 
-// Decodes JSON text into a record; a malformed text, a wrong type or a missing field is an error
-// sentence, never an exception.
+// Decodes JSON text into a record; a malformed or too deeply nested text, a wrong type, a number
+// that does not fit its field or a missing field is an error sentence, never an exception.
 template <class T> std::expected<T, std::string> decodeJson(std::string_view text) {
+    auto json = readJson(text);
+    if (!json) return std::unexpected(std::move(json.error()));
     try {
-        return Json::parse(text).template get<T>();
+        return json->template get<T>();
     } catch (const std::exception& e) {
         return std::unexpected(std::string(e.what()));
     }

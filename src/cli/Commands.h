@@ -8,6 +8,8 @@ namespace vantle::cli {
 void addStatusCommands(CLI::App& app, CliContext& ctx);
 void addLedgerCommands(CLI::App& app, CliContext& ctx);
 void addStorageCommands(CLI::App& app, CliContext& ctx);
+// Adds `clean`, `set-aside` and `put-back` beneath the `storage` command.
+void addStorageCleanCommands(CLI::App& storage, CliContext& ctx);
 // `update check [--json]`: the status sentence after a check made now.
 void addUpdateCommands(CLI::App& app, CliContext& ctx);
 // `open PATH|URL [--reveal]`: through the opener and its refusals.
