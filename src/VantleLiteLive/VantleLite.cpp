@@ -116,7 +116,8 @@ std::expected<VantleLite, VantleLite::Failure> VantleLite::make(const Options& o
     }
     live.offline = options.offline || !live.ledgerWriter;
 
-    // 6. The egress broker over the ledger (when not offline) comes with the network road.
+    // 6. The network road: the egress broker over the ledger, with the fixed limits.
+    if (!live.offline) live.broker = std::make_shared<EgressBroker>(live.ledgerWriter, EgressBroker::Options{});
 
     // 7. The file library. Linux has no metadata index: the catalog walks the disk.
     {
@@ -193,11 +194,39 @@ std::expected<VantleLite, VantleLite::Failure> VantleLite::make(const Options& o
     } else {
         live.machine = std::make_shared<SessionMachine>(processEnvironment());
     }
+    // The opener shows what the Home pages show: the home's files and the installed apps. Offline it
+    // hands nothing over that would reach the network; in a sandbox the stand-in apps record it all.
+    {
+        Opener::Options opener;
+        opener.workspace = makeDesktopWorkspace(live.profile.applicationFolders);
+        opener.places = {live.home};
+        opener.places.insert(opener.places.end(), live.profile.applicationFolders.begin(),
+                             live.profile.applicationFolders.end());
+        opener.appFolders = live.profile.applicationFolders;
+        if (!live.offline) opener.ledger = live.ledgerWriter;
+        opener.fence = live.standInApps;
+        live.opener = std::make_shared<Opener>(std::move(opener));
+    }
 
     // 11. The home trash and startup items.
     wireTrashAndStartup(live);
 
-    // 12. The updater.
+    // 12. The updater, over the same ledger: the feed through the network road, the download through
+    // a second broker whose only difference is room (and time) for a whole update archive.
+    {
+        AppUpdater::Options updates;
+        updates.source = options.updates;
+        updates.folder = live.support / "Updates";
+        updates.build = VANTLE_VERSION; // Linux has no bundle; the build is the project's version
+        if (live.broker) {
+            updates.feedBroker = live.broker;
+            EgressBroker::Options download;
+            download.limits.maximumResponseBytes = AppUpdater::maximumUpdateBytes;
+            download.limits.timeout = std::chrono::minutes(10);
+            updates.downloadBroker = std::make_shared<EgressBroker>(live.ledgerWriter, std::move(download));
+        }
+        live.updater = std::make_shared<AppUpdater>(std::move(updates));
+    }
 
     // 13. The stand-in load balancing; a real run moves this user's processes itself.
     if (live.isSandbox)

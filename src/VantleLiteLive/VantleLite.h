@@ -2,6 +2,8 @@
 // (`VantleLite::make`). The front ends reach every service only through this record. Built on one
 // thread; the services it holds are each thread-safe on their own.
 #pragma once
+#include "VantleEgress/AppUpdater.h"
+#include "VantleEgress/EgressBroker.h"
 #include "VantleEgress/EgressLedger.h"
 #include "VantleEgress/EgressLedgerReading.h"
 #include "VantleLibrary/Duplicates.h"
@@ -9,6 +11,7 @@
 #include "VantleLiteLive/HomeTrash.h"
 #include "VantleLiteLive/LoadBalance.h"
 #include "VantleLiteLive/MachineControls.h"
+#include "VantleLiteLive/Opener.h"
 #include "VantleLiteLive/PlatformProfile.h"
 #include "VantleLiteLive/SandboxRule.h"
 #include "VantleLiteLive/StandInApps.h"
@@ -40,6 +43,7 @@ struct VantleLite {
         bool offline = false;                         // no network road at all
         std::set<int> standInProcesses;               // live pids the stand-in process list may act on
         bool realReadingsOnSandbox = false;           // a sandbox still reads this machine's vitals
+        UpdateSource updates = UpdateSource::builtIn(); // where the update check looks
 
         // Seams for tests: the home of a real run and the folders a sandbox is checked against.
         std::optional<std::filesystem::path> realHome;
@@ -78,7 +82,10 @@ struct VantleLite {
     std::shared_ptr<StandInVitals> standInVitals;  // in a sandbox that shows made-up readings; else null
     std::shared_ptr<EgressLedgerReading> ledger; // the silent ledger when offline
     std::shared_ptr<EgressLedger> ledgerWriter;  // null when the ledger could not be opened
-    // opener, updater, trash, startup: with their own work
+    std::shared_ptr<EgressBroker> broker;        // the network road (step 6); null when offline
+    std::shared_ptr<Opener> opener;              // everything handed to another app goes through it
+    std::shared_ptr<AppUpdater> updater;         // over the data folder's Updates folder (step 12)
+    // trash, startup: with their own work
     std::shared_ptr<StandInMac> mac;             // stand-in in a sandbox; the real machine's controls come later
     std::shared_ptr<StandInProcesses> processes; // stand-in in a sandbox; a real run reads /proc
     std::shared_ptr<StandInApps> standInApps;

@@ -10,6 +10,10 @@ void addLedgerCommands(CLI::App& app, CliContext& ctx);
 void addStorageCommands(CLI::App& app, CliContext& ctx);
 // Adds `clean`, `set-aside` and `put-back` beneath the `storage` command.
 void addStorageCleanCommands(CLI::App& storage, CliContext& ctx);
+// `update check [--json]`: the status sentence after a check made now.
+void addUpdateCommands(CLI::App& app, CliContext& ctx);
+// `open PATH|URL [--reveal]`: through the opener and its refusals.
+void addOpenCommands(CLI::App& app, CliContext& ctx);
 // `health`: the score and the main vitals; calls addHealthHistoryCommands for its subcommands.
 void addHealthCommands(CLI::App& app, CliContext& ctx);
 // Adds `history` and `seed-week` beneath the `health` command.

@@ -29,6 +29,8 @@ int main(int argc, char** argv) {
     cli::addHealthCommands(app, ctx);
     cli::addActionCommands(app, ctx);
     cli::addBalanceCommands(app, ctx);
+    cli::addOpenCommands(app, ctx);
+    cli::addUpdateCommands(app, ctx);
 
     std::vector<const char*> cargv;
     for (auto& a : rest) cargv.push_back(a.c_str());
