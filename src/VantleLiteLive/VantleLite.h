@@ -4,7 +4,6 @@
 #pragma once
 #include "VantleEgress/EgressLedger.h"
 #include "VantleEgress/EgressLedgerReading.h"
-#include "VantleLibrary/Duplicates.h"
 #include "VantleLibrary/Library.h"
 #include "VantleLiteLive/PlatformProfile.h"
 #include "VantleLiteLive/SandboxRule.h"
@@ -45,7 +44,8 @@ struct VantleLite {
         Case what;
         std::string sentence;
 
-        static constexpr std::string_view couldNotMakeSentence = "Vantle Lite could not make {folder}: {reason}";
+        static constexpr std::string_view couldNotMakeSentence =
+            "Vantle Lite could not make {folder}: {reason}";
         static constexpr std::string_view title = "Vantle Lite could not start";
     };
 
@@ -57,21 +57,22 @@ struct VantleLite {
     std::filesystem::path support; // the data folder
     bool isSandbox = false;
     PlatformProfile profile;
-    std::shared_ptr<Library> library; // the file library (step 7): catalog, kept summary, smart lists, watcher
-    std::shared_ptr<Duplicates> duplicates; // (step 7) duplicate scans with their fingerprint cache
+    // The file library (step 7): catalog, kept summary, smart lists, duplicate finder, watcher.
+    std::shared_ptr<Library> library;
     // storage: the storage services (step 8)
     std::shared_ptr<StorageScanner> storageScanner; // its report is kept in Library/storage.json
     std::filesystem::path holding;                  // the holding folder: items set aside, never counted
     // vitals, health, checkup, activity: the health services (step 9)
-    std::shared_ptr<HealthRecord> healthRecord;   // Health/record.sqlite in the data folder, opened on first use
+    std::shared_ptr<HealthRecord>
+        healthRecord; // Health/record.sqlite in the data folder, opened on first use
     std::shared_ptr<HealthHistory> healthHistory; // reads healthRecord back for a day, a month or a year
-    std::shared_ptr<VitalsReader> vitals;          // this machine's readings, or the sandbox's stand-in
-    std::shared_ptr<ActivitySource> activity;      // the process list with processor shares and rates
-    std::shared_ptr<StandInVitals> standInVitals;  // in a sandbox that shows made-up readings; else null
-    std::shared_ptr<EgressLedgerReading> ledger; // the silent ledger when offline
-    std::shared_ptr<EgressLedger> ledgerWriter;  // null when the ledger could not be opened
+    std::shared_ptr<VitalsReader> vitals;         // this machine's readings, or the sandbox's stand-in
+    std::shared_ptr<ActivitySource> activity;     // the process list with processor shares and rates
+    std::shared_ptr<StandInVitals> standInVitals; // in a sandbox that shows made-up readings; else null
+    std::shared_ptr<EgressLedgerReading> ledger;  // the silent ledger when offline
+    std::shared_ptr<EgressLedger> ledgerWriter;   // null when the ledger could not be opened
     // opener, updater, trash, startup: with their own work
-    std::shared_ptr<StandInMac> mac;             // stand-in in a sandbox; the real machine's controls come later
+    std::shared_ptr<StandInMac> mac; // stand-in in a sandbox; the real machine's controls come later
     std::shared_ptr<StandInProcesses> processes; // stand-in in a sandbox; a real run reads /proc
     std::shared_ptr<StandInApps> standInApps;
     std::vector<std::string> notes;
