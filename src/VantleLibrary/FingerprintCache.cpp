@@ -1,6 +1,7 @@
 #include "VantleLibrary/FingerprintCache.h"
 
 #include "Platform/AtomicFile.h"
+#include "Platform/KeptFile.h"
 #include "VantleSpec/JsonBytes.h"
 
 #include <nlohmann/json.hpp>
@@ -142,8 +143,14 @@ void FingerprintCache::load() {
     if (loaded_) return;
     loaded_ = true;
     if (cacheFile_.empty()) return;
-    auto text = readWholeFile(cacheFile_);
-    if (!text) return;
+    // The shared bounded reader: a link, FIFO or device in its place, or a file past the bound, reads
+    // as an empty cache. The text is then streamed rather than read as a tree (readJson): the tree of
+    // tens of thousands of entries would cost more than the scan it saves.
+    auto text = readKeptFile(cacheFile_, keptFileLargestBytes);
+    if (!text) {
+        if (text.error().what != KeptFileFailure::Case::missing) changed_ = true; // replaced at the next save
+        return;
+    }
     CacheReader reader(fingerprints_);
     nlohmann::json::sax_parse(*text, &reader);
     // An entry we cannot read is dropped, and the file rewritten without it.

@@ -1,8 +1,10 @@
 // JSON coding for every record: keys are the field names in declaration order (ordered_json), an
 // absent optional is a missing key, dates are ISO 8601 UTC with milliseconds, enumerations are their
-// case names; strings keep their exact bytes through the reversible escape of JsonBytes.h. Records declare
-// their coding with VANTLE_RECORD_JSON and enumerations with VANTLE_ENUM_NAMES beside their definition.
-// Decoding never throws across the interface: decodeJson turns a malformed text into an error value.
+// case names; strings keep their exact bytes through the reversible escape of JsonBytes.h. Records
+// declare their coding with VANTLE_RECORD_JSON and enumerations with VANTLE_ENUM_NAMES beside their
+// definition. Decoding never throws across the interface: decodeJson
+// turns a malformed text into an error value. Every JSON text read from disk goes through readJson,
+// which refuses nesting deeper than jsonDepthLimit without ever building or recursing into it.
 #pragma once
 #include "VantleSpec/JsonBytes.h"
 #include "VantleSpec/Time.h"
@@ -11,6 +13,7 @@
 
 #include <array>
 #include <expected>
+#include <limits>
 #include <optional>
 #include <set>
 #include <string>
@@ -49,7 +52,43 @@ template <NamedEnum E> constexpr auto allCases() {
     return out;
 }
 
+// Deeper than any record this program writes, far shallower than what would exhaust the stack when
+// a value is copied, dumped or destroyed.
+inline constexpr int jsonDepthLimit = 64;
+
+// Parses JSON text with a depth limit: a malformed text, or any array or object nested deeper than
+// `depthLimit`, is an error sentence. The parse itself is iterative, and too-deep values are dropped
+// as they are met, so a hostile text costs time in its length only.
+std::expected<Json, std::string> readJson(std::string_view text, int depthLimit = jsonDepthLimit);
+
 namespace json_detail {
+// An integer field takes only an integer that fits it: nlohmann's own conversion would wrap
+// 99999999999 into an int, or truncate 2.5, and show nonsense as if it were read.
+template <class T> T fitted(const Json& j) {
+    if constexpr (std::is_integral_v<T> && !std::is_same_v<T, bool>) {
+        if (j.is_number_unsigned()) {
+            auto v = j.get<std::uint64_t>();
+            if (v > static_cast<std::uint64_t>(std::numeric_limits<T>::max()))
+                throw std::out_of_range("number out of range: " + j.dump());
+            return static_cast<T>(v);
+        }
+        if (j.is_number_integer()) {
+            auto v = j.get<std::int64_t>();
+            if constexpr (std::is_unsigned_v<T>) {
+                if (v < 0) throw std::out_of_range("number out of range: " + j.dump());
+                if (static_cast<std::uint64_t>(v) > std::numeric_limits<T>::max())
+                    throw std::out_of_range("number out of range: " + j.dump());
+            } else if (v < std::numeric_limits<T>::min() || v > std::numeric_limits<T>::max()) {
+                throw std::out_of_range("number out of range: " + j.dump());
+            }
+            return static_cast<T>(v);
+        }
+        throw std::invalid_argument("not a whole number: " + j.dump());
+    } else {
+        return j.template get<T>();
+    }
+}
+
 template <class T> struct IsOptional : std::false_type {};
 template <class T> struct IsOptional<std::optional<T>> : std::true_type {};
 
@@ -67,9 +106,9 @@ template <class T> void get(const Json& j, const char* key, T& value) {
         if (it == j.end() || it->is_null())
             value.reset();
         else
-            value = it->template get<typename T::value_type>();
+            value = fitted<typename T::value_type>(*it);
     } else {
-        value = j.at(key).template get<T>();
+        value = fitted<T>(j.at(key));
     }
 }
 } // namespace json_detail
@@ -100,13 +139,14 @@ template <class T> std::string encodeJson(const T& value, int indent = -1) {
     return dumpEscaped(j, indent);
 }
 
-// Decodes JSON text into a record; a malformed text, a wrong type or a missing field is an error
-// sentence, never an exception.
+// Decodes JSON text into a record; a malformed or too deeply nested text, a wrong type, a number
+// that does not fit its field or a missing field is an error sentence, never an exception.
 template <class T> std::expected<T, std::string> decodeJson(std::string_view text) {
+    auto json = readJson(text);
+    if (!json) return std::unexpected(std::move(json.error()));
+    if (mayHoldEscapes(text)) unescapeStrings(*json);
     try {
-        auto j = Json::parse(text);
-        if (mayHoldEscapes(text)) unescapeStrings(j);
-        return j.template get<T>();
+        return json->template get<T>();
     } catch (const std::exception& e) {
         return std::unexpected(std::string(e.what()));
     }
