@@ -1,13 +1,15 @@
 #include "VantleLibrary/Duplicates.h"
 
 #include "Platform/SharedExtents.h"
-#include "Platform/UniqueFd.h"
+#include "Platform/UserEntryOpen.h"
+#include "VantleLibrary/DiskWalk.h"
 #include "VantleLibrary/FingerprintReader.h"
 #include "VantleSpec/Sentence.h"
 
 #include <algorithm>
 #include <fcntl.h>
 #include <map>
+#include <thread>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -35,8 +37,9 @@ void readSharing(std::vector<Duplicates::Record>& records, const std::vector<Buc
             r.privateSize = r.allocated;
             auto known = deviceShares.find(r.number.device);
             if (known != deviceShares.end() && !known->second) continue;
-            UniqueFd fd(::open(r.path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
-            if (!fd) continue;
+            auto opened = openUserEntry(AT_FDCWD, r.path.c_str(), O_RDONLY | O_NONBLOCK);
+            if (!opened) continue;
+            const auto& fd = *opened;
             if (known == deviceShares.end())
                 known = deviceShares.emplace(r.number.device, fileSystemSharesBlocks(fd.get())).first;
             if (!known->second) continue;
@@ -130,6 +133,9 @@ DuplicateScan Duplicates::scan(std::span<const FileItem> items, CancelFlag& canc
     cache_.load();
 
     bool stopped = false;
+    std::atomic<int> missed{0}; // candidates that could not be read, or changed while being read
+    const auto threads =
+        options_.threads > 0 ? options_.threads : std::max(1u, std::thread::hardware_concurrency());
     auto shouldStop = [&] {
         if (!stopped && (cancel.isCancelled() || options_.clock() > deadline)) stopped = true;
         return stopped;
@@ -187,7 +193,15 @@ DuplicateScan Duplicates::scan(std::span<const FileItem> items, CancelFlag& canc
 
     // 3-6. Sample hashes split the size groups, then full hashes split what is left. Each distinct file
     //      is hashed once, in inode order (the map's), which on most file systems follows the disk.
-    FingerprintReader reader(options_.clock, deadline, &cancel);
+    //      Hashing runs on every core: warm, SHA-256 is the cost; cold, two reads in flight keep the
+    //      disk busier than one. The cache is consulted before and written after, on this thread.
+    std::mutex clockMutex; // an injected clock need not be safe to call from two threads
+    Clock clock = [&] {
+        std::lock_guard hold(clockMutex);
+        return options_.clock();
+    };
+    std::mutex progressMutex;
+    std::int64_t bytesRead = 0;
     std::vector<std::optional<Digest>> digests(records.size());
     auto refine = [&](HashMode mode, DuplicateProgress::Phase phase) {
         std::map<FileNumber, std::vector<size_t>> work; // file -> its names among the records
@@ -195,35 +209,75 @@ DuplicateScan Duplicates::scan(std::span<const FileItem> items, CancelFlag& canc
             for (auto i : bucket)
                 work[records[i].number].push_back(i);
         std::ranges::fill(digests, std::nullopt);
-        size_t done = 0;
+        auto statusOf = [&](const Record& r) {
+            return FileStatus{true, r.number, r.size, r.allocated, r.modified, r.born, r.linkCount};
+        };
+        std::vector<const std::vector<size_t>*> toHash;
         for (const auto& [number, names] : work) {
-            if (shouldStop()) break;
-            const auto& first = records[names.front()];
-            FileStatus asRecorded{true,           first.number, first.size,     first.allocated,
-                                  first.modified, first.born,   first.linkCount};
-            std::optional<Digest> digest;
+            auto asRecorded = statusOf(records[names.front()]);
+            std::optional<Digest> known;
             for (auto i : names)
                 if (auto* kept = cache_.valid(records[i].path, asRecorded)) {
-                    auto& known = mode == HashMode::sample ? kept->sample : kept->full;
-                    if (known) digest = known;
-                    if (digest) break;
+                    known = mode == HashMode::sample ? kept->sample : kept->full;
+                    if (known) break;
                 }
-            if (!digest) {
-                auto made = reader.hash(first.path, {first.number, first.size, first.modified}, mode);
-                if (made) {
-                    digest = *made;
-                } else if (made.error() == FingerprintReader::Miss::pastDeadline ||
-                           made.error() == FingerprintReader::Miss::cancelled) {
-                    stopped = true;
+            if (!known) {
+                toHash.push_back(&names);
+                continue;
+            }
+            for (auto i : names) {
+                digests[i] = known;
+                cache_.store(records[i].path, asRecorded, mode, *known);
+            }
+        }
+
+        std::vector<std::optional<Digest>> made(toHash.size());
+        std::atomic<size_t> nextFile{0};
+        std::atomic<bool> stop{stopped};
+        size_t done = work.size() - toHash.size();
+        auto hashSome = [&] {
+            FingerprintReader reader(clock, deadline, &cancel);
+            std::int64_t reported = 0;
+            while (!stop.load()) {
+                if (cancel.isCancelled() || clock() > deadline) {
+                    stop = true;
                     break;
                 }
-            }
-            if (digest)
-                for (auto i : names) {
-                    digests[i] = digest;
-                    cache_.store(records[i].path, asRecorded, mode, *digest);
+                auto k = nextFile.fetch_add(1);
+                if (k >= toHash.size()) break;
+                const auto& first = records[toHash[k]->front()];
+                auto result = reader.hash(first.path, {first.number, first.size, first.modified}, mode);
+                if (result) {
+                    made[k] = *result;
+                } else if (result.error() == FingerprintReader::Miss::pastDeadline ||
+                           result.error() == FingerprintReader::Miss::cancelled) {
+                    stop = true;
+                } else if (result.error() != FingerprintReader::Miss::notRegular) {
+                    // Unreadable, or changed under the scan: its copies, if any, are not known.
+                    missed.fetch_add(1);
                 }
-            report(phase, ++done, work.size(), reader.bytesRead());
+                std::lock_guard hold(progressMutex);
+                bytesRead += reader.bytesRead() - reported;
+                reported = reader.bytesRead();
+                ++done;
+                report(phase, done, work.size(), bytesRead);
+            }
+        };
+        auto helpers = std::min<size_t>(threads > 0 ? threads - 1 : 0, toHash.size() / 2);
+        {
+            std::vector<std::jthread> pool;
+            for (size_t t = 0; t < helpers; ++t)
+                pool.emplace_back(hashSome);
+            hashSome();
+        }
+        if (stop.load()) stopped = true;
+        for (size_t k = 0; k < toHash.size(); ++k) {
+            if (!made[k]) continue;
+            auto asRecorded = statusOf(records[toHash[k]->front()]);
+            for (auto i : *toHash[k]) {
+                digests[i] = made[k];
+                cache_.store(records[i].path, asRecorded, mode, *made[k]);
+            }
         }
 
         // Split each group by digest; a group cut short by the deadline keeps only what was hashed.
@@ -268,15 +322,30 @@ DuplicateScan Duplicates::scan(std::span<const FileItem> items, CancelFlag& canc
         out.sharing.push_back(std::move(sharing));
     }
 
-    out.isComplete = !stopped;
-    if (out.isComplete) {
+    out.missed = missed.load();
+    out.isComplete = !stopped && out.missed == 0;
+    std::vector<std::string> notes;
+    if (stopped)
+        notes.push_back(
+            cancel.isCancelled()
+                ? std::string(stoppedNote)
+                : fillIn(
+                      timeLimitNote,
+                      {{"seconds",
+                        std::to_string(
+                            std::chrono::duration_cast<std::chrono::seconds>(options_.timeLimit).count())}}));
+    if (out.missed > 0) notes.push_back(fillIn(filesMissedNote, {{"count", groupedCount(out.missed)}}));
+    if (!stopped) {
         std::unordered_set<std::string> paths;
         for (const auto& item : items)
             paths.insert(item.path);
         cache_.keepOnly(paths);
     }
-    if (auto saved = cache_.save(); !saved) out.note = fillIn(cacheNotSaved, {{"reason", saved.error()}});
-    out.bytesRead = reader.bytesRead();
+    if (auto saved = cache_.save(); !saved)
+        notes.push_back(fillIn(cacheNotSaved, {{"reason", saved.error()}}));
+    for (const auto& n : notes)
+        out.note = out.note ? *out.note + " " + n : n;
+    out.bytesRead = bytesRead;
     out.seconds = std::chrono::duration<double>(options_.clock() - started).count();
     latest_ = out;
     changesBeforeLatest_ = changesAtStart;

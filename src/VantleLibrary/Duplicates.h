@@ -38,19 +38,21 @@ VANTLE_RECORD_JSON(DuplicateSharing, fingerprint, hardLinks, clones, freeable)
 // The outcome of one scan.
 struct DuplicateScan {
     std::vector<DuplicateGroup> groups;
-    bool isComplete = true; // false when the scan stopped at its deadline or was cancelled
+    bool isComplete = true; // false when the scan stopped (deadline, cancel) or left a candidate out
     TimePoint at{};
     int candidates = 0;         // files that shared a size with another file
     std::int64_t bytesRead = 0; // read for hashing
     double seconds = 0;
     std::vector<DuplicateSharing> sharing; // one per group, in the same order
     std::optional<std::string> note;       // what degraded, shown as it stands
+    int missed = 0; // candidates left out because they could not be read or changed while read
 
     std::int64_t freeableBytes() const;
     DuplicateLook look() const { return {groups, isComplete}; }
     bool operator==(const DuplicateScan&) const = default;
 };
-VANTLE_RECORD_JSON(DuplicateScan, groups, isComplete, at, candidates, bytesRead, seconds, sharing, note)
+VANTLE_RECORD_JSON(DuplicateScan, groups, isComplete, at, candidates, bytesRead, seconds, sharing, note,
+                   missed)
 
 // What a scan is doing, for a progress line.
 struct DuplicateProgress {
@@ -85,10 +87,22 @@ class Duplicates {
         std::int64_t smallestSize = 1; // empty files are all alike and free nothing
         Clock clock = systemClock();
         std::chrono::milliseconds freshness{60'000}; // how long a complete scan answers again
+        unsigned threads = 0;                        // hashing threads; 0: one per processor
     };
 
     static inline constexpr std::string_view cacheNotSaved =
         "The fingerprint cache could not be saved ({reason}), so the next scan reads these files again.";
+
+    static inline constexpr std::string_view stoppedNote =
+        "The duplicate scan was stopped before it finished; these are the copies found so far.";
+    // A file cut short by the limit keeps no partial hash: the next run reads it from its start.
+    static inline constexpr std::string_view timeLimitNote =
+        "The duplicate scan reached its time limit of {seconds} seconds; there may be more copies. Run it "
+        "again to continue: files already read whole are not read again, but a file the limit cut short "
+        "is read again from its start.";
+    static inline constexpr std::string_view filesMissedNote =
+        "{count} files that share a size with another could not be read or changed while being read, so "
+        "they were left out and there may be more copies.";
 
     explicit Duplicates(Options options);
 

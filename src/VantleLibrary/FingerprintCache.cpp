@@ -1,28 +1,160 @@
 #include "VantleLibrary/FingerprintCache.h"
 
 #include "Platform/AtomicFile.h"
+#include "Platform/KeptFile.h"
+#include "VantleSpec/JsonBytes.h"
 
 #include <nlohmann/json.hpp>
 
+#include <limits>
+
 namespace vantle {
+
+namespace {
+
+// Reads the cache as a stream of events rather than a tree: a cache of tens of thousands of files
+// is read in one pass with no intermediate values, and nesting deeper than a fingerprint's is
+// refused as it is met, however deep it goes.
+class CacheReader : public nlohmann::json_sax<nlohmann::json> {
+  public:
+    explicit CacheReader(std::unordered_map<std::string, Fingerprint>& into) : into_(into) {}
+
+    bool dropped = false; // an entry could not be read and was left out
+
+    bool null() override { return field(Value{}); }
+    bool boolean(bool) override { return field(Value{}, false); }
+    bool number_integer(number_integer_t v) override { return field(Value{.integer = v, .isInteger = true}); }
+    bool number_unsigned(number_unsigned_t v) override {
+        return field(Value{.unsignedInteger = v, .isUnsigned = true});
+    }
+    bool number_float(number_float_t, const string_t&) override { return field(Value{}, false); }
+    bool string(string_t& v) override { return field(Value{.text = &v}); }
+    bool binary(binary_t&) override { return field(Value{}, false); }
+    bool start_object(std::size_t) override { return open(); }
+    bool end_object() override { return close(); }
+    bool start_array(std::size_t) override {
+        if (depth_ == 0) return false; // not a cache at all
+        bad_ = true;
+        return open();
+    }
+    bool end_array() override { return close(); }
+    bool key(string_t& k) override {
+        if (depth_ == 1) {
+            path_ = mayHoldEscapes(k) ? unescapeBytes(k) : std::move(k);
+            bad_ = false;
+            seen_ = 0;
+            entry_ = {};
+        } else if (depth_ == 2) {
+            key_ = std::move(k);
+        }
+        return true;
+    }
+    bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception&) override {
+        dropped = true; // a torn file keeps the entries read before the tear
+        return false;
+    }
+
+  private:
+    struct Value {
+        std::int64_t integer = 0;
+        std::uint64_t unsignedInteger = 0;
+        const string_t* text = nullptr;
+        bool isInteger = false;
+        bool isUnsigned = false;
+    };
+
+    static constexpr int deepest = 64;
+
+    bool open() {
+        if (++depth_ > deepest) {
+            dropped = true;
+            return false;
+        }
+        if (depth_ > 2) bad_ = true;
+        return true;
+    }
+
+    bool close() {
+        if (depth_ == 2) {
+            if (!bad_ && seen_ == 0b111)
+                into_.insert_or_assign(std::move(path_), entry_);
+            else
+                dropped = true;
+        }
+        --depth_;
+        return true;
+    }
+
+    bool field(const Value& v, bool usable = true) {
+        if (depth_ == 1) {
+            dropped = true; // an entry that is not an object
+            return true;
+        }
+        if (depth_ != 2) return true;
+        if (!usable) {
+            bad_ = true;
+            return true;
+        }
+        auto asSigned = [&](std::int64_t& out) {
+            if (v.isInteger)
+                out = v.integer;
+            else if (v.isUnsigned && v.unsignedInteger <= std::numeric_limits<std::int64_t>::max())
+                out = static_cast<std::int64_t>(v.unsignedInteger);
+            else
+                bad_ = true;
+        };
+        if (key_ == "size") {
+            asSigned(entry_.size);
+            seen_ |= 1;
+        } else if (key_ == "modified") {
+            asSigned(entry_.modified);
+            seen_ |= 2;
+        } else if (key_ == "inode") {
+            if (v.isUnsigned)
+                entry_.inode = v.unsignedInteger;
+            else if (v.isInteger && v.integer >= 0)
+                entry_.inode = static_cast<std::uint64_t>(v.integer);
+            else
+                bad_ = true;
+            seen_ |= 4;
+        } else if (key_ == "sample" || key_ == "full") {
+            auto& digest = key_ == "sample" ? entry_.sample : entry_.full;
+            if (v.text) {
+                digest = digestFromHex(*v.text);
+                if (!digest) bad_ = true;
+            } else if (v.isInteger || v.isUnsigned) {
+                bad_ = true;
+            }
+        }
+        return true;
+    }
+
+    std::unordered_map<std::string, Fingerprint>& into_;
+    int depth_ = 0;
+    std::string path_, key_;
+    Fingerprint entry_;
+    unsigned seen_ = 0;
+    bool bad_ = false;
+};
+
+} // namespace
 
 void FingerprintCache::load() {
     if (loaded_) return;
     loaded_ = true;
     if (cacheFile_.empty()) return;
-    auto text = readWholeFile(cacheFile_);
-    if (!text) return;
-    // Unordered on purpose: an ordered object looks keys up one by one and would make reading a large
-    // cache quadratic.
-    auto parsed = nlohmann::json::parse(*text, nullptr, false);
-    if (!parsed.is_object()) return;
-    for (auto& [path, value] : parsed.items()) {
-        try {
-            fingerprints_.emplace(path, value.get<Fingerprint>());
-        } catch (const std::exception&) {
-            changed_ = true; // an entry we cannot read is dropped, and the file rewritten without it
-        }
+    // The shared bounded reader: a link, FIFO or device in its place, or a file past the bound, reads
+    // as an empty cache. The text is then streamed rather than read as a tree (readJson): the tree of
+    // tens of thousands of entries would cost more than the scan it saves.
+    auto text = readKeptFile(cacheFile_, keptFileLargestBytes);
+    if (!text) {
+        if (text.error().what != KeptFileFailure::Case::missing) changed_ = true; // replaced at the next save
+        return;
     }
+    CacheReader reader(fingerprints_);
+    nlohmann::json::sax_parse(*text, &reader);
+    // An entry we cannot read is dropped, and the file rewritten without it.
+    if (reader.dropped) changed_ = true;
 }
 
 const Fingerprint* FingerprintCache::valid(const std::string& path, const FileStatus& status) {
@@ -39,7 +171,9 @@ void FingerprintCache::store(const std::string& path, const FileStatus& status, 
     auto& entry = fingerprints_[path];
     if (!entry.holdsFor(status.size, status.modified, status.number.inode))
         entry = Fingerprint{status.size, status.modified, status.number.inode, std::nullopt, std::nullopt};
-    (mode == HashMode::sample ? entry.sample : entry.full) = digest;
+    auto& kept = mode == HashMode::sample ? entry.sample : entry.full;
+    if (kept == digest) return;
+    kept = digest;
     changed_ = true;
 }
 
@@ -51,12 +185,18 @@ void FingerprintCache::keepOnly(const std::unordered_set<std::string>& paths) {
 
 std::expected<void, std::string> FingerprintCache::save() {
     if (!changed_ || cacheFile_.empty()) return {};
+    // Written by hand: every entry has the same few fields, and a tree of tens of thousands of small
+    // objects costs more to build than the text does.
     std::string text = "{";
-    for (const auto& [path, fingerprint] : fingerprints_) {
+    text.reserve(fingerprints_.size() * 260);
+    for (const auto& [path, f] : fingerprints_) {
         if (text.size() > 1) text += ",\n";
-        text += Json(path).dump(-1, ' ', false, Json::error_handler_t::replace);
-        text += ':';
-        text += Json(fingerprint).dump();
+        text += nlohmann::json(escapeBytes(path)).dump();
+        text += ":{\"size\":" + std::to_string(f.size) + ",\"modified\":" + std::to_string(f.modified) +
+                ",\"inode\":" + std::to_string(f.inode);
+        if (f.sample) text += ",\"sample\":\"" + hexOf(*f.sample) + '"';
+        if (f.full) text += ",\"full\":\"" + hexOf(*f.full) + '"';
+        text += '}';
     }
     text += "}\n";
     auto written = writeFileAtomicallyMakingFolder(cacheFile_, text, 0600);

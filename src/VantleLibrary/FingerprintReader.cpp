@@ -1,6 +1,7 @@
 #include "VantleLibrary/FingerprintReader.h"
 
-#include "Platform/UniqueFd.h"
+#include "Platform/PageCache.h"
+#include "Platform/UserEntryOpen.h"
 
 #include <openssl/evp.h>
 
@@ -85,12 +86,11 @@ FingerprintReader::~FingerprintReader() = default;
 std::expected<Digest, FingerprintReader::Miss>
 FingerprintReader::hash(const std::filesystem::path& path, const Expected& expected, HashMode mode) {
     // Linux has no cloud placeholder files, so there is no download to hold back while reading.
-    // O_NONBLOCK keeps a fifo swapped in under the name from blocking the open; O_NOATIME keeps
-    // hashing from making a file look recently opened, where we own it and may ask for that.
-    int flags = O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK;
-    UniqueFd fd(::open(path.c_str(), flags | O_NOATIME));
-    if (!fd && errno == EPERM) fd.reset(::open(path.c_str(), flags));
-    if (!fd) return std::unexpected(Miss::unopenable);
+    // O_NONBLOCK keeps a fifo swapped in under the name from blocking the open; hashing must not make
+    // a file look recently opened.
+    auto opened = openUserEntry(AT_FDCWD, path.c_str(), O_RDONLY | O_NONBLOCK);
+    if (!opened) return std::unexpected(Miss::unopenable);
+    const auto& fd = *opened;
 
     auto before = fileStatus(fd.get());
     if (!before || !before->isRegular) return std::unexpected(Miss::notRegular);
@@ -99,9 +99,11 @@ FingerprintReader::hash(const std::filesystem::path& path, const Expected& expec
         return std::unexpected(Miss::changedBefore);
 
     std::vector<ByteRange> ranges;
+    ResidentPages resident;
     if (mode == HashMode::sample) {
         ranges = sampleRanges(expected.size);
     } else {
+        resident = ResidentPages::before(fd.get(), expected.size);
         ::posix_fadvise(fd.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
         for (std::int64_t at = 0; at < expected.size; at += fullChunkBytes)
             ranges.push_back({at, std::min(fullChunkBytes, expected.size - at)});
@@ -127,8 +129,9 @@ FingerprintReader::hash(const std::filesystem::path& path, const Expected& expec
         EVP_DigestUpdate(context, buffer_.get(), static_cast<size_t>(length));
         if (afterEachRead_) afterEachRead_(fd.get());
     }
-    // What was read once for hashing is not worth keeping in memory at the cost of other files.
-    if (mode == HashMode::full) ::posix_fadvise(fd.get(), 0, 0, POSIX_FADV_DONTNEED);
+    // What was read once for hashing is not worth keeping in memory at the cost of other files; what
+    // was in memory before stays.
+    if (mode == HashMode::full) resident.releaseNew(fd.get());
     Digest digest{};
     EVP_DigestFinal_ex(context, digest.data(), nullptr);
     if (miss) return std::unexpected(*miss);

@@ -6,15 +6,24 @@ namespace {
 Catalog::Options catalogOptions(const LibraryScope& scope, const Library::Options& o) {
     return {scope, o.useSpotlight, o.queryTimeLimit, o.walkLimit, o.walkTimeLimit, o.walkFreshness, o.now};
 }
+Duplicates::Options duplicateOptions(const Library::Options& o) {
+    Duplicates::Options d;
+    d.cacheFile = o.fingerprintFile.value_or(std::filesystem::path());
+    d.timeLimit = o.duplicateTimeLimit;
+    d.clock = o.now;
+    d.freshness = o.duplicateFreshness;
+    return d;
+}
 } // namespace
 
 Library::Library(LibraryScope scope, Options options)
     : scope_(std::move(scope)), options_(std::move(options)), catalog_(catalogOptions(scope_, options_)),
-      kept_(options_.summaryFile), lists_(scope_.home),
+      kept_(options_.summaryFile), lists_(scope_.home), duplicates_(duplicateOptions(options_)),
       watcher_(ChangeWatcher::Options{scope_.home, options_.changeLatency, options_.changeQuiet,
                                       options_.changeLongestWait, options_.changeCooldown, options_.now},
                [this](const ChangeSignal& signal) {
                    catalog_.noteChanges(std::max<std::int64_t>(signal.changes, 1));
+                   duplicates_.noteChanges();
                }) {}
 
 // The watcher's thread calls into the catalog: it must end before the catalog does.
@@ -40,17 +49,44 @@ LibrarySummary Library::summary(const CancelFlag& cancel, const DiskWalk::Progre
     return summary;
 }
 
-std::vector<FileItem> Library::list(SmartList list, size_t limit, const CancelFlag& cancel,
+DuplicateScan Library::findDuplicates(CancelFlag& cancel,
+                                      const std::function<void(const DuplicateProgress&)>& progress,
+                                      const Catalog::Result* read) {
+    if (auto fresh = duplicates_.fresh()) return *fresh;
+    std::optional<Catalog::Result> own;
+    if (!read) read = &own.emplace(catalog_.read(cancel));
+    auto candidates = Duplicates::candidatesOf(read->snapshot->facts);
+    auto scan = duplicates_.scan(candidates, cancel, progress);
+    // Files the catalog could not see may have copies too.
+    if (auto partial = read->reading.note()) {
+        scan.isComplete = false;
+        scan.note = scan.note ? *scan.note + " " + *partial : *partial;
+    }
+    return scan;
+}
+
+std::optional<DuplicateLook> Library::duplicateLook(CancelFlag& cancel, const Catalog::Result& read) {
+    if (auto fresh = duplicates_.fresh()) return fresh->look();
+    // On demand, a scan costs reading files, which only the user's asking pays for.
+    if (options_.duplicatesOnDemand) return std::nullopt;
+    return findDuplicates(cancel, {}, &read).look();
+}
+
+std::vector<FileItem> Library::list(SmartList list, size_t limit, CancelFlag& cancel,
                                     const DiskWalk::ProgressFn& progress, const DuplicateLook* duplicates) {
-    if (list == SmartList::duplicates)
+    if (list == SmartList::duplicates && duplicates)
         return lists_.items(list, Snapshot{}, options_.now(), limit, duplicates);
     auto result = catalog_.read(cancel, progress);
+    std::optional<DuplicateLook> look;
+    if (list == SmartList::duplicates && (look = duplicateLook(cancel, result))) duplicates = &*look;
     return lists_.items(list, *result.snapshot, options_.now(), limit, duplicates);
 }
 
-std::vector<CleanUpCard> Library::cleanUpCards(const CancelFlag& cancel, const DiskWalk::ProgressFn& progress,
+std::vector<CleanUpCard> Library::cleanUpCards(CancelFlag& cancel, const DiskWalk::ProgressFn& progress,
                                                const DuplicateLook* duplicates) {
     auto result = catalog_.read(cancel, progress);
+    std::optional<DuplicateLook> look;
+    if (!duplicates && (look = duplicateLook(cancel, result))) duplicates = &*look;
     return lists_.cards(*result.snapshot, result.reading, options_.now(), options_.samples, duplicates);
 }
 

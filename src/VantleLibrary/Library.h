@@ -1,11 +1,13 @@
 // The file library: the catalog of the user's files, the summary kept between launches, the smart
-// lists and their clean-up cards, and the change watcher that makes the catalog stale, all set up by
-// one Library::Options. Every public operation may be called from any thread; long ones take a
+// lists and their clean-up cards, the duplicate finder with its fingerprint cache, and the change
+// watcher that makes the catalog and the latest duplicate scan stale, all set up by one
+// Library::Options. Every public operation may be called from any thread; long ones take a
 // cancel flag and a progress callback. Results are values (snapshots are shared and immutable).
 #pragma once
 #include "VantleLibrary/Calendar.h"
 #include "VantleLibrary/Catalog.h"
 #include "VantleLibrary/ChangeWatcher.h"
+#include "VantleLibrary/Duplicates.h"
 #include "VantleLibrary/LibrarySummaryStore.h"
 #include "VantleLibrary/SmartLists.h"
 #include "VantleSpec/LibraryRecords.h"
@@ -65,10 +67,19 @@ class Library {
     // summary that could not be kept says so in its note.
     LibrarySummary summary(const CancelFlag& cancel, const DiskWalk::ProgressFn& progress = {});
 
-    std::vector<FileItem> list(SmartList list, size_t limit, const CancelFlag& cancel,
+    // Copies among the catalog's files: the latest scan while it is fresh (see Duplicates::fresh),
+    // else a new one over the current reading. `read` is that reading when the caller has one.
+    DuplicateScan findDuplicates(CancelFlag& cancel,
+                                 const std::function<void(const DuplicateProgress&)>& progress = {},
+                                 const Catalog::Result* read = nullptr);
+    Duplicates& duplicates() { return duplicates_; }
+
+    // The duplicates list and card use `duplicates` when given. Otherwise they use the latest fresh
+    // scan, and, unless duplicatesOnDemand, scan when there is none.
+    std::vector<FileItem> list(SmartList list, size_t limit, CancelFlag& cancel,
                                const DiskWalk::ProgressFn& progress = {},
                                const DuplicateLook* duplicates = nullptr);
-    std::vector<CleanUpCard> cleanUpCards(const CancelFlag& cancel, const DiskWalk::ProgressFn& progress = {},
+    std::vector<CleanUpCard> cleanUpCards(CancelFlag& cancel, const DiskWalk::ProgressFn& progress = {},
                                           const DuplicateLook* duplicates = nullptr);
 
     // Starts watching the home for changes; each signal makes the catalog stale. False when the
@@ -80,11 +91,15 @@ class Library {
     ChangeWatcher::Status watching() const;
 
   private:
+    // The look the duplicates list and card are made from when the caller gave none.
+    std::optional<DuplicateLook> duplicateLook(CancelFlag& cancel, const Catalog::Result& read);
+
     const LibraryScope scope_;
     const Options options_;
     Catalog catalog_;
     KeptSummary kept_;
     SmartLists lists_;
+    Duplicates duplicates_;
     ChangeWatcher watcher_;
     mutable std::mutex mutex_;
     std::shared_ptr<const Snapshot> keptFrom_; // the snapshot whose summary was kept last

@@ -40,14 +40,16 @@ std::expected<void, Failure> makeFolder(const fs::path& home, const fs::path& fo
     }
     auto root = openFolder(home);
     if (!root) return couldNotMake(folder, root.error());
-    if (auto made = makeFoldersBeneath(root->get(), relative, 0755); !made) return couldNotMake(folder, made.error());
+    if (auto made = makeFoldersBeneath(root->get(), relative, 0755); !made)
+        return couldNotMake(folder, made.error());
     return {};
 }
 
 std::expected<void, Failure> restrictToOwner(const fs::path& folder) {
     auto fd = openFolder(folder);
     if (!fd || ::fchmod(fd->get(), 0700) != 0)
-        return std::unexpected(Failure{Failure::Case::couldNotRestrict, systemErrorText(fd ? errno : fd.error())});
+        return std::unexpected(
+            Failure{Failure::Case::couldNotRestrict, systemErrorText(fd ? errno : fd.error())});
     return {};
 }
 
@@ -98,11 +100,13 @@ std::expected<VantleLite, VantleLite::Failure> VantleLite::make(const Options& o
     // 2. Folders: a sandbox gets the usual places the Home pages show, then the data folder.
     if (live.isSandbox)
         for (auto name : {"Desktop", "Documents", "Downloads"})
-            if (auto made = makeFolder(live.home, live.home / name); !made) return std::unexpected(made.error());
+            if (auto made = makeFolder(live.home, live.home / name); !made)
+                return std::unexpected(made.error());
     if (auto made = makeFolder(live.home, live.support); !made) return std::unexpected(made.error());
 
     // 3. The data folder is the owner's alone.
-    if (auto restricted = restrictToOwner(live.support); !restricted) return std::unexpected(restricted.error());
+    if (auto restricted = restrictToOwner(live.support); !restricted)
+        return std::unexpected(restricted.error());
 
     // 4. Cloud-only files: Linux has no dataless files, so there is no download to stop and no note.
 
@@ -126,10 +130,8 @@ std::expected<VantleLite, VantleLite::Failure> VantleLite::make(const Options& o
         library.duplicatesOnDemand = true;
         library.summaryFile = live.support / "Library" / "summary.json";
         library.fingerprintFile = live.support / "Library" / "fingerprints.json";
-        live.library = std::make_shared<Library>(LibraryScope{live.home, live.profile.applicationFolders}, library);
-        live.duplicates = std::make_shared<Duplicates>(
-            Duplicates::Options{*library.fingerprintFile, library.duplicateTimeLimit, 1, library.now,
-                                library.duplicateFreshness});
+        live.library =
+            std::make_shared<Library>(LibraryScope{live.home, live.profile.applicationFolders}, library);
     }
 
     // 8. The storage services.
@@ -183,7 +185,8 @@ std::expected<VantleLite, VantleLite::Failure> VantleLite::make(const Options& o
             .user = ::geteuid(),
             .apps = ActivityReader::installedApps({"/usr/share/applications", dataHome / "applications"})});
         live.activity = activity;
-        live.vitals = std::make_shared<VitalsSampler>(VitalsSampler::Options{.volume = live.home, .activity = activity});
+        live.vitals = std::make_shared<VitalsSampler>(
+            VitalsSampler::Options{.volume = live.home, .activity = activity});
     }
 
     // 10. The stand-in apps and the machine's controls.

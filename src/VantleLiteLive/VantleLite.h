@@ -6,7 +6,6 @@
 #include "VantleEgress/EgressBroker.h"
 #include "VantleEgress/EgressLedger.h"
 #include "VantleEgress/EgressLedgerReading.h"
-#include "VantleLibrary/Duplicates.h"
 #include "VantleLibrary/Library.h"
 #include "VantleLiteLive/HomeTrash.h"
 #include "VantleLiteLive/LoadBalance.h"
@@ -55,7 +54,8 @@ struct VantleLite {
         Case what;
         std::string sentence;
 
-        static constexpr std::string_view couldNotMakeSentence = "Vantle Lite could not make {folder}: {reason}";
+        static constexpr std::string_view couldNotMakeSentence =
+            "Vantle Lite could not make {folder}: {reason}";
         static constexpr std::string_view title = "Vantle Lite could not start";
     };
 
@@ -67,15 +67,16 @@ struct VantleLite {
     std::filesystem::path support; // the data folder
     bool isSandbox = false;
     PlatformProfile profile;
-    std::shared_ptr<Library> library; // the file library (step 7): catalog, kept summary, smart lists, watcher
-    std::shared_ptr<Duplicates> duplicates; // (step 7) duplicate scans with their fingerprint cache
+    // The file library (step 7): catalog, kept summary, smart lists, duplicate finder, watcher.
+    std::shared_ptr<Library> library;
     // storage: the storage services (step 8)
     std::shared_ptr<StorageScanner> storageScanner; // its report is kept in Library/storage.json
     std::filesystem::path holding;                  // the holding folder: items set aside, never counted
     std::shared_ptr<HoldingShelf> holdingShelf;     // what is held there, kept in Library/holding.json
     std::shared_ptr<StorageCleaner> storageCleaner; // plans and carries out deleting and setting aside
     // vitals, health, checkup, activity: the health services (step 9)
-    std::shared_ptr<HealthRecord> healthRecord;   // Health/record.sqlite in the data folder, opened on first use
+    std::shared_ptr<HealthRecord>
+        healthRecord; // Health/record.sqlite in the data folder, opened on first use
     std::shared_ptr<HealthHistory> healthHistory; // reads healthRecord back for a day, a month or a year
     std::shared_ptr<VitalsReader> vitals;          // this machine's readings, or the sandbox's stand-in
     std::shared_ptr<ActivitySource> activity;      // the process list with processor shares and rates

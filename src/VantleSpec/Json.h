@@ -1,10 +1,12 @@
 // JSON coding for every record: keys are the field names in declaration order (ordered_json), an
 // absent optional is a missing key, dates are ISO 8601 UTC with milliseconds, enumerations are their
-// case names. Records declare their coding with VANTLE_RECORD_JSON and enumerations with
-// VANTLE_ENUM_NAMES beside their definition. Decoding never throws across the interface: decodeJson
+// case names; strings keep their exact bytes through the reversible escape of JsonBytes.h. Records
+// declare their coding with VANTLE_RECORD_JSON and enumerations with VANTLE_ENUM_NAMES beside their
+// definition. Decoding never throws across the interface: decodeJson
 // turns a malformed text into an error value. Every JSON text read from disk goes through readJson,
 // which refuses nesting deeper than jsonDepthLimit without ever building or recursing into it.
 #pragma once
+#include "VantleSpec/JsonBytes.h"
 #include "VantleSpec/Time.h"
 
 #include <nlohmann/json.hpp>
@@ -134,7 +136,7 @@ template <class T> void get(const Json& j, const char* key, T& value) {
 // Encodes a record as compact JSON text (one line), or pretty with `indent` >= 0.
 template <class T> std::string encodeJson(const T& value, int indent = -1) {
     Json j = value;
-    return j.dump(indent, ' ', false, Json::error_handler_t::replace);
+    return dumpEscaped(j, indent);
 }
 
 // Decodes JSON text into a record; a malformed or too deeply nested text, a wrong type, a number
@@ -142,6 +144,7 @@ template <class T> std::string encodeJson(const T& value, int indent = -1) {
 template <class T> std::expected<T, std::string> decodeJson(std::string_view text) {
     auto json = readJson(text);
     if (!json) return std::unexpected(std::move(json.error()));
+    if (mayHoldEscapes(text)) unescapeStrings(*json);
     try {
         return json->template get<T>();
     } catch (const std::exception& e) {

@@ -39,18 +39,24 @@ void CliContext::refuse(const std::string& sentence) {
     exitCode = exitRefused;
 }
 
-void printJson(const Json& value) { std::cout << value.dump(2, ' ', false, Json::error_handler_t::replace) << "\n"; }
+void printJson(const Json& value) {
+    std::cout << dumpEscaped(value, 2) << "\n";
+}
 
 CLI::Option* addJsonFlag(CLI::App* command) {
     static const std::string description = "Print the result as JSON";
     return command->add_flag("--json", description);
 }
 
-bool stderrIsTerminal() { return ::isatty(STDERR_FILENO) == 1; }
+bool stderrIsTerminal() {
+    return ::isatty(STDERR_FILENO) == 1;
+}
 
 ProgressLine::ProgressLine() : enabled_(stderrIsTerminal()) {}
 
-ProgressLine::~ProgressLine() { clear(); }
+ProgressLine::~ProgressLine() {
+    clear();
+}
 
 void ProgressLine::show(const std::string& text) {
     if (!enabled_) return;

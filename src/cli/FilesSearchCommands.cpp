@@ -26,11 +26,6 @@ namespace {
 constexpr std::string_view noWordsSentence =
     "Type what to look for, for example: vantle files search pdfs from last month";
 constexpr std::string_view walkStoppedSentence = "Reading the home folder was stopped; nothing was searched.";
-constexpr std::string_view scanStoppedNote =
-    "The duplicate scan was stopped before it finished; these are the copies found so far.";
-constexpr std::string_view scanTimeLimitNote = "The duplicate scan reached its time limit of {seconds} "
-                                               "seconds; there may be more copies. Run it again to "
-                                               "continue: files already read are not read twice.";
 
 // Shows progress at most ten times a second: a terminal redrawn on every file slows the work down.
 class ThrottledLine {
@@ -221,29 +216,11 @@ void addFilesSearchCommands(CLI::App& files, CliContext& ctx) {
     auto* duplicatesJson = addJsonFlag(duplicates);
     duplicates->callback([&ctx, duplicatesJson] {
         withCatalog(ctx, [&](VantleLite* live, Catalog::Result* read, CancelFlag& cancel) {
-            auto candidates = Duplicates::candidatesOf(read->snapshot->facts);
             ThrottledLine line;
-            auto scan = live->duplicates->scan(candidates, cancel, [&](const DuplicateProgress& p) {
-                line.show([&] { return duplicateProgress(p); });
-            });
+            auto scan = live->library->findDuplicates(
+                cancel, [&](const DuplicateProgress& p) { line.show([&] { return duplicateProgress(p); }); },
+                read);
             line.clear();
-            // Say why the answer may be short; a partial catalog reading limits it too.
-            std::vector<std::string> notes;
-            if (scan.note) notes.push_back(*scan.note);
-            if (!scan.isComplete)
-                notes.push_back(
-                    cancel.isCancelled()
-                        ? std::string(scanStoppedNote)
-                        : fillIn(scanTimeLimitNote,
-                                 {{"seconds",
-                                   std::to_string(live->library->options().duplicateTimeLimit.count())}}));
-            if (auto partial = read->reading.note()) notes.push_back(*partial);
-            if (!notes.empty()) {
-                std::string joined;
-                for (const auto& n : notes)
-                    joined += (joined.empty() ? "" : " ") + n;
-                scan.note = joined;
-            }
             if (*duplicatesJson)
                 printJson(Json(scan));
             else

@@ -6,6 +6,8 @@
 #include <openssl/evp.h>
 
 #include <fcntl.h>
+#include <fstream>
+#include <map>
 #include <set>
 #include <sys/stat.h>
 
@@ -119,9 +121,12 @@ TEST(DuplicateScan, AnUnchangedLibraryIsNotReadAgainEvenAfterARestart) {
     ASSERT_GT(first.bytesRead, 0);
     ASSERT_TRUE(std::filesystem::exists(lib.dir / "Library/fingerprints.json"));
 
+    auto written = std::filesystem::last_write_time(lib.dir / "Library/fingerprints.json");
     auto finder = lib.finder(); // a fresh finder reads the cache file
     auto second = finder.scan(items, cancel);
     EXPECT_EQ(second.bytesRead, 0);
+    EXPECT_EQ(std::filesystem::last_write_time(lib.dir / "Library/fingerprints.json"), written)
+        << "nothing changed, so the cache is not written again";
     EXPECT_EQ(second.groups, first.groups);
     EXPECT_EQ(finder.scan(items, cancel).bytesRead, 0);
 }
@@ -264,13 +269,13 @@ TEST(DuplicateScan, OnlyFilesSharingASizeAreCandidates) {
     EXPECT_EQ(names(Duplicates::candidatesOf(reading, 0)), (std::vector<std::string>{"a", "b", "d", "e"}));
 }
 
-TEST(DuplicateScan, AFileTouchedAfterItsRecordDropsOutOfItsGroup) {
+TEST(DuplicateScan, AFileTouchedAfterItsRecordDropsOutOfItsGroupAndTheScanIsNotComplete) {
     TempDir dir;
     auto content = patterned(50'000, 4);
     dir.write("x1", content);
     dir.write("x2", content);
     auto items = itemsUnder(dir);
-    Duplicates finder({{}, 45s, 1, systemClock()});
+    Duplicates finder({{}, 45s, 1, systemClock(), 60s, 1}); // one thread: "the first file" is well defined
     CancelFlag cancel;
     // After the first file's sample, both files are touched: the one not yet read is refused before
     // it is read, the other before its whole read.
@@ -286,7 +291,10 @@ TEST(DuplicateScan, AFileTouchedAfterItsRecordDropsOutOfItsGroup) {
         }
     });
     ASSERT_TRUE(touched);
-    EXPECT_TRUE(scan.isComplete);
+    EXPECT_FALSE(scan.isComplete) << "a candidate was left out";
+    EXPECT_EQ(scan.missed, 1);
+    ASSERT_TRUE(scan.note);
+    EXPECT_TRUE(scan.note->starts_with("1 files that share a size")) << *scan.note;
     EXPECT_TRUE(scan.groups.empty());
     EXPECT_EQ(scan.bytesRead, sample) << "only the sample made before the touch was read";
     // Read again, they are copies again.
@@ -313,4 +321,55 @@ TEST(DuplicateScan, ALatestScanStandsForANewOneOnlyWhileFreshAndUnchanged) {
     finder.scan(itemsUnder(lib.dir), cancel);
     EXPECT_FALSE(finder.fresh()) << "an incomplete scan stands for nothing";
     EXPECT_TRUE(finder.latest());
+}
+
+TEST(DuplicateScan, LeavesEveryAccessTimeAsItWas) {
+    Library lib;
+    // Ninety days back: on a relatime mount any read of such a file would move it to now.
+    auto old = std::chrono::system_clock::now() - 90 * 24h;
+    timespec times[2] = {{std::chrono::system_clock::to_time_t(old), 123}, {0, UTIME_OMIT}};
+    std::map<std::string, std::int64_t> before;
+    for (const auto& item : itemsUnder(lib.dir)) {
+        ASSERT_EQ(::utimensat(AT_FDCWD, item.path.c_str(), times, 0), 0);
+        struct stat st {};
+        ASSERT_EQ(::stat(item.path.c_str(), &st), 0);
+        before[item.path] = st.st_atim.tv_sec * 1'000'000'000 + st.st_atim.tv_nsec;
+    }
+    CancelFlag cancel;
+    auto scan = lib.finder().scan(itemsUnder(lib.dir), cancel);
+    ASSERT_GT(scan.bytesRead, 0);
+    for (const auto& [path, atime] : before) {
+        struct stat st {};
+        ASSERT_EQ(::stat(path.c_str(), &st), 0);
+        EXPECT_EQ(st.st_atim.tv_sec * 1'000'000'000 + st.st_atim.tv_nsec, atime) << path;
+    }
+}
+
+TEST(DuplicateScan, NamesThatAreNotUtf8AreKnownOnTheSecondScan) {
+    TempDir dir;
+    auto content = patterned(60'000, 9);
+    dir.write("copy \xff", content);
+    const std::string raw1 = (dir.path() / "copy \xff").string();
+    const std::string raw2 =
+        (dir.path() / "r\xe9sum\xe9 \xef\x9f\xbf").string(); // Latin-1, and the escape's own character
+    { std::ofstream(raw2, std::ios::binary) << content; }
+    std::vector<FileItem> items{itemFor(raw1), itemFor(raw2)};
+    auto cacheFile = dir / "Library/fingerprints.json";
+    CancelFlag cancel;
+    auto first = Duplicates({cacheFile, 45s, 1, systemClock()}).scan(items, cancel);
+    ASSERT_EQ(first.groups.size(), 1u);
+    ASSERT_GT(first.bytesRead, 0);
+
+    auto second = Duplicates({cacheFile, 45s, 1, systemClock()}).scan(items, cancel);
+    EXPECT_EQ(second.bytesRead, 0);
+    ASSERT_EQ(second.groups.size(), 1u);
+    std::set<std::string> paths;
+    for (const auto& item : second.groups[0].items)
+        paths.insert(item.path);
+    EXPECT_EQ(paths, (std::set<std::string>{raw1, raw2}));
+
+    // And the scan's JSON gives the same bytes back.
+    auto back = decodeJson<DuplicateScan>(encodeJson(second));
+    ASSERT_TRUE(back) << back.error();
+    EXPECT_EQ(back->groups, second.groups);
 }

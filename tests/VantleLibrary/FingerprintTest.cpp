@@ -7,6 +7,7 @@
 
 #include <fcntl.h>
 #include <string>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -254,4 +255,103 @@ TEST(FingerprintCache, AMissingOrDamagedFileIsAnEmptyCacheAndBadEntriesAreDroppe
     FingerprintCache blocked(dir / "a" / "fingerprints.json"); // "a" is a file, not a folder
     blocked.store("/x", status, HashMode::full, sha256("x"));
     EXPECT_FALSE(blocked.save());
+}
+
+TEST(FingerprintCache, HostileFilesReadAsWhatCanBeSavedFromThem) {
+    TempDir dir;
+    auto entry = [](int inode) {
+        return R"({"size":1,"modified":2,"inode":)" + std::to_string(inode) + R"(,"full":")" +
+               hexOf(sha256("x")) + "\"}";
+    };
+    // Torn after one whole entry: that entry is kept.
+    dir.write("torn.json", R"({"/a":)" + entry(3) + R"(,"/b":{"size":1,"modif)");
+    FingerprintCache torn(dir / "torn.json");
+    torn.load();
+    EXPECT_EQ(torn.size(), 1u);
+
+    // Nested a hundred thousand deep inside one entry: no crash, nothing kept from it.
+    std::string deep = R"({"/a":)" + entry(3) + R"(,"/deep":{"size":)" + std::string(100'000, '[') +
+                       std::string(100'000, ']') + "}}";
+    dir.write("deep.json", deep);
+    FingerprintCache nested(dir / "deep.json");
+    nested.load();
+    EXPECT_EQ(nested.size(), 1u);
+
+    // A field nested one level too far, and numbers that do not fit, drop their entry only.
+    dir.write(
+        "odd.json",
+        R"({"/x":{"size":1,"modified":2,"inode":3,"full":{"a":1}},"/y":{"size":1.5,"modified":2,"inode":3},"/z":{"size":1,"modified":2,"inode":-4},"/a":)" +
+            entry(3) + "}");
+    FingerprintCache odd(dir / "odd.json");
+    odd.load();
+    EXPECT_EQ(odd.size(), 1u);
+
+    dir.write("array.json", "[1,2,3]");
+    FingerprintCache array(dir / "array.json");
+    array.load();
+    EXPECT_EQ(array.size(), 0u);
+}
+
+TEST(FingerprintCache, ANameThatIsNotUtf8IsFoundUnderItsOwnBytes) {
+    TempDir dir;
+    auto file = dir.write("caf\xe9 \xff.bin", "contents");
+    auto status = *fileStatus(file);
+    FingerprintCache cache(dir / "fingerprints.json");
+    cache.store(file, status, HashMode::full, sha256("contents"));
+    ASSERT_TRUE(cache.save());
+    auto text = vantle::testing::readFile(dir / "fingerprints.json");
+    EXPECT_FALSE(text.contains("\xef\xbf\xbd")) << "no replacement character: the name must survive";
+
+    FingerprintCache reread(dir / "fingerprints.json");
+    reread.load();
+    EXPECT_TRUE(reread.valid(file, status));
+    EXPECT_FALSE(reread.valid(dir / "caf\xef\xbf\xbd \xef\xbf\xbd.bin", status));
+}
+
+TEST(FingerprintReader, AWholeReadLetsGoOnlyOfThePagesItBroughtIn) {
+    TempDir dir;
+    auto file = dir.write("big.bin", patterned(4 << 20, 5));
+    auto residentPages = [&] {
+        int fd = ::open(file.c_str(), O_RDONLY);
+        void* map = ::mmap(nullptr, 4 << 20, PROT_READ, MAP_SHARED, fd, 0);
+        std::vector<unsigned char> pages((4 << 20) / ::sysconf(_SC_PAGESIZE));
+        ::mincore(map, 4 << 20, pages.data());
+        ::munmap(map, 4 << 20);
+        ::close(fd);
+        size_t n = 0;
+        for (auto p : pages)
+            n += p & 1;
+        return n;
+    };
+    auto drop = [&] {
+        int fd = ::open(file.c_str(), O_RDONLY);
+        ::fdatasync(fd);
+        ::posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
+        ::close(fd);
+    };
+    drop();
+    if (residentPages() != 0) GTEST_SKIP() << "this file system keeps every page in memory (tmpfs?)";
+
+    FingerprintReader reader(systemClock(), farFuture);
+    ASSERT_TRUE(reader.hash(file, expectedOf(file), HashMode::full));
+    EXPECT_EQ(residentPages(), 0u) << "a cold file is read without being kept";
+
+    // Half warm: another program read the first half; that half stays, the rest goes.
+    {
+        std::string half(2 << 20, '\0');
+        int fd = ::open(file.c_str(), O_RDONLY);
+        ASSERT_EQ(::pread(fd, half.data(), half.size(), 0), static_cast<ssize_t>(half.size()));
+        ::close(fd);
+    }
+    auto halfWarm = residentPages();
+    ASSERT_GT(halfWarm, 0u);
+    ASSERT_TRUE(reader.hash(file, expectedOf(file), HashMode::full));
+    EXPECT_EQ(residentPages(), halfWarm);
+
+    // Warm: all of it was read before; it stays in memory after the hash.
+    ASSERT_GT(vantle::testing::readFile(file).size(), 0u);
+    auto warm = residentPages();
+    ASSERT_GT(warm, 0u);
+    ASSERT_TRUE(reader.hash(file, expectedOf(file), HashMode::full));
+    EXPECT_EQ(residentPages(), warm);
 }
