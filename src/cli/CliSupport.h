@@ -41,6 +41,9 @@ void printJson(const Json& value);
 CLI::Option* addJsonFlag(CLI::App* command);
 bool stderrIsTerminal();
 
+// A count the user gives (--limit): a whole number from 1 to `most`, refused in one short sentence.
+CLI::Validator countFromOneTo(int most);
+
 // A single progress line on stderr, rewritten in place; silent when stderr is not a terminal.
 class ProgressLine {
   public:
