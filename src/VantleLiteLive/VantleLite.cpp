@@ -108,6 +108,30 @@ std::expected<fs::path, Failure> makeDataFolder(const fs::path& support, MadeFol
     return resolvedParent / name;
 }
 
+// A sandbox keeps the layout it has everywhere; a real Linux run keeps the freedesktop Trash (so the
+// file manager shows and restores what moved), guards the XDG places where apps keep their files as
+// it guards Library, and turns XDG autostart entries off and on.
+void wireTrashAndStartup(VantleLite& live) {
+    HomeTrash::Options trash{
+        .home = live.home, .appFolders = live.profile.applicationFolders, .place = live.profile.trashFolder};
+    StartupItems::Options startup{.agents = live.profile.launchAgentsFolder,
+                                  .turnedOff = live.support / "Turned Off"};
+    if (live.isSandbox) {
+        std::weak_ptr<StandInMac> mac = live.mac;
+        trash.recordMove = [mac](const fs::path& item) {
+            if (auto m = mac.lock()) m->moveToTrash(item);
+        };
+    } else {
+        trash.layout = HomeTrash::Layout::freedesktop;
+        trash.libraryFolders = {"Library", ".config", ".local", ".cache"};
+        trash.standardFolders.insert(trash.standardFolders.end(), {"Videos", "Public", "Templates"});
+        startup.extension = ".desktop";
+        startup.serviceFolders = {live.profile.launchAgentsFolder.parent_path() / "systemd" / "user"};
+    }
+    live.trash = std::make_shared<HomeTrash>(std::move(trash));
+    live.startup = std::make_shared<StartupItems>(std::move(startup));
+}
+
 } // namespace
 
 std::expected<VantleLite, VantleLite::Failure> VantleLite::make(const Options& options) {
@@ -166,7 +190,8 @@ std::expected<VantleLite, VantleLite::Failure> VantleLite::make(const Options& o
     }
     live.offline = options.offline || !live.ledgerWriter;
 
-    // 6. The egress broker over the ledger (when not offline) comes with the network road.
+    // 6. The network road: the egress broker over the ledger, with the fixed limits.
+    if (!live.offline) live.broker = std::make_shared<EgressBroker>(live.ledgerWriter, EgressBroker::Options{});
 
     // 7. The file library. Linux has no metadata index: the catalog walks the disk.
     {
@@ -184,11 +209,24 @@ std::expected<VantleLite, VantleLite::Failure> VantleLite::make(const Options& o
 
     // 8. The storage services.
     {
+        live.holding = live.support / "Holding";
+        live.holdingShelf = std::make_shared<HoldingShelf>(
+            live.home, live.holding, live.support / "Library" / "holding.json", RuleTable::shared());
         StorageScanner::Options storage;
         // A sandbox stands in for the whole machine, so the real machine's system areas are not its own.
         if (live.isSandbox) storage.systemRoot.reset();
+        // A held item is named after the place the shelf says it was taken from.
+        storage.formerPlace = [shelf = std::weak_ptr<HoldingShelf>(live.holdingShelf)](
+                                  std::string_view slot) -> std::optional<std::vector<std::string>> {
+            if (auto held = shelf.lock())
+                for (const auto& entry : held->entries())
+                    if (entry.slot == slot) return entry.parts;
+            return std::nullopt;
+        };
         live.storageScanner = std::make_shared<StorageScanner>(std::move(storage));
-        live.holding = live.support / "Holding";
+        // Running programs are read from this machine's process table, in a sandbox too: a real
+        // program holding a sandbox file open is as much in the way as anywhere else.
+        live.storageCleaner = std::make_shared<StorageCleaner>(live.home, StorageCleaner::Options{});
     }
 
     // 9. The health services. In a sandbox the process list is the stand-in's.
@@ -233,13 +271,52 @@ std::expected<VantleLite, VantleLite::Failure> VantleLite::make(const Options& o
         live.mac = std::make_shared<StandInMac>(live.support);
         for (const auto& note : {live.standInApps->note(), live.mac->note()})
             if (note) live.notes.push_back(*note);
+        live.machine = std::make_shared<StandInMachine>(live.mac);
+    } else {
+        live.machine = std::make_shared<SessionMachine>(processEnvironment());
+    }
+    // The opener shows what the Home pages show: the home's files and the installed apps. Offline it
+    // hands nothing over that would reach the network; in a sandbox the stand-in apps record it all.
+    {
+        Opener::Options opener;
+        opener.workspace = makeDesktopWorkspace(live.profile.applicationFolders);
+        opener.places = {live.home};
+        opener.places.insert(opener.places.end(), live.profile.applicationFolders.begin(),
+                             live.profile.applicationFolders.end());
+        opener.appFolders = live.profile.applicationFolders;
+        if (!live.offline) opener.ledger = live.ledgerWriter;
+        opener.fence = live.standInApps;
+        live.opener = std::make_shared<Opener>(std::move(opener));
     }
 
     // 11. The home trash and startup items.
+    wireTrashAndStartup(live);
 
-    // 12. The updater.
+    // 12. The updater, over the same ledger: the feed through the network road, the download through
+    // a second broker whose only difference is room (and time) for a whole update archive.
+    {
+        AppUpdater::Options updates;
+        updates.source = options.updates;
+        updates.folder = live.support / "Updates";
+        updates.build = VANTLE_VERSION; // Linux has no bundle; the build is the project's version
+        if (live.broker) {
+            updates.feedBroker = live.broker;
+            EgressBroker::Options download;
+            download.limits.maximumResponseBytes = AppUpdater::maximumUpdateBytes;
+            download.limits.timeout = std::chrono::minutes(10);
+            updates.downloadBroker = std::make_shared<EgressBroker>(live.ledgerWriter, std::move(download));
+        }
+        live.updater = std::make_shared<AppUpdater>(std::move(updates));
+    }
 
-    // 13. The stand-in load balancing.
+    // 13. The stand-in load balancing; a real run moves this user's processes itself.
+    if (live.isSandbox) {
+        auto balance = std::make_shared<StandInBalance>(live.support);
+        if (auto note = balance->note()) live.notes.push_back(*note);
+        live.balance = std::move(balance);
+    } else
+        live.balance = std::make_shared<LinuxProcessControls>(
+            LinuxProcessControls::Options{.user = ::geteuid(), .efficiencyCores = efficiencyCores()});
 
     return live;
 }

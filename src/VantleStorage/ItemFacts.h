@@ -33,10 +33,11 @@ struct ItemFacts {
     bool wasInspected = false;             // the scan looked inside (false for links, other disks)
     std::optional<TimePoint> opened;       // last access
     bool isEncryptedImage = false;         // a disk image whose contents are encrypted
+    std::optional<TimePoint> born;         // when it came to be, where the file system keeps it
     bool operator==(const ItemFacts&) const = default;
 };
 VANTLE_RECORD_JSON(ItemFacts, kind, identity, tally, modified, added, ownersRecord, wasInspected, opened,
-                   isEncryptedImage)
+                   isEncryptedImage, born)
 
 } // namespace vantle
 

@@ -1,5 +1,7 @@
 #include "VantleStorage/ItemSearch.h"
 
+#include "Platform/UserEntryOpen.h"
+
 #include "Platform/DirectoryReader.h"
 #include "Platform/SystemError.h"
 #include "VantleSpec/CancelFlag.h"
@@ -60,8 +62,7 @@ bool ItemSearch::run(std::shared_ptr<const UniqueFd> anchorFd, const std::filesy
                 if (!step.rule) mountPoints_.push_back(path);
                 continue;
             }
-            int fd = ::openat(folder.fd->get(), entry.name.data(),
-                              O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+            int fd = openatNoAtime(folder.fd->get(), entry.name.data(), O_RDONLY | O_DIRECTORY);
             if (fd < 0) {
                 if (errno != ENOENT) noteGap(path, errno);
                 continue;

@@ -1,11 +1,16 @@
 #include "VantleStorage/OwnersRecord.h"
 
-#include "Platform/AtomicFile.h"
 #include "Platform/UniqueFd.h"
+#include "Platform/UserEntryOpen.h"
+
+#include <cerrno>
+#include <cstdint>
 
 #include <fcntl.h>
 #include <memory>
 #include <plist/plist.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace vantle {
 
@@ -21,15 +26,29 @@ struct PlistFree {
 } // namespace
 
 std::optional<TimePoint> xcodeLastAccessed(int parentFd, const std::string& name) {
-    UniqueFd folder(::openat(parentFd, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    // Reading Xcode's record is not the user opening the project: neither access time may move.
+    UniqueFd folder(openatNoAtime(parentFd, name.c_str(), O_RDONLY | O_DIRECTORY));
     if (!folder) return std::nullopt;
-    UniqueFd file(
-        ::openat(folder.get(), "info.plist", O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    auto file = openUserEntry(folder.get(), "info.plist", O_RDONLY | O_NONBLOCK | O_NOCTTY);
     if (!file) return std::nullopt;
-    auto text = readWholeFd(file.get());
-    if (!text || text->empty() || text->size() > largestRecord) return std::nullopt;
+    // Only a regular file of a sensible size is read at all: a device or a huge sparse file in its
+    // place must not be read whole.
+    struct stat st {};
+    if (::fstat(file->get(), &st) != 0 || !S_ISREG(st.st_mode) || st.st_size <= 0 ||
+        static_cast<std::uint64_t>(st.st_size) > largestRecord)
+        return std::nullopt;
+    std::string text(static_cast<std::size_t>(st.st_size), '\0');
+    std::size_t filled = 0;
+    while (filled < text.size()) {
+        auto got = ::read(file->get(), text.data() + filled, text.size() - filled);
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) break;
+        filled += static_cast<std::size_t>(got);
+    }
+    text.resize(filled);
+    if (text.empty()) return std::nullopt;
     plist_t parsed = nullptr;
-    plist_from_memory(text->data(), static_cast<uint32_t>(text->size()), &parsed);
+    plist_from_memory(text.data(), static_cast<uint32_t>(text.size()), &parsed);
     std::unique_ptr<void, PlistFree> root(parsed);
     if (!root || plist_get_node_type(root.get()) != PLIST_DICT) return std::nullopt;
     plist_t date = plist_dict_get_item(root.get(), "LastAccessedDate");

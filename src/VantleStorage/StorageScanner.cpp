@@ -6,6 +6,7 @@
 #include "Platform/OpenFileLimit.h"
 #include "Platform/SharedExtents.h"
 #include "Platform/SystemError.h"
+#include "Platform/UserEntryOpen.h"
 #include "VantleSpec/Sentence.h"
 #include "VantleStorage/ItemId.h"
 #include "VantleStorage/ItemSearch.h"
@@ -18,6 +19,7 @@
 #include <cerrno>
 #include <condition_variable>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
 #include <unordered_set>
@@ -52,12 +54,25 @@ bool endsWithFolded(std::string_view name, std::string_view suffix) {
 // An encrypted disk image begins with "encrcdsa" (version 2) or ends with "cdsaencr" (version 1).
 bool isEncryptedImage(int dirFd, const std::string& name, std::uint64_t size) {
     if (!endsWithFolded(name, ".dmg") && !endsWithFolded(name, ".sparseimage")) return false;
-    UniqueFd fd(::openat(dirFd, name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-    if (!fd || size < 8) return false;
+    if (size < 8) return false;
+    // Looking at the header must not count as opening the image: Old Installers judge by access time.
+    auto fd = openUserEntry(dirFd, name.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY);
+    if (!fd) return false;
+    struct stat st {};
+    if (::fstat(fd->get(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
     char head[8];
-    if (::pread(fd.get(), head, 8, 0) == 8 && std::string_view(head, 8) == "encrcdsa") return true;
-    return ::pread(fd.get(), head, 8, static_cast<off_t>(size - 8)) == 8 &&
+    if (::pread(fd->get(), head, 8, 0) == 8 && std::string_view(head, 8) == "encrcdsa") return true;
+    return ::pread(fd->get(), head, 8, static_cast<off_t>(size - 8)) == 8 &&
            std::string_view(head, 8) == "cdsaencr";
+}
+
+// A folder of the user's opened for listing: listing must not move its access time either.
+std::expected<UniqueFd, int> openForListing(const std::filesystem::path& folder) {
+    auto opened = openFolder(folder);
+    if (!opened) return opened;
+    int fd = openatNoAtime(opened->get(), ".", O_RDONLY | O_DIRECTORY);
+    if (fd < 0) return std::unexpected(errno);
+    return UniqueFd(fd);
 }
 
 std::vector<std::string> componentsOf(const std::filesystem::path& relative) {
@@ -99,7 +114,7 @@ class ScanJob {
     }
 
     std::expected<StorageScan, StorageScanError> run(const std::optional<std::filesystem::path>& holding) {
-        auto homeFd = openFolder(home_);
+        auto homeFd = openForListing(home_);
         if (!homeFd) return std::unexpected(StorageScanError::homeUnreadable(home_));
         auto homeShared = std::make_shared<const UniqueFd>(std::move(*homeFd));
         if (holding) openHolding(homeShared->get(), *holding);
@@ -109,7 +124,7 @@ class ScanJob {
             return std::unexpected(StorageScanError::homeUnreadable(home_));
         if (options_.systemRoot && selection_.touches(Anchor::system) && !cancel_.isCancelled()) {
             result_.systemRoot = options_.systemRoot->string();
-            if (auto rootFd = openFolder(*options_.systemRoot))
+            if (auto rootFd = openForListing(*options_.systemRoot))
                 searchAnchor(Anchor::system, std::make_shared<const UniqueFd>(std::move(*rootFd)),
                              *options_.systemRoot);
             else
@@ -154,7 +169,8 @@ class ScanJob {
         holding_ = holding;
         auto relative = insideHome(home_, holding);
         if (relative) holdingParts_ = componentsOf(*relative);
-        auto opened = relative ? openBeneath(homeFd, *relative, O_RDONLY | O_DIRECTORY) : openFolder(holding);
+        auto opened =
+            relative ? openBeneath(homeFd, *relative, O_RDONLY | O_DIRECTORY) : openForListing(holding);
         if (!opened) {
             if (opened.error() != ENOENT) noteGap(holding, opened.error());
             return;
@@ -284,6 +300,18 @@ class ScanJob {
             if (x.found.ruleIndex != y.found.ruleIndex) return x.found.ruleIndex < y.found.ruleIndex;
             return x.found.path < y.found.path;
         });
+        // Files all of whose names lie inside one item, or inside items of one category freed
+        // together, are freed with them: reclaimable, not pinned.
+        std::vector<std::int64_t> unpinned(candidates_.size(), 0);
+        auto freedTogether = [&](std::size_t a, std::size_t b) {
+            const auto& x = candidates_[a];
+            const auto& y = candidates_[b];
+            return !x.held && !y.held && x.found.ruleIndex == y.found.ruleIndex &&
+                   table_[x.found.ruleIndex].method == FreeMethod::remove &&
+                   table_[x.found.ruleIndex].letsSystemFree();
+        };
+        for (const auto& [item, bytes] : ledger_.wholeHardLinks(freedTogether))
+            unpinned[item] += bytes;
         std::unordered_set<std::string> usedIds;
         for (std::size_t i : order) {
             auto& c = candidates_[i];
@@ -305,8 +333,11 @@ class ScanJob {
             facts.tally = std::move(c.settled);
             for (auto& sizer : sizers_)
                 facts.tally.join(sizer.tallies()[i]);
+            facts.tally.pinnedBytes -= unpinned[i];
+            facts.tally.reclaimableBytes += unpinned[i];
             facts.modified = st.modified;
             facts.added = st.born.value_or(st.changed);
+            facts.born = st.born;
             facts.opened = st.accessed;
             facts.wasInspected = c.inspected;
             int parentFd = c.found.parent->get();

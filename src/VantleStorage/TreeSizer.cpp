@@ -2,6 +2,7 @@
 
 #include "Platform/DirectoryReader.h"
 #include "Platform/SharedExtents.h"
+#include "Platform/UserEntryOpen.h"
 
 #include <algorithm>
 #include <array>
@@ -95,7 +96,9 @@ void TreeSizer::countEntry(std::size_t item, int dirFd, const char* name, const 
         tally.keepsakes.push_back(full.size() > target.anchorPathLength ? full.substr(target.anchorPathLength)
                                                                         : full);
     }
-    if (status.links > 1 && !ledger_.firstHardLink({status.device, status.inode})) return;
+    if (status.links > 1 && !ledger_.noteHardLink({status.device, status.inode}, item, status.links,
+                                                  static_cast<std::int64_t>(status.allocatedBytes)))
+        return;
     tally.logicalBytes += static_cast<std::int64_t>(status.sizeBytes);
 
     auto allocated = static_cast<std::int64_t>(status.allocatedBytes);
@@ -105,9 +108,11 @@ void TreeSizer::countEntry(std::size_t item, int dirFd, const char* name, const 
         // Another name for the same blocks may stay behind, so deleting this one need not free them.
         pinned = allocated;
     } else if (target.sharesBlocks && allocated > 0 && status.type == EntryStatus::Type::file) {
-        UniqueFd file(::openat(dirFd, name, O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+        // Reading extents does not touch the access time, but opening must not either on file systems
+        // that count an open as a use.
+        auto file = openUserEntry(dirFd, name, O_RDONLY | O_NONBLOCK | O_NOCTTY);
         if (file) {
-            if (auto extents = sharedExtents(file.get())) {
+            if (auto extents = sharedExtents(file->get())) {
                 for (const auto& extent : *extents) {
                     auto length = static_cast<std::int64_t>(extent.lengthBytes);
                     // Blocks a clone shares are on disk once: the first copy met carries them, and
@@ -130,7 +135,7 @@ void TreeSizer::countEntry(std::size_t item, int dirFd, const char* name, const 
 void TreeSizer::walkFolder(SizingTask& task, std::deque<SizingTask>& pending) {
     Tally& tally = tallies_[task.item];
     const SizingTarget& target = targets_[task.item];
-    int fd = ::openat(task.parent->get(), task.name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    int fd = openatNoAtime(task.parent->get(), task.name.c_str(), O_RDONLY | O_DIRECTORY);
     if (fd < 0) {
         // Gone since its parent was read: nothing left to count.
         if (errno != ENOENT) tally.noteRefused(errno, task.path);

@@ -1,10 +1,30 @@
 #include "Vantle_Lite/LiteProduct.h"
 
+#include "Platform/EntryMove.h"
+#include "Platform/ProcessScheduling.h"
+#include "Platform/SystemError.h"
+#include "VantleSpec/ByteCount.h"
+#include "VantleSpec/Sentence.h"
+
+#include <thread>
+
 namespace vantle {
 
 std::shared_ptr<LiteProduct> LiteProduct::make(VantleLite live) {
     auto settings = std::make_unique<FileSettingsStore>(live.support / "Library" / "home.json");
     auto product = std::make_shared<LiteProduct>(std::move(live), std::move(settings));
+    if (!product->live().processes)
+        product->quitter = [](int pid) -> std::expected<void, std::string> {
+            if (auto asked = askToQuit(pid); !asked)
+                return std::unexpected("The app could not be asked to quit: " +
+                                       systemErrorText(asked.error()));
+            // Asked as its own Quit would; it may stay open to ask about unsaved work.
+            for (int i = 0; i < 100 && processRuns(pid); ++i)
+                std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            if (processRuns(pid))
+                return std::unexpected(std::string("It is still open: it may be asking about unsaved work."));
+            return {};
+        };
     product->recording_ = product->settings().boolean(std::string(HealthRecorder::settingsKey)).value_or(false);
     return product;
 }
@@ -21,6 +41,171 @@ void LiteProduct::startHealthRecorder() {
         live_.healthRecord, [vitals]() -> std::optional<VitalsSnapshot> { return vitals->sample(); },
         [this] { return recording_.load(); });
     recorder_->start();
+}
+
+namespace {
+std::string count(std::size_t n) {
+    return std::to_string(n);
+}
+} // namespace
+
+int LiteProduct::addListener(std::function<void()> listener) {
+    listeners_.emplace(++nextListener_, std::move(listener));
+    return nextListener_;
+}
+
+void LiteProduct::removeListener(int token) {
+    listeners_.erase(token);
+}
+
+void LiteProduct::notify() {
+    // A listener may remove itself while being told; walk a copy.
+    auto listeners = listeners_;
+    for (auto& [token, listener] : listeners)
+        listener();
+}
+
+ResultLine LiteProduct::finish(ResultLine line) {
+    result_ = line;
+    notify();
+    return line;
+}
+
+std::string LiteProduct::startupName(const std::filesystem::path& agent) {
+    return agent.stem().string();
+}
+
+std::optional<ResultLine> LiteProduct::askToTrash(const std::vector<std::filesystem::path>& files) {
+    std::vector<std::filesystem::path> admitted;
+    for (const auto& file : files)
+        if (!live_.trash->refusal(file)) admitted.push_back(file);
+    if (admitted.empty()) return finish({std::string(LiteSentences::nothingToDelete), "lock"});
+
+    Confirmation question;
+    question.title = admitted.size() == 1
+                         ? fillIn(LiteSentences::trashOne, {{"name", admitted[0].filename().string()}})
+                         : fillIn(LiteSentences::trashMany, {{"count", count(admitted.size())}});
+    std::uint64_t bytes = 0;
+    for (std::size_t i = 0; i < admitted.size(); ++i) {
+        bytes += HomeTrash::bytesOf(admitted[i]);
+        if (i < namesListed) question.message += (i ? ", " : "") + admitted[i].filename().string();
+    }
+    if (admitted.size() > namesListed)
+        question.message += " and " + count(admitted.size() - namesListed) + " more";
+    question.message += " (" + fileBytes(std::int64_t(bytes)) + std::string(LiteSentences::trashMessageEnd);
+    question.confirm = LiteSentences::trashConfirm;
+    // Everything asked about goes to the home trash, which checks each item again when it moves.
+    question.act = [this, files] { return trashNow(files); };
+    question.cancelled = [] { return ResultLine{std::string(LiteSentences::nothingMoved), "info.circle"}; };
+    confirmation_ = std::move(question);
+    notify();
+    return std::nullopt;
+}
+
+ResultLine LiteProduct::trashNow(const std::vector<std::filesystem::path>& files) {
+    auto receipt = live_.trash->trash(files);
+    lastReceipt_ = receipt;
+    if (receipt.moved.empty()) return {std::string(LiteSentences::nothingMoved), "info.circle"};
+    Undoable::Trash undo{receipt.id, {}};
+    for (const auto& moved : receipt.moved)
+        undo.moved.push_back(moved.from);
+    undoable_ = Undoable{std::move(undo)};
+    auto n = receipt.moved.size();
+    return {n == 1 ? std::string(LiteSentences::movedOne)
+                   : fillIn(LiteSentences::movedMany, {{"count", count(n)}}),
+            "trash"};
+}
+
+std::optional<ResultLine> LiteProduct::askToTurnOff(const std::filesystem::path& agent) {
+    auto name = startupName(agent);
+    Confirmation question;
+    question.title = fillIn(LiteSentences::turnOffTitle, {{"name", name}});
+    question.message = LiteSentences::turnOffMessage;
+    question.confirm = LiteSentences::turnOffConfirm;
+    question.act = [this, agent, name]() -> ResultLine {
+        auto held = live_.startup->turnOff(agent);
+        if (!held) return {held.error(), "exclamationmark.circle"};
+        undoable_ = Undoable{Undoable::Startup{name, *held, canonicalForm(agent)}};
+        return {fillIn(LiteSentences::turnedOff, {{"name", name}}), "power"};
+    };
+    question.cancelled = [name] {
+        return ResultLine{fillIn("{name} stays on", {{"name", name}}), "info.circle"};
+    };
+    confirmation_ = std::move(question);
+    notify();
+    return std::nullopt;
+}
+
+void LiteProduct::askToRestart() {
+    Confirmation question;
+    question.title = LiteSentences::restartTitle;
+    question.message = LiteSentences::restartMessage;
+    question.confirm = LiteSentences::restartConfirm;
+    question.act = [this]() -> ResultLine {
+        auto asked = live_.machine->restart();
+        if (!asked) return {asked.error(), "exclamationmark.circle"};
+        return {std::string(live_.machine->isStandIn() ? LiteSentences::restartStandIn
+                                                       : LiteSentences::restartAsked),
+                "restart"};
+    };
+    question.cancelled = [] {
+        return ResultLine{std::string(LiteSentences::restartCancelled), "info.circle"};
+    };
+    confirmation_ = std::move(question);
+    notify();
+}
+
+std::optional<ResultLine> LiteProduct::answer(bool yes) {
+    if (!confirmation_) return std::nullopt;
+    // Cleared before acting, so a listener told of the result never sees the old question.
+    auto question = std::move(*confirmation_);
+    confirmation_.reset();
+    return finish(yes ? question.act() : question.cancelled());
+}
+
+ResultLine LiteProduct::quitApp(int pid, const std::string& name) {
+    if (live_.processes) {
+        if (live_.processes->quit(pid) == QuitOutcome::quit)
+            return finish({fillIn(LiteSentences::quitDone, {{"name", name}}), "info.circle"});
+        return finish({fillIn("{name} did not quit: it may be asking about unsaved work.", {{"name", name}}),
+                       "exclamationmark.circle"});
+    }
+    if (!quitter)
+        return finish(
+            {fillIn("{name} could not be asked to quit.", {{"name", name}}), "exclamationmark.circle"});
+    auto quit = quitter(pid);
+    if (!quit) return finish({quit.error(), "exclamationmark.circle"});
+    return finish({fillIn(LiteSentences::quitDone, {{"name", name}}), "info.circle"});
+}
+
+ResultLine LiteProduct::showInFileManager(const std::filesystem::path& item) {
+    if (live_.standInApps) {
+        live_.standInApps->reveal(item);
+        return finish({std::string(LiteSentences::shownStandIn), "folder"});
+    }
+    if (!revealer)
+        return finish({"Vantle Lite cannot show items in the file manager here.", "exclamationmark.circle"});
+    auto shown = revealer(item);
+    if (!shown) return finish({shown.error(), "exclamationmark.circle"});
+    return finish({std::string(LiteSentences::shown), "folder"});
+}
+
+std::optional<ResultLine> LiteProduct::undoLast() {
+    if (!undoable_) return std::nullopt;
+    auto undo = std::move(*undoable_);
+    undoable_.reset();
+    if (auto* trash = std::get_if<Undoable::Trash>(&undo.what)) {
+        auto back = live_.trash->putBack(trash->receipt);
+        if (back.empty())
+            return finish({std::string(LiteSentences::nothingPutBack), "exclamationmark.circle"});
+        return finish({back.size() == 1 ? std::string(LiteSentences::putBackOne)
+                                        : fillIn(LiteSentences::putBackMany, {{"count", count(back.size())}}),
+                       "arrow.uturn.backward"});
+    }
+    auto& startup = std::get<Undoable::Startup>(undo.what);
+    if (live_.startup->turnBackOn(startup.held, startup.former))
+        return finish({fillIn(LiteSentences::backOn, {{"name", startup.name}}), "arrow.uturn.backward"});
+    return finish({fillIn(LiteSentences::notBackOn, {{"name", startup.name}}), "exclamationmark.circle"});
 }
 
 } // namespace vantle

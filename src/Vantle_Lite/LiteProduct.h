@@ -1,12 +1,19 @@
 // The product model every page, the menu and the menu bar panel read and act through: the live
-// services and the user's settings. Made once when start-up succeeds. Used from the main thread.
+// services, the user's settings, the question being asked, and the last action Undo can put back.
+// Listeners are told of every change. Made once when start-up succeeds. Used from the main thread;
+// the services it calls are actors of their own.
 #pragma once
 #include "VantleLiteLive/VantleLite.h"
 #include "VantleVitals/HealthRecorder.h"
+#include "Vantle_Lite/LiteActions.h"
 #include "Vantle_Lite/SettingsStore.h"
 
 #include <atomic>
+#include <expected>
+#include <functional>
+#include <map>
 #include <memory>
+#include <optional>
 
 namespace vantle {
 
@@ -39,12 +46,57 @@ class LiteProduct {
     // for as long as it runs. Stopped (with the open minute written) when the product goes away.
     void startHealthRecorder();
 
+    // Listeners are told after the question, the undoable action or the result line changed.
+    int addListener(std::function<void()> listener);
+    void removeListener(int token);
+
+    // Each action that changes something asks first: it sets `confirmation` and answers none, or
+    // answers its result line at once when there is nothing to ask about.
+    std::optional<ResultLine> askToTrash(const std::vector<std::filesystem::path>& files);
+    std::optional<ResultLine> askToTurnOff(const std::filesystem::path& agent);
+    void askToRestart();
+    // Runs (yes) or cancels (no) the question being asked and clears it; none when nothing is asked.
+    std::optional<ResultLine> answer(bool yes);
+    const std::optional<Confirmation>& confirmation() const { return confirmation_; }
+
+    // Quitting an app asks as the panel does; this is the act after the yes.
+    ResultLine quitApp(int pid, const std::string& name);
+    // Shows an item in the file manager through the opener's reveal (filled in by the wiring).
+    ResultLine showInFileManager(const std::filesystem::path& item);
+    std::function<std::expected<void, std::string>(const std::filesystem::path&)> revealer;
+    // Asks a real app to quit as its own Quit does (SIGTERM) and waits; filled in by the wiring.
+    std::function<std::expected<void, std::string>(int pid)> quitter;
+
+    // Only the last undoable action; a new one replaces it, undoing clears it.
+    const std::optional<Undoable>& undoable() const { return undoable_; }
+    // None (and nothing done) when there is nothing to undo.
+    std::optional<ResultLine> undoLast();
+
+    // The last result line, and the home trash's receipt of the last move (for its refusals).
+    const std::optional<ResultLine>& result() const { return result_; }
+    const std::optional<HomeTrash::Receipt>& lastReceipt() const { return lastReceipt_; }
+
+    // The name shown for a startup item: its file name without the extension.
+    static std::string startupName(const std::filesystem::path& agent);
+    // How many names the Trash question lists before " more".
+    static constexpr std::size_t namesListed = 3;
+
   private:
+    ResultLine finish(ResultLine line);
+    void notify();
+    ResultLine trashNow(const std::vector<std::filesystem::path>& files);
+
     VantleLite live_;
     std::unique_ptr<SettingsStore> settings_;
     bool windowVisible_ = true;
     std::atomic<bool> recording_{false};
     std::unique_ptr<HealthRecorder> recorder_;
+    std::optional<Confirmation> confirmation_;
+    std::optional<Undoable> undoable_;
+    std::optional<ResultLine> result_;
+    std::optional<HomeTrash::Receipt> lastReceipt_;
+    std::map<int, std::function<void()>> listeners_;
+    int nextListener_ = 0;
 };
 
 } // namespace vantle

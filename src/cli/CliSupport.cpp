@@ -18,7 +18,23 @@ VantleLite* CliContext::live() {
         else
             refuse(made.error().sentence);
     }
+    if (product_) return &product_->live();
     return live_ ? &*live_ : nullptr;
+}
+
+LiteProduct* CliContext::product() {
+    if (!product_ && live()) {
+        product_ = LiteProduct::make(std::move(*live_));
+        live_.reset();
+    }
+    return product_.get();
+}
+
+bool askYes(const std::string& question) {
+    std::cerr << question << " [y/N] " << std::flush;
+    std::string line;
+    if (!std::getline(std::cin, line)) return false;
+    return !line.empty() && (line[0] == 'y' || line[0] == 'Y');
 }
 
 void CliContext::refuse(const std::string& sentence) {

@@ -5,6 +5,7 @@
 #include "VantleLiteLive/VantleLite.h"
 #include "VantleSpec/CancelFlag.h"
 #include "VantleSpec/Json.h"
+#include "Vantle_Lite/LiteProduct.h"
 
 #include <CLI/CLI.hpp>
 
@@ -24,6 +25,8 @@ class CliContext {
     // Runs the start-up sequence once; on failure prints its sentence and gives nullptr.
     VantleLite* live();
     const VantleLite::Options& options() const { return options_; }
+    // The product model over the live services, made on first use (for the commands that act).
+    LiteProduct* product();
 
     int exitCode = 0;
     // Sets exitCode to 1 and prints the sentence on stderr.
@@ -32,6 +35,7 @@ class CliContext {
   private:
     VantleLite::Options options_;
     std::optional<VantleLite> live_;
+    std::shared_ptr<LiteProduct> product_;
     bool tried_ = false;
 };
 
@@ -43,6 +47,10 @@ bool stderrIsTerminal();
 
 // A count the user gives (--limit): a whole number from 1 to `most`, refused in one short sentence.
 CLI::Validator countFromOneTo(int most);
+
+// Asks a yes-or-no question on the terminal; true only for an answer starting with "y". Without
+// --yes, a closed input answers no.
+bool askYes(const std::string& question);
 
 // A single progress line on stderr, rewritten in place; silent when stderr is not a terminal.
 class ProgressLine {

@@ -134,6 +134,7 @@ void addHealthCommands(CLI::App& app, CliContext& ctx) {
         }
     });
     addHealthHistoryCommands(*health, ctx);
+    addHealthRecordCommands(*health, ctx);
 }
 
 } // namespace vantle::cli

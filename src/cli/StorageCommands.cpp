@@ -82,8 +82,8 @@ void addStorageCommands(CLI::App& app, CliContext& ctx) {
         if (!result) return ctx.refuse(result.error().message);
         if (!result->complete) return ctx.refuse(std::string(stoppedSentence));
 
-        auto report =
-            makeStorageReport(*result, live->storageScanner->table(), StorageAbilities{}, systemNow());
+        auto report = makeStorageReport(*result, live->storageScanner->table(),
+                                        StorageAbilities{true, true, true}, systemNow());
         if (auto kept = keepStorageReport(live->support, report, *result); !kept)
             std::cerr << fillIn(notKeptNote, {{"file", storageReportFile(live->support).string()},
                                               {"reason", kept.error()}})
@@ -93,6 +93,7 @@ void addStorageCommands(CLI::App& app, CliContext& ctx) {
         else
             printReportText(storageReportText(report));
     });
+    addStorageCleanCommands(*storage, ctx);
 }
 
 } // namespace vantle::cli

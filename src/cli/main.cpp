@@ -84,6 +84,10 @@ int main(int argc, char** argv) {
     cli::addStorageCommands(app, ctx);
     cli::addFilesCommands(app, ctx);
     cli::addHealthCommands(app, ctx);
+    cli::addActionCommands(app, ctx);
+    cli::addBalanceCommands(app, ctx);
+    cli::addOpenCommands(app, ctx);
+    cli::addUpdateCommands(app, ctx);
 
     if (auto unknown = unknownCommand(app, rest)) {
         std::cerr << *unknown << "\n";

@@ -84,8 +84,28 @@ TEST(VantleLiteMake, LedgerThatCannotBeOpenedMakesTheRunOfflineNotFailed) {
     ASSERT_TRUE(live->ledger);
     EXPECT_TRUE(live->ledger->entries().empty());
     ASSERT_EQ(live->notes.size(), 1u);
-    EXPECT_EQ(live->notes[0],
-              "The network ledger could not be opened (Is a directory), so Vantle Lite is offline.");
+    EXPECT_EQ(live->notes[0], "The network ledger could not be opened (Is a directory), so Vantle Lite is offline.");
+    EXPECT_FALSE(live->broker) << "no network road is built";
+    EXPECT_EQ(live->updater->checkNow().sentence(), "Vantle Lite is offline.");
+    EXPECT_EQ(live->opener->openPage("https://example.org/").error().reason,
+              "Vantle is offline, so it does not open web pages.");
+}
+
+TEST(VantleLiteMake, BuildsTheNetworkRoadWithItsLimitsAndAnUpdaterThatNeedsAKey) {
+    TempDir dir;
+    dir.mkdir("realhome");
+    auto options = sandboxOptions(dir, dir / "box");
+    options.updates = UpdateSource{};
+    auto live = VantleLite::make(options);
+    ASSERT_TRUE(live) << live.error().sentence;
+    ASSERT_TRUE(live->broker);
+    EXPECT_EQ(live->broker->limits().maximumResponseBytes, 64000);
+    EXPECT_EQ(live->broker->limits().timeout, std::chrono::seconds(20));
+    EXPECT_EQ(live->broker->limits().maximumRedirects, 5);
+    EXPECT_EQ(live->broker->limits().maximumURLLength, 2000u);
+    EXPECT_EQ(live->broker->limits().maximumRequestBytes, 4096u);
+    EXPECT_EQ(live->updater->checkNow().sentence(), "Updates are not set up in this copy.");
+    EXPECT_TRUE(live->ledger->entries().empty());
 }
 
 TEST(VantleLiteMake, RealRunUsesTheFreedesktopDataFolderAndNoStandIns) {

@@ -155,10 +155,19 @@ TEST(StorageReportText, ShowsHeadingsCostsPreconditionsAndTheIdsToChooseFrom) {
     auto text = storageReportText(makeStorageReport(scan, table, {}, now));
     auto at = [&](std::string_view words) { return text.find(words); };
     // Class by class, A first; this copy frees nothing, and says so.
-    ASSERT_NE(at(StorageReport::classAMeasuredOnlyHeading), std::string::npos) << text;
-    EXPECT_EQ(at(heading(SafetyClass::a)), std::string::npos);
-    EXPECT_LT(at(StorageReport::classAMeasuredOnlyHeading), at(heading(SafetyClass::b)));
-    EXPECT_LT(at(heading(SafetyClass::b)), at(heading(SafetyClass::c)));
+    const std::string measuresOnlyA =
+        "Safe to delete, a whole category at a time; made again when needed unless "
+        "its line says otherwise. This copy of Vantle measures it and deletes nothing "
+        "(class A)\n";
+    const std::string headingA =
+        "Can be deleted for good, a whole category at a time; made again when needed "
+        "unless its line says otherwise (class A)\n";
+    const std::string headingB = "\nWorth a look; never taken as a category (class B)\n";
+    const std::string headingC = "\nYours, shown only (class C)\n";
+    ASSERT_NE(at(measuresOnlyA), std::string::npos) << text;
+    EXPECT_EQ(at(headingA), std::string::npos);
+    EXPECT_LT(at(measuresOnlyA), at(headingB));
+    EXPECT_LT(at(headingB), at(headingC));
     EXPECT_NE(at("pip cache (pip_cache): 1.5 MB, 1 item\n"), std::string::npos) << text;
     EXPECT_NE(at("What freeing costs: pip downloads again on the next install. Vantle measures it and frees "
                  "nothing yet."),
@@ -169,24 +178,33 @@ TEST(StorageReportText, ShowsHeadingsCostsPreconditionsAndTheIdsToChooseFrom) {
         << text;
     EXPECT_NE(at(*table.find("uv_cache")->instruction), std::string::npos);
     // Class B: listed item by item, by id, and the held items apart.
-    EXPECT_NE(at(StorageReport::listedOnlyHeading), std::string::npos);
+    EXPECT_NE(
+        at("Items worth a look one by one. This copy of Vantle lists them and does not set them aside:\n"),
+        std::string::npos);
     EXPECT_NE(at("  " + installer.id + "  /home/u/Downloads/app.dmg  5 MB\n"), std::string::npos) << text;
     EXPECT_NE(
-        at(std::string(StorageReport::heldHeading) + " (put_back_storage takes these ids):\n  held:0a1b2c"),
+        at("Set aside earlier and still taking up space; Vantle never deletes these (put_back_storage takes "
+           "these ids):\n  held:0a1b2c"),
         std::string::npos)
         << text;
     EXPECT_NE(
         at("/home/u/Library/Mail could not be read, so its size is not known. This Mac did not let Vantle "
            "read it. Full Disk Access in System Settings opens it."),
         std::string::npos);
-    EXPECT_NE(at(StorageReport::scanEverythingHint), std::string::npos);
+    const std::string hint =
+        "This scan measured only what Vantle can free or point at. Scan everything to see the "
+        "user's own folders and the system too.";
+    EXPECT_NE(at(hint), std::string::npos);
 
     StorageAbilities all{true, true, true};
     auto able = storageReportText(makeStorageReport(scanOf(scan.items, ScanDepth::full), table, all, now));
-    EXPECT_NE(able.find(heading(SafetyClass::a)), std::string::npos);
-    EXPECT_NE(able.find(StorageReport::setAsideHeading), std::string::npos);
-    EXPECT_EQ(able.find(StorageReport::freesNothingYet), std::string::npos);
-    EXPECT_EQ(able.find(StorageReport::scanEverythingHint), std::string::npos);
+    EXPECT_NE(able.find(headingA), std::string::npos);
+    EXPECT_NE(
+        able.find("Items that can be set aside, each only if the user chooses it by name (set_aside_storage "
+                  "takes these ids):\n"),
+        std::string::npos);
+    EXPECT_EQ(able.find("Vantle measures it and frees nothing yet."), std::string::npos);
+    EXPECT_EQ(able.find(hint), std::string::npos);
 }
 
 TEST(StorageReportText, SaysWhenCategoriesWereOnlyPartlyRead) {
@@ -195,8 +213,8 @@ TEST(StorageReportText, SaysWhenCategoriesWereOnlyPartlyRead) {
     auto text = storageReportText(
         makeStorageReport(scanOf({locked, item("pip_cache", "Library/Caches/pip2", 1)}), table, {}, now));
     EXPECT_NE(text.find(", 2 items (1 of them could not be read)\n"), std::string::npos) << text;
-    EXPECT_NE(text.find(StorageReport::partlyRead), std::string::npos);
-    EXPECT_EQ(text.find(StorageReport::privacyRefusal), std::string::npos);
+    EXPECT_NE(text.find("Part of it could not be read, so it may hold more."), std::string::npos);
+    EXPECT_EQ(text.find("Full Disk Access"), std::string::npos);
 }
 
 TEST(StorageReportKept, RoundTripsThroughTheDataFolderAndRefusesABrokenFile) {

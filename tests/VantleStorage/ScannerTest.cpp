@@ -168,6 +168,63 @@ TEST_F(ScannerTest, AHardLinkSharedByTwoMatchedItemsIsCountedOnce) {
     EXPECT_EQ(yarn->facts.tally.reclaimableBytes + pip->facts.tally.reclaimableBytes, folders);
 }
 
+TEST_F(ScannerTest, HardLinksWhoseEveryNameIsInsideOneItemAreReclaimableNotPinned) {
+    auto file = write("Library/Caches/pip/wheels/a.whl", 100'000);
+    std::filesystem::create_directories(home / "Library/Caches/pip/http");
+    std::filesystem::create_hard_link(file, home / "Library/Caches/pip/http/a.whl");
+    // Two items of one category are freed together, so names split between them pin nothing either.
+    auto split = write(".npm/_cacache/x.bin", 50'000);
+    std::filesystem::create_directories(home / ".npm/_npx");
+    std::filesystem::create_hard_link(split, home / ".npm/_npx/x.bin");
+    // A name outside keeps the file alive.
+    auto kept = write("Library/Caches/Yarn/k.tgz", 30'000);
+    std::filesystem::create_hard_link(kept, home / "Documents-k.tgz");
+
+    auto result = scan(ScanDepth::rules);
+    auto pip = itemAt(result, (home / "Library/Caches/pip").string());
+    auto cacache = itemAt(result, (home / ".npm/_cacache").string());
+    auto npx = itemAt(result, (home / ".npm/_npx").string());
+    auto yarn = itemAt(result, (home / "Library/Caches/Yarn").string());
+    ASSERT_TRUE(pip && cacache && npx && yarn);
+    EXPECT_EQ(pip->facts.tally.pinnedBytes, 0);
+    EXPECT_EQ(pip->facts.tally.reclaimableBytes, pip->facts.tally.allocatedBytes);
+    EXPECT_EQ(cacache->facts.tally.pinnedBytes + npx->facts.tally.pinnedBytes, 0);
+    EXPECT_EQ(yarn->facts.tally.pinnedBytes, onDisk(kept));
+}
+
+// Access times are what "last opened" and old installers are judged by; this mount is relatime, so
+// any read of an entry whose access time is more than a day old rewrites it.
+TEST_F(ScannerTest, AFullScanLeavesEveryAccessTimeExactlyAsItWas) {
+    write("Downloads/setup.dmg", 20'000);
+    write("Downloads/secret.sparseimage", 9'000);
+    dir.write("home/Library/Developer/Xcode/DerivedData/App-abc/info.plist",
+              "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>LastAccessedDate</key>"
+              "<date>2026-01-01T00:00:00Z</date></dict></plist>");
+    write("Library/Caches/pip/http/x.whl", 3'000);
+    write("Documents/letter.txt", 500);
+    write("Applications/Tool/bin/tool", 800);
+    auto old = std::chrono::system_clock::now() - std::chrono::days(90);
+    timespec times[2] = {{std::chrono::system_clock::to_time_t(old), 0},
+                         {std::chrono::system_clock::to_time_t(old), 0}};
+    std::map<std::string, std::int64_t> before;
+    std::vector<std::filesystem::path> all{home};
+    for (auto& e : std::filesystem::recursive_directory_iterator(home))
+        all.push_back(e.path());
+    for (auto& p : all)
+        ::utimensat(AT_FDCWD, p.c_str(), times, AT_SYMLINK_NOFOLLOW);
+    auto accessed = [](const std::filesystem::path& p) {
+        struct stat st {};
+        ::lstat(p.c_str(), &st);
+        return static_cast<std::int64_t>(st.st_atim.tv_sec);
+    };
+    for (auto& p : all)
+        before[p.string()] = accessed(p);
+
+    scan(ScanDepth::full);
+    for (auto& p : all)
+        EXPECT_EQ(accessed(p), before[p.string()]) << p;
+}
+
 TEST_F(ScannerTest, ALinkInsideACacheIsALinkWithNoSize) {
     auto target = dir.write("elsewhere/big.bin", big(300'000));
     auto own = write("Library/Caches/Homebrew/bottle.tar", 1'000);
