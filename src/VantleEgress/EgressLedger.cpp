@@ -1,6 +1,6 @@
 #include "VantleEgress/EgressLedger.h"
 
-#include "Platform/AtomicFile.h"
+#include "Platform/KeptFile.h"
 #include "Platform/SystemError.h"
 #include "VantleSpec/Sentence.h"
 #include "VantleSpec/Uuid.h"
@@ -12,27 +12,40 @@
 
 namespace vantle {
 
-EgressLedger::Failure EgressLedger::Failure::notOpened(const std::filesystem::path& path, const std::string& reason) {
-    return {Case::notOpened, fillIn(notOpenedSentence, {{"path", path.string()}, {"reason", reason}}), reason};
+EgressLedger::Failure EgressLedger::Failure::notOpened(const std::filesystem::path& path,
+                                                       const std::string& reason) {
+    return {Case::notOpened, fillIn(notOpenedSentence, {{"path", path.string()}, {"reason", reason}}),
+            reason};
 }
 
 EgressLedger::Failure EgressLedger::Failure::notWritten(const std::string& reason) {
     return {Case::notWritten, fillIn(notWrittenSentence, {{"reason", reason}}), reason};
 }
 
-std::expected<std::shared_ptr<EgressLedger>, EgressLedger::Failure> EgressLedger::open(const std::filesystem::path& file,
-                                                                                      Clock clock) {
+std::expected<std::shared_ptr<EgressLedger>, EgressLedger::Failure>
+EgressLedger::open(const std::filesystem::path& file, Clock clock, WriteFn write) {
     std::error_code ec;
     std::filesystem::create_directories(file.parent_path(), ec);
     if (ec) return std::unexpected(Failure::notOpened(file, systemErrorText(ec.value())));
 
-    UniqueFd fd(::open(file.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+    // Opened for reading too, so the lines read are those of the very file appended to. Non-blocking:
+    // a FIFO in its place must not hang start-up, and readKeptFd refuses anything but a regular file.
+    UniqueFd fd(::open(file.c_str(), O_RDWR | O_APPEND | O_CREAT | keptFileOpenFlags, 0600));
     if (!fd) return std::unexpected(Failure::notOpened(file, systemErrorText(errno)));
 
-    auto contents = readWholeFile(file);
-    if (!contents) return std::unexpected(Failure::notOpened(file, systemErrorText(contents.error())));
+    auto contents = readKeptFd(fd.get(), file, keptFileLargestBytes);
+    if (!contents) {
+        auto& failed = contents.error();
+        std::string reason = failed.what == KeptFileFailure::Case::unreadable ? systemErrorText(failed.error)
+                             : failed.what == KeptFileFailure::Case::notAFile
+                                 ? std::string("it is not a regular file")
+                                 : std::string("it is too large to read");
+        return std::unexpected(Failure::notOpened(file, reason));
+    }
+    if (!write) write = [](int to, const void* bytes, size_t count) { return ::write(to, bytes, count); };
 
-    std::shared_ptr<EgressLedger> ledger(new EgressLedger(file, std::move(fd), std::move(clock)));
+    std::shared_ptr<EgressLedger> ledger(
+        new EgressLedger(file, std::move(fd), std::move(clock), std::move(write)));
     const std::string& text = *contents;
     ledger->endsMidLine_ = !text.empty() && text.back() != '\n';
     size_t start = 0;
@@ -64,9 +77,12 @@ std::expected<void, EgressLedger::Failure> EgressLedger::appendLocked(const Ledg
     if (endsMidLine_) bytes += '\n';
     bytes += encodeJson(entry);
     bytes += '\n';
-    ssize_t written = ::write(file_.get(), bytes.data(), bytes.size());
+    ssize_t written = write_(file_.get(), bytes.data(), bytes.size());
     if (written != static_cast<ssize_t>(bytes.size())) {
         int err = written < 0 ? errno : EIO;
+        // Part of the line reached the file: the file now ends mid-line, so the next line must
+        // begin with a line feed of its own.
+        if (written > 0) endsMidLine_ = true;
         unsaved_.push_back(entry);
         return std::unexpected(Failure::notWritten(systemErrorText(err)));
     }
@@ -102,7 +118,8 @@ std::expected<std::string, EgressLedger::Failure> EgressLedger::recordLeaving(co
     return entry.id;
 }
 
-std::expected<void, EgressLedger::Failure> EgressLedger::recordResult(const std::string& id, const Result& result) {
+std::expected<void, EgressLedger::Failure> EgressLedger::recordResult(const std::string& id,
+                                                                      const Result& result) {
     std::lock_guard lock(mutex_);
     LedgerEntry entry;
     for (auto it = held_.rbegin(); it != held_.rend(); ++it)

@@ -9,6 +9,7 @@
 
 #include <expected>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -24,8 +25,10 @@ class EgressLedger final : public EgressLedgerReading {
         Case what;
         std::string sentence;
 
-        static constexpr std::string_view notOpenedSentence = "The network ledger at {path} could not be opened: {reason}";
-        static constexpr std::string_view notWrittenSentence = "The network ledger could not be written: {reason}";
+        static constexpr std::string_view notOpenedSentence =
+            "The network ledger at {path} could not be opened: {reason}";
+        static constexpr std::string_view notWrittenSentence =
+            "The network ledger could not be written: {reason}";
         static Failure notOpened(const std::filesystem::path& path, const std::string& reason);
         static Failure notWritten(const std::string& reason);
         // The bare reason, as the start-up note and callers' own sentences quote it.
@@ -50,8 +53,11 @@ class EgressLedger final : public EgressLedgerReading {
         std::optional<std::string> redirectedFrom;
     };
 
-    static std::expected<std::shared_ptr<EgressLedger>, Failure> open(const std::filesystem::path& file,
-                                                                     Clock clock = systemClock());
+    // How a line reaches the file: ::write unless a test wraps it to inject a short or failed write.
+    using WriteFn = std::function<ssize_t(int fd, const void* bytes, size_t count)>;
+
+    static std::expected<std::shared_ptr<EgressLedger>, Failure>
+    open(const std::filesystem::path& file, Clock clock = systemClock(), WriteFn write = {});
 
     // Writes the request's first line and gives its id. When the line cannot be written the request
     // must not be sent.
@@ -66,8 +72,9 @@ class EgressLedger final : public EgressLedgerReading {
     const std::filesystem::path& fileURL() const { return fileURL_; }
 
   private:
-    EgressLedger(std::filesystem::path file, UniqueFd fd, Clock clock)
-        : fileURL_(std::move(file)), file_(std::move(fd)), clock_(std::move(clock)) {}
+    EgressLedger(std::filesystem::path file, UniqueFd fd, Clock clock, WriteFn write)
+        : fileURL_(std::move(file)), file_(std::move(fd)), clock_(std::move(clock)),
+          write_(std::move(write)) {}
     std::expected<void, Failure> appendLocked(const LedgerEntry& entry);
 
     std::filesystem::path fileURL_;
@@ -79,6 +86,7 @@ class EgressLedger final : public EgressLedgerReading {
     std::vector<std::weak_ptr<LedgerStream>> subscribers_;
     std::map<std::string, std::int64_t> bodyBytes_;
     Clock clock_;
+    WriteFn write_;
     mutable std::mutex mutex_;
 };
 

@@ -234,7 +234,9 @@ std::expected<bool, ProcessControls::Failure> LinuxProcessControls::quit(const L
 
 StandInBalance::StandInBalance(fs::path dataFolder, Clock clock)
     : file_(std::move(dataFolder) / std::string(fileName)), clock_(std::move(clock)) {
-    if (auto kept = loadStandInRecord<Record>(file_)) record_ = std::move(*kept);
+    auto loaded = loadStandInRecord<Record>(file_);
+    if (loaded.record) record_ = std::move(*loaded.record);
+    note_ = std::move(loaded.note);
 }
 
 void StandInBalance::add(std::string act, int pid, std::string name) {

@@ -181,7 +181,11 @@ class StandInBalance : public ProcessControls {
     Record record() const;
     static constexpr std::string_view fileName = "stand-in-balance.json";
 
+    // The note for the start-up record when a torn record file was kept aside; none otherwise.
+    const std::optional<std::string>& note() const { return note_; }
+
   private:
+    std::optional<std::string> note_;
     void add(std::string act, int pid, std::string name);
     std::filesystem::path file_;
     Clock clock_;

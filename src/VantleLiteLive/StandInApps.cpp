@@ -7,15 +7,22 @@
 namespace vantle {
 
 StandInApps::StandInApps(std::filesystem::path dataFolder, Clock clock)
-    : file_(dataFolder / fileName), clock_(std::move(clock)),
-      installed_{"Calculator", "Calendar", "Files", "Mail", "Music", "Photos", "Terminal", "Text Editor",
-                 "Web Browser"},
+    : file_(dataFolder / fileName),
+      clock_(std::move(clock)), installed_{"Calculator", "Calendar", "Files",       "Mail",       "Music",
+                                           "Photos",     "Terminal", "Text Editor", "Web Browser"},
       running_{"Files", "Mail", "Music", "Web Browser"} {
-    if (auto kept = loadStandInRecord<Record>(file_)) record_ = std::move(*kept);
-    save();
+    auto loaded = loadStandInRecord<Record>(file_);
+    note_ = std::move(loaded.note);
+    // A record read back is not written again until this run adds to it.
+    if (loaded.record)
+        record_ = std::move(*loaded.record);
+    else
+        save();
 }
 
-void StandInApps::save() const { saveStandInRecord(file_, record_); }
+void StandInApps::save() const {
+    saveStandInRecord(file_, record_);
+}
 
 StandInApps::Record StandInApps::record() const {
     std::lock_guard lock(mutex_);

@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -61,8 +62,12 @@ class StandInApps {
 
     static constexpr std::string_view fileName = "stand-in-apps.json";
 
+    // The note for the start-up record when a torn record file was kept aside; none otherwise.
+    const std::optional<std::string>& note() const { return note_; }
+
   private:
     void save() const;
+    std::optional<std::string> note_;
 
     std::filesystem::path file_;
     Clock clock_;

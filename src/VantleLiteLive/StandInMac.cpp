@@ -5,23 +5,28 @@
 namespace vantle {
 
 Json StandInMac::initialSettings() {
-    return Json{{"appearance", "light"}, {"wifi", true},          {"bluetooth", true}, {"volume", 50},
-                {"brightness", 70},      {"doNotDisturb", false}, {"lowPowerMode", false},
-                {"screenLockSeconds", 0}};
+    return Json{{"appearance", "light"}, {"wifi", true},          {"bluetooth", true},
+                {"volume", 50},          {"brightness", 70},      {"doNotDisturb", false},
+                {"lowPowerMode", false}, {"screenLockSeconds", 0}};
 }
 
 StandInMac::StandInMac(std::filesystem::path dataFolder, Clock clock)
     : file_(dataFolder / fileName), clock_(std::move(clock)) {
-    if (auto kept = loadStandInRecord<Record>(file_)) {
-        record_ = std::move(*kept);
-    } else {
-        record_.initial = initialSettings();
-        record_.settings = record_.initial;
+    auto loaded = loadStandInRecord<Record>(file_);
+    note_ = std::move(loaded.note);
+    // A record read back is not written again until this run adds to it.
+    if (loaded.record) {
+        record_ = std::move(*loaded.record);
+        return;
     }
+    record_.initial = initialSettings();
+    record_.settings = record_.initial;
     save();
 }
 
-void StandInMac::save() const { saveStandInRecord(file_, record_); }
+void StandInMac::save() const {
+    saveStandInRecord(file_, record_);
+}
 
 StandInMac::Record StandInMac::record() const {
     std::lock_guard lock(mutex_);
@@ -70,7 +75,9 @@ void StandInMac::moveToTrash(const std::filesystem::path& item) {
     save();
 }
 
-std::vector<std::string> StandInMac::browsers() const { return {"Web Browser"}; }
+std::vector<std::string> StandInMac::browsers() const {
+    return {"Web Browser"};
+}
 
 bool StandInMac::locksAtOnce() const {
     auto seconds = setting("screenLockSeconds");

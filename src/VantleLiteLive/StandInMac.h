@@ -76,8 +76,12 @@ class StandInMac {
     static Json initialSettings();
     static constexpr std::string_view fileName = "stand-in-mac.json";
 
+    // The note for the start-up record when a torn record file was kept aside; none otherwise.
+    const std::optional<std::string>& note() const { return note_; }
+
   private:
     void save() const;
+    std::optional<std::string> note_;
 
     std::filesystem::path file_;
     Clock clock_;

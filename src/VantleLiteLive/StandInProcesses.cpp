@@ -51,17 +51,22 @@ std::vector<StandInAppRunning> appsOf(const std::vector<StandInProcess>& process
 
 StandInProcesses::StandInProcesses(std::filesystem::path dataFolder, Scene scene, Clock clock)
     : file_(dataFolder / fileName), clock_(std::move(clock)) {
-    if (auto kept = loadStandInRecord<Record>(file_)) {
-        record_ = std::move(*kept);
-    } else {
-        record_.scene = scene;
-        record_.processes = sceneProcesses(scene);
-        record_.apps = appsOf(record_.processes);
+    auto loaded = loadStandInRecord<Record>(file_);
+    note_ = std::move(loaded.note);
+    // A record read back is not written again until this run adds to it.
+    if (loaded.record) {
+        record_ = std::move(*loaded.record);
+        return;
     }
+    record_.scene = scene;
+    record_.processes = sceneProcesses(scene);
+    record_.apps = appsOf(record_.processes);
     save();
 }
 
-void StandInProcesses::save() const { saveStandInRecord(file_, record_); }
+void StandInProcesses::save() const {
+    saveStandInRecord(file_, record_);
+}
 
 StandInProcesses::Record StandInProcesses::record() const {
     std::lock_guard lock(mutex_);
@@ -92,7 +97,8 @@ QuitOutcome StandInProcesses::quit(int pid) {
     std::lock_guard lock(mutex_);
     StandInEvent event{toMilliseconds(clock_()), "quit", pid, "", std::string(nameOf(QuitOutcome::refused))};
     auto outcome = QuitOutcome::refused;
-    auto it = std::find_if(record_.processes.begin(), record_.processes.end(), [&](auto& p) { return p.pid == pid; });
+    auto it = std::find_if(record_.processes.begin(), record_.processes.end(),
+                           [&](auto& p) { return p.pid == pid; });
     if (it != record_.processes.end()) {
         event.name = it->name;
         if (it->asksToSave) {

@@ -8,6 +8,7 @@
 
 #include <filesystem>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -64,7 +65,8 @@ class StandInProcesses {
     };
 
     // Reads the record in `dataFolder`, or starts one in `scene` and writes it.
-    StandInProcesses(std::filesystem::path dataFolder, Scene scene = Scene::busy, Clock clock = systemClock());
+    StandInProcesses(std::filesystem::path dataFolder, Scene scene = Scene::busy,
+                     Clock clock = systemClock());
 
     Record record() const;
     std::vector<StandInProcess> processes() const;
@@ -79,8 +81,12 @@ class StandInProcesses {
     static std::vector<StandInProcess> sceneProcesses(Scene scene);
     static constexpr std::string_view fileName = "stand-in-processes.json";
 
+    // The note for the start-up record when a torn record file was kept aside; none otherwise.
+    const std::optional<std::string>& note() const { return note_; }
+
   private:
     void save() const;
+    std::optional<std::string> note_;
 
     std::filesystem::path file_;
     Clock clock_;

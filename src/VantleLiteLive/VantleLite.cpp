@@ -2,6 +2,7 @@
 
 #include "Platform/BeneathOpen.h"
 #include "Platform/SystemError.h"
+#include "Platform/UniqueFd.h"
 #include "VantleEgress/LiteSilentLedger.h"
 #include "VantleSpec/Sentence.h"
 #include "VantleVitals/ActivityReader.h"
@@ -26,31 +27,85 @@ std::unexpected<Failure> couldNotMake(const fs::path& folder, int err) {
                                           {{"folder", folder.string()}, {"reason", systemErrorText(err)}})});
 }
 
-// Makes a folder with its missing parents. Below the home it goes one component at a time from the
-// home's descriptor and never through a link; a data folder elsewhere (XDG_DATA_HOME) is made by path.
-std::expected<void, Failure> makeFolder(const fs::path& home, const fs::path& folder) {
-    std::error_code ec;
-    fs::create_directories(home, ec);
-    if (ec) return couldNotMake(home == folder ? folder : home, ec.value());
-    auto relative = folder.lexically_relative(home);
-    if (relative.empty() || *relative.begin() == "..") {
-        fs::create_directories(folder, ec);
-        if (ec) return couldNotMake(folder, ec.value());
-        return {};
+// The folders this start-up made, removed again (each only if still empty) when a later step fails,
+// so a start-up that ends in failure leaves nothing behind.
+struct MadeFolders {
+    std::vector<fs::path> made;
+    bool kept = false;
+    ~MadeFolders() {
+        if (kept) return;
+        for (auto it = made.rbegin(); it != made.rend(); ++it)
+            ::rmdir(it->c_str());
     }
-    auto root = openFolder(home);
-    if (!root) return couldNotMake(folder, root.error());
-    if (auto made = makeFoldersBeneath(root->get(), relative, 0755); !made)
-        return couldNotMake(folder, made.error());
+};
+
+// Makes a folder and its missing parents by path. Used for the places above the program's own folders
+// (a sandbox's home, the data folder's parents), which the user may reach through links of their own,
+// as dotfile managers make ~/.local and ~/.local/share.
+// A failure names `named`: the folder start-up was asked to make.
+std::expected<void, Failure> makeByPath(const fs::path& folder, MadeFolders& made, const fs::path& named) {
+    std::vector<fs::path> missing;
+    for (fs::path p = folder; !p.empty(); p = p.parent_path()) {
+        struct stat st {};
+        if (::stat(p.c_str(), &st) == 0) {
+            if (!S_ISDIR(st.st_mode)) return couldNotMake(named, ENOTDIR);
+            break;
+        }
+        if (errno != ENOENT) return couldNotMake(named, errno);
+        missing.push_back(p);
+        if (p == p.parent_path()) break;
+    }
+    for (auto it = missing.rbegin(); it != missing.rend(); ++it) {
+        if (::mkdir(it->c_str(), 0755) == 0)
+            made.made.push_back(*it);
+        else if (errno != EEXIST)
+            return couldNotMake(named, errno);
+    }
     return {};
 }
 
-std::expected<void, Failure> restrictToOwner(const fs::path& folder) {
-    auto fd = openFolder(folder);
-    if (!fd || ::fchmod(fd->get(), 0700) != 0)
-        return std::unexpected(
-            Failure{Failure::Case::couldNotRestrict, systemErrorText(fd ? errno : fd.error())});
+// A sandbox's usual places, made beneath its home by descriptor. An entry that is already a link is
+// left as it is: the sandbox rule has checked that it leads inside the sandbox, and nothing is made
+// through it.
+std::expected<void, Failure> makeSandboxPlace(int homeFd, const fs::path& home, const char* name,
+                                              MadeFolders& made) {
+    struct stat st {};
+    if (::fstatat(homeFd, name, &st, AT_SYMLINK_NOFOLLOW) == 0) {
+        if (S_ISDIR(st.st_mode) || S_ISLNK(st.st_mode)) return {};
+        return couldNotMake(home / name, EEXIST);
+    }
+    if (errno != ENOENT) return couldNotMake(home / name, errno);
+    if (::mkdirat(homeFd, name, 0755) != 0) return couldNotMake(home / name, errno);
+    made.made.push_back(home / name);
     return {};
+}
+
+// The data folder: its parent is resolved once (links above it are the user's to make), the folder
+// itself is made beneath that descriptor, must not be a link, and is restricted to its owner through
+// its own descriptor. Gives the data folder's resolved path.
+std::expected<fs::path, Failure> makeDataFolder(const fs::path& support, MadeFolders& made) {
+    auto parent = support.parent_path();
+    auto name = support.filename();
+    if (auto madeParent = makeByPath(parent, made, support); !madeParent)
+        return std::unexpected(madeParent.error());
+    UniqueFd parentFd(::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!parentFd) return couldNotMake(support, errno);
+    std::error_code ec;
+    auto resolvedParent = fs::canonical(parent, ec);
+    if (ec) return couldNotMake(support, ec.value());
+    if (::mkdirat(parentFd.get(), name.c_str(), 0700) == 0)
+        made.made.push_back(resolvedParent / name);
+    else if (errno != EEXIST)
+        return couldNotMake(support, errno);
+
+    // A folder its owner cannot read (mode 000) is still the owner's to restrict: it is opened as a
+    // path only, and its mode set through the descriptor's /proc name.
+    UniqueFd folder(::openat(parentFd.get(), name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!folder) return couldNotMake(support, errno);
+    auto byDescriptor = "/proc/self/fd/" + std::to_string(folder.get());
+    if (::chmod(byDescriptor.c_str(), 0700) != 0)
+        return std::unexpected(Failure{Failure::Case::couldNotRestrict, systemErrorText(errno)});
+    return resolvedParent / name;
 }
 
 // A sandbox keeps the layout it has everywhere; a real Linux run keeps the freedesktop Trash (so the
@@ -97,16 +152,31 @@ std::expected<VantleLite, VantleLite::Failure> VantleLite::make(const Options& o
     if (options.support) live.profile.dataFolder = standardizedPath(*options.support);
     live.support = live.profile.dataFolder;
 
-    // 2. Folders: a sandbox gets the usual places the Home pages show, then the data folder.
-    if (live.isSandbox)
+    // 2 and 3. Folders: a sandbox gets the usual places the Home pages show, then the data folder,
+    // which is the owner's alone.
+    MadeFolders made;
+    if (live.isSandbox) {
+        if (auto homeMade = makeByPath(live.home, made, live.home); !homeMade)
+            return std::unexpected(homeMade.error());
+        // A sandbox named through a link of its own works as the folder does: the rule has checked
+        // the folder it leads to, and from here on that folder is the home.
+        std::error_code ec;
+        if (auto real = fs::canonical(live.home, ec); !ec && real != live.home) {
+            live.home = real;
+            live.profile = PlatformProfile::sandbox(live.home);
+            if (!options.support) live.support = live.profile.dataFolder;
+        }
+        UniqueFd homeFd(::open(live.home.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        if (!homeFd) return couldNotMake(live.home, errno);
         for (auto name : {"Desktop", "Documents", "Downloads"})
-            if (auto made = makeFolder(live.home, live.home / name); !made)
-                return std::unexpected(made.error());
-    if (auto made = makeFolder(live.home, live.support); !made) return std::unexpected(made.error());
-
-    // 3. The data folder is the owner's alone.
-    if (auto restricted = restrictToOwner(live.support); !restricted)
-        return std::unexpected(restricted.error());
+            if (auto place = makeSandboxPlace(homeFd.get(), live.home, name, made); !place)
+                return std::unexpected(place.error());
+    }
+    auto dataFolder = makeDataFolder(live.support, made);
+    if (!dataFolder) return std::unexpected(dataFolder.error());
+    live.support = *dataFolder;
+    live.profile.dataFolder = *dataFolder;
+    made.kept = true;
 
     // 4. Cloud-only files: Linux has no dataless files, so there is no download to stop and no note.
 
@@ -157,7 +227,10 @@ std::expected<VantleLite, VantleLite::Failure> VantleLite::make(const Options& o
     }
 
     // 9. The health services. In a sandbox the process list is the stand-in's.
-    if (live.isSandbox) live.processes = std::make_shared<StandInProcesses>(live.support);
+    if (live.isSandbox) {
+        live.processes = std::make_shared<StandInProcesses>(live.support);
+        if (auto note = live.processes->note()) live.notes.push_back(*note);
+    }
     // The record opens lazily; its recorder is started by whoever reads its on/off setting.
     live.healthRecord = std::make_shared<HealthRecord>(live.support / "Health");
     live.healthHistory = std::make_shared<HealthHistory>(live.healthRecord);
@@ -193,6 +266,8 @@ std::expected<VantleLite, VantleLite::Failure> VantleLite::make(const Options& o
     if (live.isSandbox) {
         live.standInApps = std::make_shared<StandInApps>(live.support);
         live.mac = std::make_shared<StandInMac>(live.support);
+        for (const auto& note : {live.standInApps->note(), live.mac->note()})
+            if (note) live.notes.push_back(*note);
         live.machine = std::make_shared<StandInMachine>(live.mac);
     } else {
         live.machine = std::make_shared<SessionMachine>(processEnvironment());
@@ -232,9 +307,11 @@ std::expected<VantleLite, VantleLite::Failure> VantleLite::make(const Options& o
     }
 
     // 13. The stand-in load balancing; a real run moves this user's processes itself.
-    if (live.isSandbox)
-        live.balance = std::make_shared<StandInBalance>(live.support);
-    else
+    if (live.isSandbox) {
+        auto balance = std::make_shared<StandInBalance>(live.support);
+        if (auto note = balance->note()) live.notes.push_back(*note);
+        live.balance = std::move(balance);
+    } else
         live.balance = std::make_shared<LinuxProcessControls>(
             LinuxProcessControls::Options{.user = ::geteuid(), .efficiencyCores = efficiencyCores()});
 

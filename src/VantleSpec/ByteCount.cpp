@@ -1,5 +1,6 @@
 #include "VantleSpec/ByteCount.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -32,13 +33,18 @@ std::string formatBytes(std::int64_t bytes, ByteStyle style) {
     std::snprintf(buf, sizeof buf, "%.*f", decimals[u], value);
     std::string text = buf;
     if (text.find('.') != std::string::npos) {
-        while (text.back() == '0') text.pop_back();
+        while (text.back() == '0')
+            text.pop_back();
         if (text.back() == '.') text.pop_back();
     }
     return sign + text + " " + units[u];
 }
 
 std::string percent(double fraction) {
+    // A reading read from a file may be anything: nothing is less than none, and nothing the machine
+    // reports is above a million percent, so neither shows as a wrapped number.
+    if (!std::isfinite(fraction) || fraction < 0) fraction = 0;
+    fraction = std::min(fraction, 10'000.0);
     return std::to_string(static_cast<long long>(std::llround(fraction * 100.0))) + "%";
 }
 

@@ -15,7 +15,8 @@ std::string formatBytes(std::int64_t bytes, ByteStyle style);
 inline std::string memoryBytes(std::int64_t bytes) { return formatBytes(bytes, ByteStyle::memory); }
 inline std::string fileBytes(std::int64_t bytes) { return formatBytes(bytes, ByteStyle::file); }
 
-// Whole percent, rounded half away from zero, for a fraction 0..1 (or beyond): "42%".
+// Whole percent, rounded half away from zero, for a fraction 0..1 (or beyond, as a process's share
+// of one core is): "42%". Not a number or below zero shows 0%; the top is 1,000,000%.
 std::string percent(double fraction);
 
 } // namespace vantle

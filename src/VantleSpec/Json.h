@@ -85,7 +85,12 @@ template <class T> T fitted(const Json& j) {
         }
         throw std::invalid_argument("not a whole number: " + j.dump());
     } else {
-        return j.template get<T>();
+        // Straight to the serializer rather than through get<T>(): clang settles get<T>()'s
+        // "has from_json" test once, at a point where a nested record's from_json may not be
+        // declared yet, and then refuses it.
+        T out{};
+        nlohmann::adl_serializer<T>::from_json(j, out);
+        return out;
     }
 }
 

@@ -1,6 +1,7 @@
 #include "VantleSpec/LedgerEntry.h"
 
 #include "VantleSpec/Sentence.h"
+#include "VantleSpec/Uuid.h"
 
 #include <algorithm>
 #include <cctype>
@@ -8,13 +9,22 @@
 namespace vantle {
 
 std::expected<LedgerEntry, std::string> decodeLedgerLine(std::string_view line) {
-    Json j = Json::parse(line, nullptr, /*allow_exceptions=*/false);
-    if (j.is_discarded() || !j.is_object()) return std::unexpected(std::string("not a JSON object"));
+    auto read = readJson(line);
+    if (!read) return std::unexpected(std::move(read.error()));
+    const Json& j = *read;
+    if (!j.is_object()) return std::unexpected(std::string("not a JSON object"));
     if (auto at = j.find("at"); at != j.end()) {
         std::string text = at->is_string() ? at->get<std::string>() : at->dump();
-        if (!at->is_string() || !parseIsoDate(text)) return std::unexpected(fillIn("not a ledger time: {text}", {{"text", text}}));
+        if (!at->is_string() || !parseIsoDate(text))
+            return std::unexpected(fillIn("not a ledger time: {text}", {{"text", text}}));
     }
-    return decodeJsonValue<LedgerEntry>(j);
+    auto entry = decodeJsonValue<LedgerEntry>(j);
+    if (!entry) return entry;
+    // Pairing a result with its request goes by id, so an id that is not one cannot be trusted.
+    if (!isUuid(entry->id)) return std::unexpected(fillIn("not a ledger id: {text}", {{"text", entry->id}}));
+    if (entry->run && !isUuid(*entry->run))
+        return std::unexpected(fillIn("not a run id: {text}", {{"text", *entry->run}}));
+    return entry;
 }
 
 std::string hostOfUrl(std::string_view url) {

@@ -12,9 +12,9 @@ std::string isoDate(TimePoint at) {
     year_month_day ymd{days};
     hh_mm_ss<milliseconds> tod{ms - days};
     char buf[40];
-    std::snprintf(buf, sizeof buf, "%04d-%02u-%02uT%02d:%02d:%02d.%03dZ", int(ymd.year()), unsigned(ymd.month()),
-                  unsigned(ymd.day()), int(tod.hours().count()), int(tod.minutes().count()),
-                  int(tod.seconds().count()), int(tod.subseconds().count()));
+    std::snprintf(buf, sizeof buf, "%04d-%02u-%02uT%02d:%02d:%02d.%03dZ", int(ymd.year()),
+                  unsigned(ymd.month()), unsigned(ymd.day()), int(tod.hours().count()),
+                  int(tod.minutes().count()), int(tod.seconds().count()), int(tod.subseconds().count()));
     return buf;
 }
 
@@ -59,7 +59,8 @@ std::optional<TimePoint> parseIsoDate(std::string_view s) {
         ++pos;
     } else if (pos < s.size() && (s[pos] == '+' || s[pos] == '-')) {
         int oh, om;
-        if (!digits(s, pos + 1, 2, oh) || pos + 3 >= s.size() || s[pos + 3] != ':' || !digits(s, pos + 4, 2, om))
+        if (!digits(s, pos + 1, 2, oh) || pos + 3 >= s.size() || s[pos + 3] != ':' ||
+            !digits(s, pos + 4, 2, om))
             return std::nullopt;
         offset = minutes{oh * 60 + om} * (s[pos] == '-' ? -1 : 1);
         pos += 6;
@@ -67,8 +68,12 @@ std::optional<TimePoint> parseIsoDate(std::string_view s) {
         return std::nullopt;
     }
     if (pos != s.size()) return std::nullopt;
-    auto t = sys_days{ymd} + hours{h} + minutes{mi} + seconds{se} + fraction - offset;
-    return time_point_cast<TimePoint::duration>(t);
+    // Whole seconds first, where no year of four digits can overflow, so a date the clock cannot
+    // hold (year 9999 in nanoseconds) is refused instead of wrapping to another century.
+    auto whole = sys_days{ymd} + hours{h} + minutes{mi} + seconds{se} - offset;
+    if (whole <= floor<seconds>(TimePoint::min()) || whole >= floor<seconds>(TimePoint::max()))
+        return std::nullopt;
+    return time_point_cast<TimePoint::duration>(whole) + duration_cast<TimePoint::duration>(fraction);
 }
 
 } // namespace vantle

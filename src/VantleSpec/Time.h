@@ -12,13 +12,18 @@ namespace vantle {
 using TimePoint = std::chrono::system_clock::time_point;
 using Clock = std::function<TimePoint()>;
 
-inline TimePoint systemNow() { return std::chrono::system_clock::now(); }
-inline Clock systemClock() { return &systemNow; }
+inline TimePoint systemNow() {
+    return std::chrono::system_clock::now();
+}
+inline Clock systemClock() {
+    return &systemNow;
+}
 
 // Always UTC with exactly three fractional digits and a "Z".
 std::string isoDate(TimePoint at);
 
 // Reads what isoDate writes, and also any fraction length (or none) and a "+hh:mm"/"-hh:mm" offset.
+// A date outside what a TimePoint holds (about 1678 to 2262) is not read.
 std::optional<TimePoint> parseIsoDate(std::string_view text);
 
 // Whole milliseconds: the precision every stored date keeps, so a value round-trips exactly.

@@ -1,5 +1,7 @@
 #include "VantleVitals/HealthRecord.h"
 
+#include "VantleSpec/Sentence.h"
+
 #include "Platform/AtomicFile.h"
 #include "Platform/BeneathOpen.h"
 #include "VantleVitals/PlistHealthPoint.h"
@@ -87,6 +89,12 @@ HealthRecord::HealthRecord(std::filesystem::path folder) : folder_(std::move(fol
 
 HealthRecord::~HealthRecord() = default;
 
+std::optional<std::string> HealthRecord::problem() {
+    std::lock_guard lock(mutex_);
+    database();
+    return problem_;
+}
+
 SqliteDatabase* HealthRecord::database() {
     if (!triedOpening_) {
         triedOpening_ = true;
@@ -94,11 +102,17 @@ SqliteDatabase* HealthRecord::database() {
         auto opened =
             SqliteDatabase::open(folder_ / fileName, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE |
                                                          SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_NOFOLLOW);
-        if (!opened) return nullptr;
+        auto unreadable = [&](std::string_view reason) {
+            problem_ =
+                fillIn(unreadableSentence, {{"file", (folder_ / fileName).string()}, {"reason", reason}});
+            return nullptr;
+        };
+        if (!opened) return unreadable("it could not be opened");
         std::string batch = openingBatch;
         for (auto table : allCases<Table>())
             batch += createStatement(table);
-        if (!opened->exec(batch.c_str())) return nullptr; // `opened` closes as it goes
+        if (!opened->exec(batch.c_str()))
+            return unreadable("it is damaged or is not a record"); // `opened` closes as it goes
         db_ = std::move(*opened);
     }
     return db_ ? &db_ : nullptr;
@@ -198,10 +212,15 @@ std::expected<void, HealthRecord::SeedRefusal> HealthRecord::seed(const std::vec
                                                                   const std::vector<HealthPoint>& minutes) {
     std::lock_guard lock(mutex_);
     if (!database()) return std::unexpected(SeedRefusal::of(SeedRefusal::Kind::notWritten));
+    // The write lock is taken before the record is looked at, so a second process seeding at the
+    // same moment waits (on the busy handler) and then finds the week already there.
+    if (!db_.exec("BEGIN IMMEDIATE")) return std::unexpected(SeedRefusal::of(SeedRefusal::Kind::notWritten));
     for (auto table : allCases<Table>())
-        if (bound("MIN", table)) return std::unexpected(SeedRefusal::of(SeedRefusal::Kind::alreadyHeld));
+        if (bound("MIN", table)) {
+            db_.exec("ROLLBACK");
+            return std::unexpected(SeedRefusal::of(SeedRefusal::Kind::alreadyHeld));
+        }
 
-    if (!db_.exec("BEGIN")) return std::unexpected(SeedRefusal::of(SeedRefusal::Kind::notWritten));
     bool ok = true;
     for (const auto& [table, list] : {std::pair{Table::hours, &hours}, std::pair{Table::quarters, &quarters},
                                       std::pair{Table::minutes, &minutes}})

@@ -71,6 +71,12 @@ class HealthRecord {
     std::optional<TimePoint> earliest(Table table);
     std::optional<TimePoint> latest(Table table);
 
+    // Set once opening the record failed (a damaged file, or one that is not a record): the sentence
+    // the front ends show instead of an empty history.
+    std::optional<std::string> problem();
+    static constexpr std::string_view unreadableSentence =
+        "Health's record {file} could not be read, so its history cannot be shown: {reason}.";
+
     // Whether any table holds a row.
     bool holdsRecord();
 
@@ -93,6 +99,7 @@ class HealthRecord {
     std::mutex mutex_;
     std::filesystem::path folder_;
     bool triedOpening_ = false;
+    std::optional<std::string> problem_;
     SqliteDatabase db_;
 };
 

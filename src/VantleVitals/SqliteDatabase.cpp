@@ -85,6 +85,9 @@ std::optional<SqliteDatabase> SqliteDatabase::open(const std::filesystem::path& 
         sqlite3_close(handle); // open_v2 may hand back a handle even when it fails
         return std::nullopt;
     }
+    // Another process writing the same record (two runs at once) is waited for, not reported as a
+    // failure: its writes are short.
+    sqlite3_busy_timeout(handle, 10'000);
     SqliteDatabase db;
     db.db_ = handle;
     return db;

@@ -1,6 +1,7 @@
 #include "VantleVitals/StandInVitals.h"
 
 #include "Platform/AtomicFile.h"
+#include "Platform/KeptFile.h"
 #include "Platform/SystemError.h"
 #include "VantleSpec/Sentence.h"
 #include "VantleVitals/VitalsSampler.h"
@@ -64,7 +65,7 @@ std::vector<VitalsSnapshot> StandInVitals::madeUpTable() {
 StandInVitals::StandInVitals(std::filesystem::path dataFolder, Processes processes, Clock clock)
     : file_(std::move(dataFolder) / fileName), processes_(std::move(processes)), clock_(std::move(clock)),
       started_(clock_()) {
-    auto text = readWholeFile(file_);
+    auto text = readKeptFile(file_);
     if (text) {
         auto decoded = decodeJson<Record>(*text);
         if (decoded && !decoded->table.empty()) {
@@ -75,10 +76,9 @@ StandInVitals::StandInVitals(std::filesystem::path dataFolder, Processes process
         keep_ = false;
         problem_ = fillIn(unreadableSentence, {{"file", file_.string()},
                                                {"reason", decoded ? "its table is empty" : decoded.error()}});
-    } else if (text.error() != ENOENT) {
+    } else if (text.error().what != KeptFileFailure::Case::missing) {
         keep_ = false;
-        problem_ =
-            fillIn(unreadableSentence, {{"file", file_.string()}, {"reason", systemErrorText(text.error())}});
+        problem_ = fillIn(unreadableSentence, {{"file", file_.string()}, {"reason", text.error().sentence}});
     }
     record_.table = madeUpTable();
     if (keep_) save();

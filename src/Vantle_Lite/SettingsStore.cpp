@@ -1,8 +1,10 @@
 #include "Vantle_Lite/SettingsStore.h"
 
 #include "Platform/AtomicFile.h"
+#include "Platform/KeptFile.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cstdlib>
 #include <memory>
 #include <plist/plist.h>
@@ -20,7 +22,7 @@ struct CFree {
     void operator()(void* p) const { std::free(p); }
 };
 
-std::optional<FileSettingsStore::Value> valueOf(plist_t node) {
+FileSettingsStore::Value valueOf(plist_t node) {
     switch (plist_get_node_type(node)) {
     case PLIST_BOOLEAN: {
         uint8_t b = 0;
@@ -29,22 +31,54 @@ std::optional<FileSettingsStore::Value> valueOf(plist_t node) {
     }
     case PLIST_ARRAY: {
         std::vector<std::string> list;
-        for (uint32_t i = 0, n = plist_array_get_size(node); i < n; ++i) {
+        bool allStrings = true;
+        for (uint32_t i = 0, n = plist_array_get_size(node); i < n && allStrings; ++i) {
             plist_t item = plist_array_get_item(node, i);
-            if (plist_get_node_type(item) != PLIST_STRING) return std::nullopt;
+            if (plist_get_node_type(item) != PLIST_STRING) {
+                allStrings = false;
+                break;
+            }
             char* text = nullptr;
             plist_get_string_val(item, &text);
             std::unique_ptr<char, CFree> owned(text);
             list.emplace_back(text ? text : "");
         }
-        return FileSettingsStore::Value{std::move(list)};
+        if (allStrings) return FileSettingsStore::Value{std::move(list)};
+        break;
     }
     default:
-        return std::nullopt;
+        break;
     }
+    return FileSettingsStore::Value{
+        FileSettingsStore::Other{std::shared_ptr<void>(plist_copy(node), plist_free)}};
+}
+
+// libplist builds and frees nested values recursively, so a hostile file's nesting is measured
+// on the text before it is handed over. Counts opening <array> and <dict> tags against closing ones.
+bool nestsTooDeeply(std::string_view xml) {
+    int depth = 0;
+    for (size_t at = xml.find('<'); at != std::string_view::npos; at = xml.find('<', at + 1)) {
+        auto tag = xml.substr(at + 1);
+        // Any spelling of an opening tag counts ("<array >" too); an empty "<array/>" may be
+        // counted as well, which only errs on the safe side.
+        auto opens = [&](std::string_view name) {
+            return tag.starts_with(name) && tag.size() > name.size() && tag[name.size()] != '/' &&
+                   (tag[name.size()] == '>' || std::isspace(static_cast<unsigned char>(tag[name.size()])));
+        };
+        if (opens("array") || opens("dict")) {
+            if (++depth > jsonDepthLimit) return true;
+        } else if (tag.starts_with("/array") || tag.starts_with("/dict")) {
+            --depth;
+        }
+    }
+    return false;
 }
 
 } // namespace
+
+bool FileSettingsStore::Other::operator==(const Other& other) const {
+    return node && other.node && plist_compare_node_value(node.get(), other.node.get());
+}
 
 std::string FileSettingsStore::toPropertyList(const std::map<std::string, Value>& values) {
     PlistPtr dict(plist_new_dict());
@@ -52,6 +86,8 @@ std::string FileSettingsStore::toPropertyList(const std::map<std::string, Value>
         plist_t node;
         if (auto* b = std::get_if<bool>(&value)) {
             node = plist_new_bool(*b ? 1 : 0);
+        } else if (auto* other = std::get_if<Other>(&value)) {
+            node = plist_copy(other->node.get());
         } else {
             node = plist_new_array();
             for (const auto& s : std::get<std::vector<std::string>>(value))
@@ -66,13 +102,14 @@ std::string FileSettingsStore::toPropertyList(const std::map<std::string, Value>
     return xml ? std::string(xml, length) : std::string();
 }
 
-std::optional<std::map<std::string, FileSettingsStore::Value>> FileSettingsStore::fromPropertyList(std::string_view bytes) {
+std::optional<std::map<std::string, FileSettingsStore::Value>>
+FileSettingsStore::fromPropertyList(std::string_view bytes) {
     if (bytes.empty() || bytes.size() > UINT32_MAX) return std::nullopt;
     plist_t root = nullptr;
     // XML as written here, or binary; anything else (JSON text included) is not a settings file.
     if (bytes.starts_with("bplist00"))
         plist_from_bin(bytes.data(), static_cast<uint32_t>(bytes.size()), &root);
-    else
+    else if (!nestsTooDeeply(bytes))
         plist_from_xml(bytes.data(), static_cast<uint32_t>(bytes.size()), &root);
     PlistPtr owned(root);
     if (!root || plist_get_node_type(root) != PLIST_DICT) return std::nullopt;
@@ -87,13 +124,13 @@ std::optional<std::map<std::string, FileSettingsStore::Value>> FileSettingsStore
         plist_dict_next_item(root, iter, &key, &node);
         std::unique_ptr<char, CFree> ownedKey(key);
         if (!key || !node) break;
-        if (auto value = valueOf(node)) values.emplace(key, std::move(*value));
+        values.emplace(key, valueOf(node));
     }
     return values;
 }
 
 FileSettingsStore::FileSettingsStore(std::filesystem::path file) : file_(std::move(file)) {
-    if (auto bytes = readWholeFile(file_))
+    if (auto bytes = readKeptFile(file_))
         if (auto values = fromPropertyList(*bytes)) values_ = std::move(*values);
 }
 
@@ -135,21 +172,27 @@ std::vector<SavedSearch> savedSearches(const SettingsStore& store) {
 
 void saveSearches(SettingsStore& store, const std::vector<SavedSearch>& searches) {
     std::vector<std::string> encoded;
-    for (const auto& s : searches) encoded.push_back(encodeJson(s));
+    for (const auto& s : searches)
+        encoded.push_back(encodeJson(s));
     store.setStrings(SettingsKey::savedSearches, encoded);
 }
 
-std::vector<std::string> standardPins() { return {"Desktop", "Documents", "Downloads", "Pictures", "Music", "Videos"}; }
+std::vector<std::string> standardPins() {
+    return {"Desktop", "Documents", "Downloads", "Pictures", "Music", "Videos"};
+}
 
 std::vector<std::string> pinnedFolders(const SettingsStore& store) {
     return store.strings(SettingsKey::pinnedFolders).value_or(standardPins());
 }
 
-std::optional<std::string> pinnablePath(const std::filesystem::path& home, const std::filesystem::path& folder) {
-    auto relative = folder.is_absolute() ? folder.lexically_normal().lexically_relative(home.lexically_normal())
-                                         : folder.lexically_normal();
+std::optional<std::string> pinnablePath(const std::filesystem::path& home,
+                                        const std::filesystem::path& folder) {
+    auto relative = folder.is_absolute()
+                        ? folder.lexically_normal().lexically_relative(home.lexically_normal())
+                        : folder.lexically_normal();
     auto text = relative.string();
-    while (!text.empty() && text.back() == '/') text.pop_back();
+    while (!text.empty() && text.back() == '/')
+        text.pop_back();
     if (text.empty() || text == "." || text.starts_with("..") || text.starts_with("/")) return std::nullopt;
     if (text.front() == '.' || text == "Library" || text.starts_with("Library/")) return std::nullopt;
     return text;

@@ -8,6 +8,7 @@
 
 #include <filesystem>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <variant>
@@ -33,7 +34,13 @@ class SettingsStore {
 
 class FileSettingsStore final : public SettingsStore {
   public:
-    using Value = std::variant<bool, std::vector<std::string>>;
+    // A value of a type this program does not use (a number, a date, an array holding more than
+    // strings, ...): held as the parsed property-list node, so it is written back exactly as read.
+    struct Other {
+        std::shared_ptr<void> node; // a plist_t, freed with plist_free
+        bool operator==(const Other& other) const;
+    };
+    using Value = std::variant<bool, std::vector<std::string>, Other>;
 
     // Reads `file` once; missing, unreadable or malformed gives no values and no error.
     explicit FileSettingsStore(std::filesystem::path file);
@@ -46,7 +53,8 @@ class FileSettingsStore final : public SettingsStore {
     const std::filesystem::path& file() const { return file_; }
 
     static std::string toPropertyList(const std::map<std::string, Value>& values);
-    // Keys whose values are neither a Boolean nor an array of strings are dropped.
+    // Every key is kept: values that are neither a Boolean nor an array of strings become Other.
+    // Nesting deeper than jsonDepthLimit makes the whole file unreadable.
     static std::optional<std::map<std::string, Value>> fromPropertyList(std::string_view bytes);
 
   private:
@@ -75,7 +83,8 @@ std::vector<std::string> pinnedFolders(const SettingsStore& store);
 std::vector<std::string> standardPins();
 // A path (relative to the home, or absolute under it) that may be pinned: not hidden (".name"), not
 // Library or under it, not outside the home. Gives its relative spelling.
-std::optional<std::string> pinnablePath(const std::filesystem::path& home, const std::filesystem::path& folder);
+std::optional<std::string> pinnablePath(const std::filesystem::path& home,
+                                        const std::filesystem::path& folder);
 // False when the folder may not be pinned or is pinned already.
 bool addPin(SettingsStore& store, const std::filesystem::path& home, const std::filesystem::path& folder);
 bool removePin(SettingsStore& store, const std::string& pin);

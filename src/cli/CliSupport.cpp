@@ -1,5 +1,8 @@
 #include "cli/CliSupport.h"
 
+#include "VantleSpec/TerminalText.h"
+
+#include <charconv>
 #include <csignal>
 #include <iostream>
 #include <unistd.h>
@@ -35,7 +38,8 @@ bool askYes(const std::string& question) {
 }
 
 void CliContext::refuse(const std::string& sentence) {
-    std::cerr << sentence << "\n";
+    // Sentences carry names read from disk; they reach the terminal escaped like any other name.
+    std::cerr << terminalSafe(sentence) << "\n";
     exitCode = exitRefused;
 }
 
@@ -46,6 +50,18 @@ void printJson(const Json& value) {
 CLI::Option* addJsonFlag(CLI::App* command) {
     static const std::string description = "Print the result as JSON";
     return command->add_flag("--json", description);
+}
+
+CLI::Validator countFromOneTo(int most) {
+    return CLI::Validator(
+        [most](std::string& text) -> std::string {
+            int value = 0;
+            auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+            if (error == std::errc() && end == text.data() + text.size() && value >= 1 && value <= most)
+                return {};
+            return "takes a whole number from 1 to " + std::to_string(most) + ", not " + terminalSafe(text);
+        },
+        "1.." + std::to_string(most));
 }
 
 bool stderrIsTerminal() {

@@ -45,6 +45,9 @@ void printJson(const Json& value);
 CLI::Option* addJsonFlag(CLI::App* command);
 bool stderrIsTerminal();
 
+// A count the user gives (--limit): a whole number from 1 to `most`, refused in one short sentence.
+CLI::Validator countFromOneTo(int most);
+
 // Asks a yes-or-no question on the terminal; true only for an answer starting with "y". Without
 // --yes, a closed input answers no.
 bool askYes(const std::string& question);

@@ -2,6 +2,8 @@
 // search, duplicates and sources are added beneath `files` by addFilesSearchCommands.
 #include "cli/Commands.h"
 
+#include "VantleSpec/TerminalText.h"
+
 #include "VantleLibrary/DiskWalk.h"
 #include "VantleSpec/ByteCount.h"
 #include "VantleSpec/Sentence.h"
@@ -46,16 +48,16 @@ void printSummary(const LibrarySummary& summary) {
         std::cout << "  " << std::left << std::setw(11) << title(category.kind) << std::right << std::setw(14)
                   << filesCount(category.count) << "  " << std::setw(9) << fileBytes(category.bytes) << "\n";
         for (const auto& sample : category.samples)
-            std::cout << "      " << sample.path << "\n";
+            std::cout << "      " << terminalSafe(sample.path) << "\n";
     }
-    if (summary.note) std::cout << *summary.note << "\n";
+    if (summary.note) std::cout << terminalSafe(*summary.note) << "\n";
 }
 
 void printItems(const std::vector<FileItem>& items) {
     for (const auto& item : items)
         std::cout << std::right << std::setw(9) << fileBytes(item.size) << "  "
                   << (item.modified ? isoDate(*item.modified).substr(0, 10) : std::string(10, ' ')) << "  "
-                  << item.path << "\n";
+                  << terminalSafe(item.path) << "\n";
 }
 
 std::optional<SmartList> listNamed(const std::string& name) {
@@ -109,7 +111,7 @@ void addFilesCommands(CLI::App& app, CliContext& ctx) {
     auto name = std::make_shared<std::string>();
     auto limit = std::make_shared<int>(50);
     lists->add_option("list", *name, "One list's files: " + listNames());
-    lists->add_option("--limit", *limit, "Most files shown for one list")->check(CLI::PositiveNumber);
+    lists->add_option("--limit", *limit, "Most files shown for one list")->check(countFromOneTo(100'000));
     auto* listsJson = addJsonFlag(lists);
     lists->callback([&ctx, name, limit, listsJson] {
         std::optional<SmartList> chosen;
@@ -144,7 +146,7 @@ void addFilesCommands(CLI::App& app, CliContext& ctx) {
                           << fileBytes(card.bytes) << "  " << card.detail << "\n";
             std::cout << duplicatesElsewhereNote << "\n";
         }
-        if (auto note = reading.reading.note()) std::cout << *note << "\n";
+        if (auto note = reading.reading.note()) std::cout << terminalSafe(*note) << "\n";
     });
 
     addFilesSearchCommands(*files, ctx);

@@ -3,6 +3,8 @@
 // Each reads the catalog first (walking the home when the reading in hand is stale).
 #include "cli/Commands.h"
 
+#include "VantleSpec/TerminalText.h"
+
 #include "VantleLibrary/Duplicates.h"
 #include "VantleLibrary/FileQueryRunner.h"
 #include "VantleLibrary/SearchParser.h"
@@ -68,7 +70,8 @@ template <class Work> void withCatalog(CliContext& ctx, Work work) {
 
 std::string shownPath(const std::string& path, const std::filesystem::path& home) {
     auto prefix = home.string() + "/";
-    return path.starts_with(prefix) ? "~/" + path.substr(prefix.size()) : path;
+    // Every name shown on a terminal passes here.
+    return terminalSafe(path.starts_with(prefix) ? "~/" + path.substr(prefix.size()) : path);
 }
 
 std::string localDate(const std::optional<TimePoint>& at) {
@@ -99,13 +102,13 @@ void printSearch(const SearchResult& result, const std::filesystem::path& home) 
     if (!result.parsed.chips.empty()) {
         std::cout << "Understood: ";
         for (size_t i = 0; i < result.parsed.chips.size(); ++i)
-            std::cout << (i ? " · " : "") << result.parsed.chips[i];
+            std::cout << (i ? " · " : "") << terminalSafe(result.parsed.chips[i]);
         std::cout << "\n";
     }
     if (!query.terms.empty()) {
         std::cout << "Names containing: ";
         for (size_t i = 0; i < query.terms.size(); ++i)
-            std::cout << (i ? ", " : "") << '"' << query.terms[i] << '"';
+            std::cout << (i ? ", " : "") << '"' << terminalSafe(query.terms[i]) << '"';
         std::cout << "\n";
     }
     std::cout << countOf(result.total, "file", "files");
@@ -115,7 +118,7 @@ void printSearch(const SearchResult& result, const std::filesystem::path& home) 
     for (const auto& item : result.items)
         std::cout << padLeft(fileBytes(item.size), 10) << "  " << localDate(item.modified) << "  "
                   << shownPath(item.path, home) << "\n";
-    if (result.note) std::cout << *result.note << "\n";
+    if (result.note) std::cout << terminalSafe(*result.note) << "\n";
 }
 
 void printDuplicates(const DuplicateScan& scan, const std::filesystem::path& home) {
@@ -148,7 +151,7 @@ void printDuplicates(const DuplicateScan& scan, const std::filesystem::path& hom
               << (scan.bytesRead == 0 ? std::string("nothing (every file was known)")
                                       : fileBytes(scan.bytesRead))
               << " in " << oneDecimal(scan.seconds) << " s.\n";
-    if (scan.note) std::cout << *scan.note << "\n";
+    if (scan.note) std::cout << terminalSafe(*scan.note) << "\n";
 }
 
 void printSources(const std::vector<SourceGroup>& groups, const std::filesystem::path& home) {
@@ -160,7 +163,7 @@ void printSources(const std::vector<SourceGroup>& groups, const std::filesystem:
     for (const auto& g : groups)
         width = std::max(width, g.name.size());
     for (const auto& g : groups) {
-        std::cout << g.name << std::string(width - g.name.size() + 2, ' ')
+        std::cout << terminalSafe(g.name) << std::string(width - g.name.size() + 2, ' ')
                   << padLeft(countOf(g.count, "file", "files"), 12) << padLeft(fileBytes(g.bytes), 11)
                   << "\n";
         for (const auto& item : g.samples)
@@ -192,7 +195,7 @@ void addFilesSearchCommands(CLI::App& files, CliContext& ctx) {
     auto words = std::make_shared<std::vector<std::string>>();
     auto limit = std::make_shared<int>(100);
     search->add_option("words", *words, "What to look for, in plain words")->expected(0, -1);
-    search->add_option("--limit", *limit, "Show at most this many files")->check(CLI::Range(1, 100'000));
+    search->add_option("--limit", *limit, "Show at most this many files")->check(countFromOneTo(100'000));
     auto* searchJson = addJsonFlag(search);
     search->callback([&ctx, words, limit, searchJson] {
         auto text =

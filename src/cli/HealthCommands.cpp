@@ -3,9 +3,13 @@
 // (`history`, `seed-week`) hang beneath it.
 #include "cli/Commands.h"
 
+#include "VantleSpec/TerminalText.h"
+
 #include "VantleSpec/ByteCount.h"
 #include "VantleSpec/HealthScoreKeeper.h"
 
+#include <algorithm>
+#include <cmath>
 #include <iostream>
 #include <thread>
 
@@ -23,6 +27,9 @@ std::string rate(double bytesPerSecond) {
 }
 
 std::string duration(double seconds) {
+    // A stand-in's uptime may say anything; shown, it is never below zero nor past a century.
+    if (!std::isfinite(seconds) || seconds < 0) seconds = 0;
+    seconds = std::min(seconds, 100.0 * 365 * 86'400);
     auto total = std::int64_t(seconds) / 60;
     std::int64_t days = total / 1440, hours = total / 60 % 24, minutes = total % 60;
     auto unit = [](std::int64_t n, const char* word) {
@@ -37,7 +44,7 @@ std::string processList(const std::vector<VitalsSnapshot::Process>& processes, b
     std::string out;
     for (const auto& p : processes) {
         if (!out.empty()) out += ", ";
-        out += p.name + " " +
+        out += terminalSafe(p.name) + " " +
                (byMemory ? memoryBytes(std::int64_t(p.memoryBytes)) : percent(p.cpuPercent / 100));
     }
     return out.empty() ? "none read" : out;
@@ -47,7 +54,7 @@ void printVitals(const VitalsSnapshot& s) {
     auto row = [](const char* title, const std::string& text) {
         std::cout << "  " << title << std::string(10 - std::string_view(title).size(), ' ') << text << "\n";
     };
-    std::string processor = percent(s.cpu.total) + " busy";
+    std::string processor = percent(std::clamp(s.cpu.total, 0.0, 1.0)) + " busy";
     if (s.cpu.performanceCores && s.cpu.efficiencyCores)
         processor += " (performance cores " + percent(*s.cpu.performanceCores) + ", efficiency cores " +
                      percent(*s.cpu.efficiencyCores) + ")";

@@ -3,6 +3,8 @@
 // the history has something to show.
 #include "cli/Commands.h"
 
+#include "VantleSpec/TerminalText.h"
+
 #include "VantleSpec/ByteCount.h"
 #include "VantleSpec/Sentence.h"
 #include "VantleVitals/HealthHistory.h"
@@ -90,7 +92,7 @@ void printOverall(Span span, const HealthPoint& overall) {
         for (std::size_t i = 0; i < overall.apps.size(); ++i) {
             const auto& app = overall.apps[i];
             // An app's share is of one core, as the activity list shows it.
-            std::cout << (i ? ", " : "") << app.name << " " << std::lround(app.cpu) << "%";
+            std::cout << (i ? ", " : "") << terminalSafe(app.name) << " " << std::lround(app.cpu) << "%";
         }
         std::cout << "\n";
     }
@@ -114,6 +116,9 @@ void addHealthHistoryCommands(CLI::App& health, CliContext& ctx) {
         if (!live) return;
         const Span chosen = enumFromName<Span>(*span).value_or(Span::day);
         const auto reading = live->healthHistory->read(chosen);
+        // An empty reading of a record that could not be opened is not "nothing yet".
+        if (reading.points.empty())
+            if (auto problem = live->healthRecord->problem()) return ctx.refuse(*problem);
         if (*json) return printJson(Json(reading));
         if (reading.points.empty()) {
             std::cout << fillIn(emptySentence, {{"span", nameOf(chosen)}}) << "\n";

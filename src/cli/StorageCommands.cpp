@@ -2,6 +2,8 @@
 // prints the report, and keeps it in the data folder for later runs.
 #include "cli/Commands.h"
 
+#include "VantleSpec/TerminalText.h"
+
 #include "VantleSpec/ByteCount.h"
 #include "VantleSpec/Sentence.h"
 #include "VantleStorage/StorageReport.h"
@@ -10,6 +12,19 @@
 #include <memory>
 
 namespace vantle::cli {
+
+namespace {
+// The report's lines as written, each made safe for the terminal (names of found items among them).
+void printReportText(const std::string& text) {
+    size_t start = 0;
+    while (start < text.size()) {
+        auto end = text.find('\n', start);
+        if (end == std::string::npos) end = text.size();
+        std::cout << terminalSafe(std::string_view(text).substr(start, end - start)) << "\n";
+        start = end + 1;
+    }
+}
+} // namespace
 
 namespace {
 
@@ -76,7 +91,7 @@ void addStorageCommands(CLI::App& app, CliContext& ctx) {
         if (*json)
             printJson(Json(report));
         else
-            std::cout << storageReportText(report);
+            printReportText(storageReportText(report));
     });
     addStorageCleanCommands(*storage, ctx);
 }

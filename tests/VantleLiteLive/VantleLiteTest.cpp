@@ -19,7 +19,7 @@ VantleLite::Options sandboxOptions(const TempDir& dir, const fs::path& box) {
 }
 
 unsigned modeOf(const fs::path& p) {
-    struct stat st{};
+    struct stat st {};
     return ::stat(p.c_str(), &st) == 0 ? (st.st_mode & 0777) : 0;
 }
 
@@ -33,7 +33,8 @@ TEST(VantleLiteMake, SandboxGetsItsPlacesAPrivateDataFolderAndALedger) {
     EXPECT_EQ(live->home, dir / "box");
     EXPECT_TRUE(live->isSandbox);
     EXPECT_EQ(live->support, dir / "box/.vantle-lite");
-    for (auto name : {"Desktop", "Documents", "Downloads"}) EXPECT_TRUE(fs::is_directory(dir / "box" / name)) << name;
+    for (auto name : {"Desktop", "Documents", "Downloads"})
+        EXPECT_TRUE(fs::is_directory(dir / "box" / name)) << name;
     EXPECT_EQ(modeOf(live->support), 0700u);
     EXPECT_EQ(modeOf(live->support / "egress-ledger.jsonl"), 0600u);
     EXPECT_FALSE(live->offline);
@@ -111,7 +112,8 @@ TEST(VantleLiteMake, RealRunUsesTheFreedesktopDataFolderAndNoStandIns) {
     TempDir dir;
     VantleLite::Options options;
     options.realHome = dir.mkdir("me");
-    options.support = dir / "me/.local/share/Vantle Lite"; // the environment's XDG_DATA_HOME is not ours to set
+    options.support =
+        dir / "me/.local/share/Vantle Lite"; // the environment's XDG_DATA_HOME is not ours to set
     auto live = VantleLite::make(options);
     ASSERT_TRUE(live) << live.error().sentence;
     EXPECT_FALSE(live->isSandbox);
@@ -123,7 +125,128 @@ TEST(VantleLiteMake, RealRunUsesTheFreedesktopDataFolderAndNoStandIns) {
     auto profile = PlatformProfile::linuxReal("/home/ada", {{"XDG_DATA_HOME", "relative/ignored"}});
     EXPECT_EQ(profile.dataFolder, "/home/ada/.local/share/Vantle Lite");
     EXPECT_EQ(profile.trashFolder, "/home/ada/.local/share/Trash");
-    profile = PlatformProfile::linuxReal("/home/ada", {{"XDG_DATA_HOME", "/data"}, {"XDG_CONFIG_HOME", "/cfg"}});
+    profile =
+        PlatformProfile::linuxReal("/home/ada", {{"XDG_DATA_HOME", "/data"}, {"XDG_CONFIG_HOME", "/cfg"}});
     EXPECT_EQ(profile.dataFolder, "/data/Vantle Lite");
     EXPECT_EQ(profile.launchAgentsFolder, "/cfg/autostart");
+}
+
+TEST(VantleLiteMake, RealRunStartsWhenLocalOrLocalShareIsALink) {
+    TempDir dir;
+    dir.mkdir("dotfiles/local/share");
+    dir.mkdir("me");
+    fs::create_directory_symlink(dir / "dotfiles/local", dir / "me/.local");
+    VantleLite::Options options;
+    options.realHome = dir / "me";
+    options.support = dir / "me/.local/share/Vantle Lite";
+    auto live = VantleLite::make(options);
+    ASSERT_TRUE(live) << live.error().sentence;
+    EXPECT_TRUE(fs::is_directory(dir / "dotfiles/local/share/Vantle Lite"));
+    EXPECT_EQ(modeOf(dir / "dotfiles/local/share/Vantle Lite"), 0700u);
+
+    TempDir other;
+    other.mkdir("me/.local");
+    other.mkdir("elsewhere");
+    fs::create_directory_symlink(other / "elsewhere", other / "me/.local/share");
+    options.realHome = other / "me";
+    options.support = other / "me/.local/share/Vantle Lite";
+    ASSERT_TRUE(VantleLite::make(options));
+    EXPECT_EQ(modeOf(other / "elsewhere/Vantle Lite"), 0700u);
+}
+
+TEST(VantleLiteMake, DataFolderThatIsItselfALinkIsRefused) {
+    TempDir dir;
+    dir.mkdir("me/.local/share");
+    dir.mkdir("someone-elses");
+    fs::create_directory_symlink(dir / "someone-elses", dir / "me/.local/share/Vantle Lite");
+    VantleLite::Options options;
+    options.realHome = dir / "me";
+    options.support = dir / "me/.local/share/Vantle Lite";
+    auto live = VantleLite::make(options);
+    ASSERT_FALSE(live);
+    EXPECT_EQ(live.error().what, VantleLite::Failure::Case::couldNotMake);
+    EXPECT_NE(modeOf(dir / "someone-elses"), 0700u) << "nothing was restricted through the link";
+}
+
+TEST(VantleLiteMake, SandboxWithALinkedDownloadsInsideItStartsAndMakesNothingThroughIt) {
+    TempDir dir;
+    dir.mkdir("realhome");
+    dir.mkdir("box/stuff");
+    fs::create_directory_symlink(dir / "box/stuff", dir / "box/Downloads");
+    auto live = VantleLite::make(sandboxOptions(dir, dir / "box"));
+    ASSERT_TRUE(live) << live.error().sentence;
+    EXPECT_TRUE(fs::is_symlink(dir / "box/Downloads"));
+    EXPECT_TRUE(fs::is_directory(dir / "box/Desktop"));
+}
+
+TEST(VantleLiteMake, StartUpThatEndsInFailedHasCreatedNothing) {
+    TempDir dir;
+    dir.mkdir("realhome");
+    dir.write("box/.vantle-lite", "a file where the data folder goes");
+    auto live = VantleLite::make(sandboxOptions(dir, dir / "box"));
+    ASSERT_FALSE(live);
+    EXPECT_EQ(live.error().what, VantleLite::Failure::Case::couldNotMake);
+    for (auto name : {"Desktop", "Documents", "Downloads"})
+        EXPECT_FALSE(fs::exists(dir / "box" / name)) << name;
+
+    auto fresh = sandboxOptions(dir, dir / "new/box");
+    fresh.support = dir / "new/box/blocker/data";
+    dir.write("new/box/blocker", "x");
+    ASSERT_FALSE(VantleLite::make(fresh));
+    EXPECT_FALSE(fs::exists(dir / "new/box/Desktop"));
+}
+
+TEST(VantleLiteMake, SandboxGivenAsALinkToAFolderWorksAsTheFolder) {
+    TempDir dir;
+    dir.mkdir("realhome");
+    dir.mkdir("box");
+    fs::create_directory_symlink(dir / "box", dir / "box-link");
+    auto live = VantleLite::make(sandboxOptions(dir, dir / "box-link"));
+    ASSERT_TRUE(live) << live.error().sentence;
+    EXPECT_TRUE(fs::is_directory(dir / "box/.vantle-lite"));
+    EXPECT_TRUE(fs::is_directory(dir / "box/Documents"));
+}
+
+TEST(VantleLiteMake, TornStandInRecordIsKeptBesideItWithANote) {
+    TempDir dir;
+    dir.mkdir("realhome");
+    dir.write("box/.vantle-lite/stand-in-mac.json", "{\"initial\": {\"wifi\": tr");
+    auto live = VantleLite::make(sandboxOptions(dir, dir / "box"));
+    ASSERT_TRUE(live) << live.error().sentence;
+    EXPECT_EQ(vantle::testing::readFile(dir / "box/.vantle-lite/stand-in-mac.json.torn"),
+              "{\"initial\": {\"wifi\": tr");
+    ASSERT_EQ(live->notes.size(), 1u);
+    EXPECT_TRUE(live->notes[0].starts_with("The sandbox's stand-in-mac.json could not be read ("))
+        << live->notes[0];
+    EXPECT_TRUE(
+        live->notes[0].ends_with("so it was kept as stand-in-mac.json.torn and a fresh record was started."));
+}
+
+TEST(VantleLiteMake, DeepStandInMacValuesAreNeverRewrittenLarger) {
+    TempDir dir;
+    dir.mkdir("realhome");
+    // Free-form settings nested just inside the limit, thousands wide: indentation would multiply it.
+    std::string wide = std::string(50, '[') + "1";
+    for (int i = 0; i < 5000; ++i)
+        wide += ",1";
+    wide += std::string(50, ']');
+    std::string record = R"({"initial":{},"settings":{"x":)" + wide +
+                         R"(},"changes":[],"acts":[],"awake":false,"keptAwake":[],"trash":[]})";
+    dir.write("box/.vantle-lite/stand-in-mac.json", record);
+    {
+        auto live = VantleLite::make(sandboxOptions(dir, dir / "box"));
+        ASSERT_TRUE(live) << live.error().sentence;
+        EXPECT_EQ(vantle::testing::readFile(dir / "box/.vantle-lite/stand-in-mac.json"), record)
+            << "read, not rewritten";
+        live->mac->act("lock");
+    }
+    auto after = vantle::testing::readFile(dir / "box/.vantle-lite/stand-in-mac.json");
+    EXPECT_LT(after.size(), record.size() + 200) << "only what this run added";
+
+    dir.write("box/.vantle-lite/stand-in-mac.json", R"({"initial":{},"settings":{"x":)" +
+                                                        std::string(100'000, '[') +
+                                                        std::string(100'000, ']') + "}}");
+    auto live = VantleLite::make(sandboxOptions(dir, dir / "box"));
+    ASSERT_TRUE(live) << live.error().sentence;
+    EXPECT_FALSE(live->notes.empty()) << "too deep to read: kept aside, with a note";
 }

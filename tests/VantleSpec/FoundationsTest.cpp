@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <limits>
+
 using namespace vantle;
 using namespace std::chrono;
 
@@ -27,7 +29,8 @@ TEST(IsoDate, WritesUtcWithMillisecondsAndReadsItBack) {
     EXPECT_EQ(parseIsoDate("2026-11-21T19:13:05.123Z"), at);
     EXPECT_EQ(parseIsoDate("2026-11-21T20:13:05.123+01:00"), at);
     EXPECT_EQ(parseIsoDate("2026-11-21T19:13:05Z"), at - 123ms);
-    EXPECT_EQ(isoDate(sys_days{1999y / December / 31} + 23h + 59min + 59s + 999ms), "1999-12-31T23:59:59.999Z");
+    EXPECT_EQ(isoDate(sys_days{1999y / December / 31} + 23h + 59min + 59s + 999ms),
+              "1999-12-31T23:59:59.999Z");
 }
 
 TEST(IsoDate, RefusesWhatIsNotADate) {
@@ -77,5 +80,14 @@ TEST(RecordJson, MalformedInputIsAnErrorValue) {
     EXPECT_FALSE(decodeJson<Sample>(R"({"name":"a","at":"2026-01-02T03:00:00Z","colour":"blue"})"));
     EXPECT_FALSE(decodeJson<Sample>(R"({"at":"2026-01-02T03:00:00Z","colour":"red"})"));
     EXPECT_FALSE(decodeJson<Sample>(R"([1,2])"));
-    EXPECT_TRUE(decodeJson<Sample>(R"({"name":"a","count":null,"at":"2026-01-02T03:00:00Z","colour":"red"})"));
+    EXPECT_TRUE(
+        decodeJson<Sample>(R"({"name":"a","count":null,"at":"2026-01-02T03:00:00Z","colour":"red"})"));
+}
+
+TEST(ByteCount, PercentOfAnOutOfRangeReadingIsClampedNotWrapped) {
+    EXPECT_EQ(percent(0.425), "43%");
+    EXPECT_EQ(percent(1.875), "188%") << "a process may use more than one core";
+    EXPECT_EQ(percent(1e308), "1000000%") << "was shown as -9223372036854775808%";
+    EXPECT_EQ(percent(-0.5), "0%");
+    EXPECT_EQ(percent(std::numeric_limits<double>::quiet_NaN()), "0%");
 }

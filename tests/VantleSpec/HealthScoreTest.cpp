@@ -313,7 +313,7 @@ TEST(HealthScore, ExplanationRowsAreWrittenFromTheComputationsConstants) {
     }
 }
 
-TEST(HealthScore, ScoreAndReadingRoundTrip) {
+TEST(HealthScore, ScoreKeysAndUnknownPenaltyKinds) {
     auto r = withDisk(9'500'000'000, 100'000'000'000);
     r.hasCoreKinds = true;
     r.whole = 0.7;
@@ -323,8 +323,6 @@ TEST(HealthScore, ScoreAndReadingRoundTrip) {
     Json j = s;
     EXPECT_EQ(j.begin().key(), "value");
     EXPECT_EQ(j["penalties"][0]["kind"], "disk");
-    EXPECT_EQ(decodeJson<HealthScore>(encodeJson(s)), s);
-    EXPECT_EQ(decodeJson<HealthScore::Reading>(encodeJson(r)), r);
     EXPECT_FALSE(decodeJson<HealthScore>(R"({"value":90,"penalties":[{"kind":"mood","points":1,"line":""}],)"
                                          R"("exact":true})"));
 }

@@ -30,13 +30,6 @@ FileItem fullItem(std::string path) {
     return item;
 }
 
-template <class T> void expectRoundTrip(const T& value) {
-    auto text = encodeJson(value);
-    auto back = decodeJson<T>(text);
-    ASSERT_TRUE(back) << back.error();
-    EXPECT_EQ(*back, value) << text;
-}
-
 } // namespace
 
 TEST(LibraryRecords, KindsAndListsKeepTheirOrderTitlesAndSymbols) {
@@ -84,49 +77,6 @@ TEST(LibraryRecords, FileItemUsesTheFieldNamesAsKeysInOrder) {
     EXPECT_FALSE(b.contains("length"));
     EXPECT_FALSE(b.contains("created"));
     EXPECT_TRUE(b["sources"].is_array());
-}
-
-TEST(LibraryRecords, EveryRecordRoundTripsThroughJson) {
-    auto item = fullItem("/home/a/Movies/Holiday.mov");
-    FileItem bare;
-    bare.path = "/home/a/x";
-    bare.name = "x";
-    expectRoundTrip(item);
-    expectRoundTrip(bare);
-
-    CategorySummary videos{LibraryKind::videos, 2, 5'000'000'100, {item, bare}};
-    expectRoundTrip(videos);
-    expectRoundTrip(LibrarySummary{3, 5'000'000'200, {videos}, marchDay(5), true, "Read 300,000 entries"});
-
-    expectRoundTrip(
-        CleanUpCard{SmartList::bigOldVideos, 1, item.size, {item}, "Not opened for a year", true});
-    expectRoundTrip(SourceGroup{"gmail", "Gmail", 1, item.size, {item}});
-    DuplicateGroup group{"9f86d081884c7d65", 10, {item, bare}};
-    expectRoundTrip(group);
-    expectRoundTrip(DuplicateLook{{group, group}, false});
-
-    FileQuery query;
-    query.kinds = {LibraryKind::videos, LibraryKind::images};
-    query.extensions = {"pdf", "key"};
-    query.terms = {"invoice", "march 2026"};
-    query.screenshotsOnly = true;
-    query.after = marchDay(1);
-    query.before = marchDay(9);
-    query.dateField = FileQuery::DateField::opened;
-    query.minSize = 1;
-    query.maxSize = 9'000'000'000;
-    query.folder = "/home/a/Downloads";
-    query.source = "gmail";
-    query.camera = "canon";
-    query.sort = FileQuery::Sort::nameDescending;
-    query.limit = 7;
-    expectRoundTrip(query);
-    expectRoundTrip(FileQuery{});
-
-    ParsedSearch parsed{query, {"Videos", "Last month"}, "big videos from last month", 12};
-    expectRoundTrip(parsed);
-    expectRoundTrip(SearchResult{parsed, {item}, 40, "Only the first 300,000 files were read"});
-    expectRoundTrip(SearchResult{});
 }
 
 TEST(LibraryRecords, AnEmptySummaryStaysEmptyThroughJson) {

@@ -77,19 +77,12 @@ ProcessRow fullRow() {
 
 } // namespace
 
-TEST(VitalsRecords, EverySnapshotFieldSurvivesTheRoundTrip) {
-    auto s = fullSnapshot();
-    auto back = decodeJson<VitalsSnapshot>(encodeJson(s));
-    ASSERT_TRUE(back) << back.error();
-    EXPECT_EQ(*back, s);
-
-    // A bare snapshot leaves its optionals out and still reads back equal.
+TEST(VitalsRecords, BareSnapshotLeavesItsOptionalsOut) {
     VitalsSnapshot bare;
     bare.at = at(1);
     auto text = encodeJson(bare);
     for (auto key : {"gpu", "diskActivity", "performanceCores", "battery", "charge"})
         EXPECT_EQ(text.find(key), std::string::npos) << key;
-    EXPECT_EQ(decodeJson<VitalsSnapshot>(text), bare);
 }
 
 TEST(VitalsRecords, KeysAreTheFieldNamesInOrder) {
@@ -106,37 +99,73 @@ TEST(VitalsRecords, KeysAreTheFieldNamesInOrder) {
     EXPECT_EQ(j["at"], "2026-03-04T09:00:00.250Z");
 }
 
-TEST(VitalsRecords, SampleAndReadingRoundTrip) {
+TEST(VitalsRecords, SampleOfASnapshot) {
     auto s = fullSnapshot();
     auto sample = VitalsSample::of(s);
     EXPECT_DOUBLE_EQ(sample.memory, 9.0 / 16.0);
     EXPECT_EQ(sample.performance, 0.5);
     EXPECT_EQ(sample.thermal, VitalsSnapshot::Thermal::serious);
-    MacReading reading{s, {sample, VitalsSample{at(2), 0.1, 0.2, std::nullopt, {}, {}}}};
-    EXPECT_EQ(decodeJson<MacReading>(encodeJson(reading)), reading);
 }
 
-TEST(ActivityRecords, RowsTotalsAndAgentsRoundTrip) {
-    ActivitySample sample;
-    sample.rows = {fullRow(), ProcessRow{.pid = 2, .name = "bare"}};
-    sample.totals = {
-        at(3), 0.5, 0.3, 0.2, 8ull << 30, 16ull << 30, 1ull << 30, 0, VitalsSnapshot::Pressure::critical,
-        14.5,  1,   2,   3,   4,          312,         2048};
-    sample.agents = {{{"code_agent", "Code agent", "Writes code", "/opt/agent", {{fullRow(), {fullRow()}}}}},
-                     0.25,
-                     1ull << 30,
-                     0.06,
-                     std::nullopt,
-                     AgentLoad::moderate};
-    auto back = decodeJson<ActivitySample>(encodeJson(sample));
-    ASSERT_TRUE(back) << back.error();
-    EXPECT_EQ(*back, sample);
+namespace {
+std::vector<std::string> keysOf(const Json& j) {
+    std::vector<std::string> keys;
+    for (auto& [k, v] : j.items())
+        keys.push_back(k);
+    return keys;
+}
+} // namespace
 
+TEST(ActivityRecords, ProcessRowKeysAreItsFieldNamesInOrder) {
     Json row = fullRow();
-    EXPECT_EQ(row.begin().key(), "pid");
+    EXPECT_EQ(keysOf(row), (std::vector<std::string>{"pid",
+                                                     "parent",
+                                                     "name",
+                                                     "app",
+                                                     "path",
+                                                     "bundleID",
+                                                     "user",
+                                                     "isOwn",
+                                                     "kind",
+                                                     "agent",
+                                                     "cpuPercent",
+                                                     "cpuSeconds",
+                                                     "threads",
+                                                     "idleWakeups",
+                                                     "memory",
+                                                     "realMemory",
+                                                     "watts",
+                                                     "energyImpact",
+                                                     "preventsSleep",
+                                                     "diskReadPerSecond",
+                                                     "diskWrittenPerSecond",
+                                                     "diskReadTotal",
+                                                     "diskWrittenTotal",
+                                                     "networkInPerSecond",
+                                                     "networkOutPerSecond",
+                                                     "networkInTotal",
+                                                     "networkOutTotal",
+                                                     "started"}));
     EXPECT_EQ(row["kind"], "app");
-    EXPECT_EQ(row["diskReadTotal"].get<std::uint64_t>(), 1ull << 33);
+    EXPECT_EQ(row["diskReadTotal"].get<std::uint64_t>(), 1ull << 33) << "past 32 bits";
+    EXPECT_EQ(row["started"], "2026-03-04T08:00:00.250Z");
     Json bare = ProcessRow{};
     EXPECT_FALSE(bare.contains("started"));
     EXPECT_FALSE(bare.contains("watts"));
+    EXPECT_FALSE(bare.contains("app"));
+}
+
+TEST(ActivityRecords, ActivityTotalsKeysAreItsFieldNamesInOrder) {
+    ActivityTotals totals{
+        at(3), 0.5, 0.3, 0.2, 8ull << 30, 16ull << 30, 1ull << 30, 0, VitalsSnapshot::Pressure::critical,
+        14.5,  1,   2,   3,   4,          312,         2048};
+    Json j = totals;
+    EXPECT_EQ(keysOf(j), (std::vector<std::string>{
+                             "date", "cpu", "cpuUser", "cpuSystem", "memoryUsed", "memoryTotal", "compressed",
+                             "swapUsed", "pressure", "watts", "diskReadPerSecond", "diskWrittenPerSecond",
+                             "networkInPerSecond", "networkOutPerSecond", "processes", "threads"}));
+    EXPECT_EQ(j["pressure"], "critical");
+    EXPECT_EQ(j["processes"], 312);
+    totals.watts.reset();
+    EXPECT_FALSE(Json(totals).contains("watts"));
 }

@@ -5,8 +5,8 @@
 #include <gtest/gtest.h>
 
 using namespace vantle;
-using vantle::testing::TempDir;
 using vantle::testing::readFile;
+using vantle::testing::TempDir;
 
 TEST(FileSettingsStore, WritesAnXmlPropertyListAndReadsItBack) {
     TempDir dir;
@@ -41,7 +41,8 @@ TEST(FileSettingsStore, JsonTextOrAStringWelcomedReadsAsNotSet) {
 <key>savedSearches</key><array><string>{}</string><integer>3</integer></array></dict></plist>)");
     FileSettingsStore stringy(dir / "b/home.json");
     EXPECT_FALSE(stringy.boolean(SettingsKey::welcomed)) << "the welcome is shown again";
-    EXPECT_FALSE(stringy.strings(SettingsKey::savedSearches)) << "an array holding a non-string is not a list";
+    EXPECT_FALSE(stringy.strings(SettingsKey::savedSearches))
+        << "an array holding a non-string is not a list";
 }
 
 TEST(FileSettingsStore, FailedSaveKeepsTheValueForThisRunAndTheOldFile) {
@@ -86,4 +87,47 @@ TEST(PinnedFolders, HiddenAndLibraryFoldersAreNotOfferedAndPinsAreRelative) {
     auto pins = FileSettingsStore(dir / "home.json").strings(SettingsKey::pinnedFolders);
     ASSERT_TRUE(pins);
     EXPECT_EQ(pins->front(), "Documents");
+}
+
+TEST(FileSettingsStore, KeysOfOtherTypesSurviveAWriteExactly) {
+    TempDir dir;
+    dir.write("home.json", R"(<?xml version="1.0" encoding="UTF-8"?>
+<!DOCTYPE plist PUBLIC "-//Apple//DTD PLIST 1.0//EN" "http://www.apple.com/DTDs/PropertyList-1.0.dtd">
+<plist version="1.0"><dict>
+<key>windowWidth</key><integer>1320</integer>
+<key>lastSeen</key><date>2026-11-21T19:13:05Z</date>
+<key>welcomed</key><string>yes</string>
+<key>pinnedFolders</key><array><string>Documents</string><integer>3</integer></array>
+<key>nested</key><dict><key>a</key><array><real>2.5</real></array></dict>
+</dict></plist>)");
+    {
+        FileSettingsStore store(dir / "home.json");
+        EXPECT_FALSE(store.boolean(SettingsKey::welcomed))
+            << "only the key that expected a Boolean reads as absent";
+        EXPECT_FALSE(store.strings(SettingsKey::pinnedFolders));
+        store.setStrings(SettingsKey::savedSearches, {"{}"});
+    }
+    auto text = readFile(dir / "home.json");
+    EXPECT_NE(text.find("<key>windowWidth</key>"), std::string::npos) << text;
+    EXPECT_NE(text.find("<integer>1320</integer>"), std::string::npos);
+    EXPECT_NE(text.find("<date>2026-11-21T19:13:05Z</date>"), std::string::npos);
+    EXPECT_NE(text.find("<string>yes</string>"), std::string::npos);
+    EXPECT_NE(text.find("<integer>3</integer>"), std::string::npos) << "the mixed array is kept whole";
+    EXPECT_NE(text.find("<real>2.5"), std::string::npos);
+    FileSettingsStore reread(dir / "home.json");
+    EXPECT_EQ(reread.strings(SettingsKey::savedSearches), std::vector<std::string>{"{}"});
+}
+
+TEST(FileSettingsStore, DeeplyNestedSettingsFileReadsAsEmptyNotACrash) {
+    TempDir dir;
+    std::string deep;
+    for (int i = 0; i < 100'000; ++i)
+        deep += "<array>";
+    for (int i = 0; i < 100'000; ++i)
+        deep += "</array>";
+    dir.write("home.json", "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>welcomed</key><true/>"
+                           "<key>x</key>" +
+                               deep + "</dict></plist>");
+    FileSettingsStore store(dir / "home.json");
+    EXPECT_FALSE(store.boolean(SettingsKey::welcomed));
 }

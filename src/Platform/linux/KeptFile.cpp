@@ -3,6 +3,7 @@
 #include "Platform/SystemError.h"
 #include "Platform/UniqueFd.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <sys/stat.h>
 #include <unistd.h>

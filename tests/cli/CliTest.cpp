@@ -1,0 +1,125 @@
+// The `vantle` command run as a person runs it from a terminal: exit codes, sentences, what reaches
+// the screen. Each case starts the built program in a sandbox of its own.
+#include "support/TempDir.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sys/wait.h>
+
+using vantle::testing::readFile;
+using vantle::testing::TempDir;
+namespace fs = std::filesystem;
+
+namespace {
+
+struct Ran {
+    int exit = -1;
+    std::string out;
+    std::string err;
+};
+
+std::string quoted(const std::string& s) {
+    std::string q = "'";
+    for (char c : s)
+        q += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return q + "'";
+}
+
+// Runs `vantle` with the arguments (each quoted) under a home of the test's own; `redirect` replaces
+// where standard output goes.
+Ran run(const TempDir& dir, const std::vector<std::string>& arguments, const std::string& redirect = "") {
+    std::string command = "HOME=" + quoted((dir / "home").string()) + " XDG_DATA_HOME= " + quoted(VANTLE_CLI);
+    for (const auto& a : arguments)
+        command += " " + quoted(a);
+    auto out = dir / "stdout", err = dir / "stderr";
+    command += redirect.empty() ? " >" + quoted(out.string()) : " " + redirect;
+    command += " 2>" + quoted(err.string());
+    int status = std::system(command.c_str());
+    Ran ran;
+    ran.exit = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    ran.out = fs::exists(out) ? readFile(out) : "";
+    ran.err = readFile(err);
+    return ran;
+}
+
+} // namespace
+
+TEST(VantleCommand, TrailingSandboxIsAUsageErrorNotARunOnTheRealHome) {
+    TempDir dir;
+    dir.mkdir("home");
+    auto ran = run(dir, {"status", "-sandbox"});
+    EXPECT_EQ(ran.exit, 2);
+    EXPECT_NE(ran.err.find("-sandbox needs the sandbox's folder"), std::string::npos) << ran.err;
+    EXPECT_FALSE(fs::exists(dir / "home/.local/share/Vantle Lite"))
+        << "nothing written in the real data folder";
+
+    auto empty = run(dir, {"-sandbox", "", "status"});
+    EXPECT_EQ(empty.exit, 2);
+    EXPECT_NE(empty.err.find("-sandbox \"\" names no folder"), std::string::npos) << empty.err;
+}
+
+TEST(VantleCommand, UnknownSubcommandIsNamed) {
+    TempDir dir;
+    auto ran = run(dir, {"-sandbox", (dir / "box").string(), "frobnicate"});
+    EXPECT_EQ(ran.exit, 2);
+    EXPECT_NE(ran.err.find("There is no command “frobnicate”"), std::string::npos) << ran.err;
+    auto nested = run(dir, {"-sandbox", (dir / "box").string(), "files", "sumary"});
+    EXPECT_EQ(nested.exit, 2);
+    EXPECT_NE(nested.err.find("“sumary”"), std::string::npos) << nested.err;
+    EXPECT_NE(nested.err.find("summary"), std::string::npos) << "the commands that are there are listed";
+}
+
+TEST(VantleCommand, LimitZeroGetsAShortClearSentence) {
+    TempDir dir;
+    auto ran = run(dir, {"-sandbox", (dir / "box").string(), "files", "lists", "recent", "--limit", "0"});
+    EXPECT_EQ(ran.exit, 2);
+    EXPECT_LT(ran.err.size(), 200u) << ran.err;
+    EXPECT_NE(ran.err.find("from 1 to 100000"), std::string::npos) << ran.err;
+}
+
+TEST(VantleCommand, FailedWriteToStandardOutputExitsOne) {
+    TempDir dir;
+    auto ran = run(dir, {"-sandbox", (dir / "box").string(), "status"}, ">/dev/full");
+    EXPECT_EQ(ran.exit, 1);
+    EXPECT_NE(ran.err.find("could not be written to the output"), std::string::npos) << ran.err;
+}
+
+TEST(VantleCommand, CorruptHealthRecordSaysItCouldNotBeRead) {
+    TempDir dir;
+    dir.write("box/.vantle-lite/Health/record.sqlite", std::string(8192, 'x'));
+    auto ran = run(dir, {"-sandbox", (dir / "box").string(), "health", "history"});
+    EXPECT_EQ(ran.exit, 1);
+    EXPECT_EQ(ran.out.find("holds nothing"), std::string::npos);
+    EXPECT_NE(ran.err.find("could not be read"), std::string::npos) << ran.err;
+}
+
+TEST(VantleCommand, ConcurrentSeedWeeksWaitForEachOtherInsteadOfFailing) {
+    TempDir dir;
+    auto box = quoted((dir / "box").string());
+    ASSERT_EQ(run(dir, {"-sandbox", (dir / "box").string(), "status"}).exit, 0); // the data folder exists
+    std::string script;
+    for (int i = 0; i < 4; ++i)
+        script += quoted(VANTLE_CLI) + " -sandbox " + box + " health seed-week >/dev/null 2>" +
+                  quoted((dir / ("err" + std::to_string(i))).string()) + " & ";
+    script += "wait";
+    ASSERT_EQ(std::system(("HOME=" + quoted((dir / "home").string()) + " bash -c " + quoted(script)).c_str()),
+              0);
+    for (int i = 0; i < 4; ++i) {
+        auto err = readFile(dir / ("err" + std::to_string(i)));
+        EXPECT_EQ(err.find("could not be written"), std::string::npos) << err;
+    }
+}
+
+TEST(VantleCommand, ControlCharactersInNamesReachTheTerminalEscaped) {
+    TempDir dir;
+    dir.write("box/Documents/evil\x1b]0;pwned\x07\nname.pdf", "%PDF-1.4");
+    auto ran = run(dir, {"-sandbox", (dir / "box").string(), "files", "search", "pdf"});
+    EXPECT_EQ(ran.exit, 0) << ran.err;
+    EXPECT_EQ(ran.out.find('\x1b'), std::string::npos) << ran.out;
+    EXPECT_NE(ran.out.find("evil$'\\033']0;pwned$'\\a\\n'name.pdf"), std::string::npos) << ran.out;
+
+    auto json = run(dir, {"-sandbox", (dir / "box").string(), "files", "search", "pdf", "--json"});
+    EXPECT_NE(json.out.find("pwned"), std::string::npos) << "--json keeps the name for programs to read";
+}
