@@ -84,6 +84,8 @@ template <class T> T fitted(const Json& j) {
             return static_cast<T>(v);
         }
         throw std::invalid_argument("not a whole number: " + j.dump());
+    } else if constexpr (std::is_same_v<T, Json>) {
+        return j; // a free-form value, kept as it is
     } else {
         // Straight to the serializer rather than through get<T>(): clang settles get<T>()'s
         // "has from_json" test once, at a point where a nested record's from_json may not be
