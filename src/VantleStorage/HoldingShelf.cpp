@@ -3,6 +3,7 @@
 #include "Platform/AtomicFile.h"
 #include "Platform/BeneathOpen.h"
 #include "Platform/EntryStatus.h"
+#include "Platform/KeptFile.h"
 #include "Platform/RenameNoReplace.h"
 #include "VantleSpec/Sentence.h"
 #include "VantleStorage/ItemGuard.h"
@@ -40,8 +41,10 @@ HoldingShelf::HoldingShelf(std::filesystem::path home, std::filesystem::path hol
       table_(&table), now_(now ? std::move(now) : systemClock()) {}
 
 std::vector<HoldingShelf::Entry> HoldingShelf::load() const {
-    auto text = readWholeFile(entriesFile_);
-    if (!text || text->size() > largestEntriesFile) return {};
+    // A missing, torn or hostile file holds nothing: what is in the holding folder stays there, and
+    // the scan still lists it by its slot.
+    auto text = readKeptFile(entriesFile_, largestEntriesFile);
+    if (!text) return {};
     auto kept = decodeJson<KeptEntries>(*text);
     if (!kept) return {};
     // An entry whose slot could name another place is not ours to act on.

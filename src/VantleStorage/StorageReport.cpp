@@ -1,6 +1,7 @@
 #include "VantleStorage/StorageReport.h"
 
 #include "Platform/AtomicFile.h"
+#include "Platform/KeptFile.h"
 #include "Platform/SystemError.h"
 #include "VantleSpec/ByteCount.h"
 
@@ -202,11 +203,11 @@ std::expected<void, std::string> keepStorageReport(const std::filesystem::path& 
 }
 
 std::expected<KeptStorageReport, std::string> loadKeptStorageReport(const std::filesystem::path& dataFolder) {
-    auto text = readWholeFile(storageReportFile(dataFolder));
+    auto text = readKeptFile(storageReportFile(dataFolder), keptFileLargestBytes);
     if (!text)
-        return std::unexpected(text.error() == ENOENT ? std::string("No storage report has been kept yet.")
-                                                      : "The kept storage report could not be read: " +
-                                                            systemErrorText(text.error()));
+        return std::unexpected(text.error().what == KeptFileFailure::Case::missing
+                                   ? std::string("No storage report has been kept yet.")
+                                   : "The kept storage report could not be read: " + text.error().sentence);
     auto kept = decodeJson<KeptStorageReport>(*text);
     if (!kept) return std::unexpected("The kept storage report could not be read: " + kept.error());
     return kept;
