@@ -94,12 +94,14 @@ std::expected<VantleLite, VantleLite::Failure> VantleLite::make(const Options& o
 
     // 6. The egress broker over the ledger (when not offline) comes with the network road.
 
-    // 7. The file library. Linux has no metadata index: the catalog walks the disk.
+    // 7. The file library. Linux has no metadata index: the catalog walks the disk and keeps what it
+    // walked as its own index.
     {
         Library::Options library;
         library.useSpotlight = false;
         library.duplicatesOnDemand = true;
         library.summaryFile = live.support / "Library" / "summary.json";
+        library.catalogFile = live.support / "Library" / "catalog.index";
         library.fingerprintFile = live.support / "Library" / "fingerprints.json";
         live.library = std::make_shared<Library>(LibraryScope{live.home, live.profile.applicationFolders}, library);
         live.duplicates = std::make_shared<Duplicates>(
