@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <utility>
 
 namespace vantle {
 
@@ -48,8 +49,17 @@ std::optional<Catalog::Result> Catalog::latest() const {
     return walked_;
 }
 
+void Catalog::loadIndexLocked() {
+    if (std::exchange(indexLoaded_, true) || walked_ || !options_.indexFile) return;
+    // A missing or damaged index is simply not there: the walk that follows writes a new one.
+    auto kept = CatalogIndex(*options_.indexFile).load();
+    if (!kept) return;
+    walked_ = Result{std::make_shared<const Snapshot>(std::move(kept->snapshot)), std::move(kept->reading)};
+}
+
 Catalog::Result Catalog::read(const CancelFlag& cancel, const DiskWalk::ProgressFn& progress) {
     std::unique_lock lock(mutex_);
+    loadIndexLocked();
     switch (nextLocked()) {
     case Next::use:
         return *walked_;
@@ -80,6 +90,12 @@ Catalog::Result Catalog::read(const CancelFlag& cancel, const DiskWalk::Progress
         reading.isComplete = false;
         reading.stop = Reading::Stop::cancelled;
         result = {std::make_shared<const Snapshot>(Snapshot{{}, false, options_.now()}), std::move(reading)};
+    }
+    // A stopped walk is not kept: the index keeps the last reading that went as far as it could.
+    if (options_.indexFile && result.reading.stop != Reading::Stop::cancelled) {
+        std::lock_guard keeping(keeping_);
+        if (auto kept = CatalogIndex(*options_.indexFile).keep(*result.snapshot, result.reading); !kept)
+            result.reading.notKept = kept.error();
     }
     lock.lock();
     // Changes heard during the walk may have been missed by it: they keep the new snapshot stale.

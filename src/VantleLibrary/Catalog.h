@@ -3,6 +3,7 @@
 // during a walk waits for that walk's snapshot. An actor: every public operation may be called from
 // any thread. Snapshots are shared, immutable, and live as long as their holders keep them.
 #pragma once
+#include "VantleLibrary/CatalogIndex.h"
 #include "VantleLibrary/DiskWalk.h"
 #include "VantleSpec/CancelFlag.h"
 #include "VantleSpec/LibraryRecords.h"
@@ -11,6 +12,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <filesystem>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -36,6 +38,9 @@ class Catalog {
         // disk, a full event queue); five minutes keeps repeated commands and page switches cheap.
         std::chrono::seconds walkFreshness{300};
         Clock now = systemClock();
+        // Where the latest walk is kept between runs (Library/catalog.index in the data folder); none
+        // keeps it only in memory. A kept walk answers like a walk of this run, by the same freshness.
+        std::optional<std::filesystem::path> indexFile;
     };
 
     struct Result {
@@ -66,6 +71,7 @@ class Catalog {
 
   private:
     Next nextLocked() const;
+    void loadIndexLocked();
 
     const Options options_;
     mutable std::mutex mutex_;
@@ -76,6 +82,8 @@ class Catalog {
     int waiting_ = 0;
     std::uint64_t generation_ = 0; // walks finished
     std::optional<Result> walked_;
+    bool indexLoaded_ = false; // tried once, on the first request
+    std::mutex keeping_;       // one write of the index at a time
 };
 
 // The library at a glance from one reading: counts and bytes per kind (kinds without files left

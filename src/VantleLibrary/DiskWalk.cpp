@@ -4,6 +4,7 @@
 #include "Platform/DirectoryReader.h"
 #include "Platform/EntryStatus.h"
 #include "Platform/UniqueFd.h"
+#include "Platform/UserEntryOpen.h"
 #include "VantleSpec/Sentence.h"
 
 #include <algorithm>
@@ -16,6 +17,7 @@
 #include <memory>
 #include <mutex>
 #include <thread>
+#include <utility>
 
 namespace vantle {
 
@@ -52,6 +54,10 @@ std::optional<std::string> Reading::note() const {
                              {{"count", groupedCount(static_cast<std::int64_t>(missedContents.size()))},
                               {"path", missedContents.front()}});
     }
+    if (notKept) {
+        if (!text.empty()) text += ' ';
+        text += *notKept;
+    }
     if (text.empty()) return std::nullopt;
     return text;
 }
@@ -73,10 +79,20 @@ struct Folder {
     bool isHome = false;   // the home's top level, where "Library" is left out
 };
 
-// What one worker found; merged when every worker is done.
+// What one worker found; merged when every worker is done. Facts are kept in fixed chunks rather
+// than one growing vector: growing copies the whole list and briefly holds it twice, and the merge
+// frees each chunk as it is moved, so a big home is never held more than once.
 struct Share {
-    std::vector<Facts> facts;
+    static constexpr size_t chunk = 4096;
+    std::vector<std::vector<Facts>> facts;
     std::vector<std::string> missed;
+    size_t count = 0;
+
+    void add(Facts&& f) {
+        if (facts.empty() || facts.back().size() == chunk) facts.emplace_back().reserve(chunk);
+        facts.back().push_back(std::move(f));
+        ++count;
+    }
 };
 
 // Reads folders on a few threads from one shared queue: the walk spends its time in status and
@@ -111,10 +127,13 @@ class Walker {
         reading.missedContents = std::move(rootsMissed_);
         size_t total = 0;
         for (const auto& share : shares_)
-            total += share.facts.size();
+            total += share.count;
         out.snapshot.facts.reserve(total);
         for (auto& share : shares_) {
-            std::ranges::move(share.facts, std::back_inserter(out.snapshot.facts));
+            for (auto& chunk : share.facts) {
+                std::ranges::move(chunk, std::back_inserter(out.snapshot.facts));
+                std::vector<Facts>().swap(chunk);
+            }
             std::ranges::move(share.missed, std::back_inserter(reading.missedContents));
         }
         reading.stop = static_cast<Reading::Stop>(stop_.load());
@@ -206,17 +225,23 @@ class Walker {
             std::lock_guard lock(progressMutex_);
             progress_({n, files_.load(), folder});
         }
+        // The last entry the limit allows is read, but the walk cannot know whether more followed:
+        // a reading that reached its limit is partial.
+        if (n == walk_.entryLimit) setStop(Reading::Stop::entryLimit);
         return true;
     }
 
     UniqueFd open(const Folder& folder, int& error) const {
         int rootFd = roots_[folder.root].get();
         if (folder.relative.empty()) {
-            UniqueFd fd(::openat(rootFd, ".", folderFlags));
+            UniqueFd fd(openatNoAtime(rootFd, ".", folderFlags));
             error = fd ? 0 : errno;
             return fd;
         }
-        auto fd = openBeneath(rootFd, folder.relative, folderFlags);
+        // Listing a folder moves its access time unless opened without: the owner may ask that,
+        // anyone else's folder is listed as the kernel allows.
+        auto fd = openBeneath(rootFd, folder.relative, folderFlags | O_NOATIME);
+        if (!fd && fd.error() == EPERM) fd = openBeneath(rootFd, folder.relative, folderFlags);
         error = fd ? 0 : fd.error();
         return fd ? std::move(*fd) : UniqueFd();
     }
@@ -231,6 +256,12 @@ class Walker {
         }
         DirectoryReader reader(fd.get(), 32 * 1024);
         DirectoryReader::Entry entry;
+        // A folder that can be listed but not searched (read without execute permission) names its
+        // entries but tells nothing about them: what it holds is missed, once.
+        bool missed = false;
+        auto miss = [&](const std::string& path) {
+            if (!std::exchange(missed, true)) share.missed.push_back(path);
+        };
         while (reader.next(entry)) {
             if (entry.name.front() == '.') continue;
             if (folder.isHome && entry.name == "Library") continue;
@@ -238,14 +269,18 @@ class Walker {
 
             std::string name(entry.name);
             auto status = statusOf(fd.get(), name.c_str());
-            if (!status) continue; // gone since the listing
+            if (!status) {
+                if (status.error() != ENOENT) miss(folder.path); // else gone since the listing
+                continue;
+            }
             bool isFolder = status->type == EntryStatus::Type::folder;
             if (!isFolder && status->type != EntryStatus::Type::file) continue; // links are never followed
 
             auto facts = factsOf(folder.path + "/" + name, name, *status, fd.get());
             bool keep = !folder.appsOnly || facts.kind() == LibraryKind::apps;
             if (facts.isPackage) {
-                if (keep && status->device == folder.device) addUpBundle(fd.get(), name, facts);
+                if (keep && status->device == folder.device)
+                    addUpBundle(fd.get(), name, status->device, facts, share);
             } else if (isFolder && status->device == folder.device) {
                 found.push_back(Folder{facts.path,
                                        folder.relative.empty() ? name : folder.relative + "/" + name,
@@ -253,41 +288,57 @@ class Walker {
             }
             if (!keep) continue;
             if (!isFolder) files_.fetch_add(1, std::memory_order_relaxed);
-            share.facts.push_back(std::move(facts));
+            share.add(std::move(facts));
         }
-        if (reader.error() != 0) share.missed.push_back(folder.path);
+        if (reader.error() != 0) miss(folder.path);
     }
 
     // An app bundle is one item: its size is its files' sizes summed. Read here, on this worker.
-    void addUpBundle(int parentFd, const std::string& name, Facts& bundle) {
+    // Another disk mounted inside the bundle is not the bundle's: its files are not added, as the
+    // walk never looks into another disk. What could not be read leaves the size short and is missed.
+    void addUpBundle(int parentFd, const std::string& name, std::uint64_t device, Facts& bundle,
+                     Share& share) {
         struct Level {
             UniqueFd fd;
             std::unique_ptr<DirectoryReader> reader; // reads fd; declared after it so it ends first
+            std::string path;
         };
         std::vector<Level> stack;
-        auto enter = [&](int at, const std::string& child) {
-            UniqueFd fd(::openat(at, child.c_str(), folderFlags));
-            if (!fd) return;
-            auto reader = std::make_unique<DirectoryReader>(fd.get(), 16 * 1024);
-            stack.push_back(Level{std::move(fd), std::move(reader)});
+        bool missed = false;
+        auto miss = [&](const std::string& path) {
+            if (!std::exchange(missed, true)) share.missed.push_back(path);
         };
-        enter(parentFd, name);
+        auto enter = [&](int at, const std::string& child, std::string path) {
+            UniqueFd fd(openatNoAtime(at, child.c_str(), folderFlags));
+            if (!fd) {
+                if (errno != ENOENT) miss(path);
+                return;
+            }
+            auto reader = std::make_unique<DirectoryReader>(fd.get(), 16 * 1024);
+            stack.push_back(Level{std::move(fd), std::move(reader), std::move(path)});
+        };
+        enter(parentFd, name, bundle.path);
         DirectoryReader::Entry entry;
         while (!stack.empty()) {
             auto& level = stack.back();
             if (!level.reader->next(entry)) {
+                if (level.reader->error() != 0) miss(level.path);
                 stack.pop_back();
                 continue;
             }
             if (!count(bundle.path)) return;
             std::string child(entry.name);
             auto status = statusOf(level.fd.get(), child.c_str());
-            if (!status) continue;
+            if (!status) {
+                if (status.error() != ENOENT) miss(level.path);
+                continue;
+            }
             if (status->type == EntryStatus::Type::file) {
                 bundle.size += static_cast<std::int64_t>(status->sizeBytes);
                 bundle.onDisk += static_cast<std::int64_t>(status->allocatedBytes);
-            } else if (status->type == EntryStatus::Type::folder) {
-                enter(level.fd.get(), child); // `level` may move: not used after this
+            } else if (status->type == EntryStatus::Type::folder && status->device == device) {
+                // `level` may move: not used after this
+                enter(level.fd.get(), child, level.path + "/" + child);
             }
         }
     }

@@ -47,6 +47,8 @@ struct Reading {
     Stop stop = Stop::finished;
     std::int64_t entries = 0; // entries visited
     double seconds = 0;
+    // Why the walk could not be kept for the next run, when it could not; the reading itself is whole.
+    std::optional<std::string> notKept;
 
     // Why the reading may be incomplete, for the user; none when it is complete.
     std::optional<std::string> note() const;

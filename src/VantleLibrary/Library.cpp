@@ -4,7 +4,8 @@ namespace vantle {
 
 namespace {
 Catalog::Options catalogOptions(const LibraryScope& scope, const Library::Options& o) {
-    return {scope, o.useSpotlight, o.queryTimeLimit, o.walkLimit, o.walkTimeLimit, o.walkFreshness, o.now};
+    return {scope,           o.useSpotlight, o.queryTimeLimit, o.walkLimit, o.walkTimeLimit,
+            o.walkFreshness, o.now,          o.catalogFile};
 }
 Duplicates::Options duplicateOptions(const Library::Options& o) {
     Duplicates::Options d;

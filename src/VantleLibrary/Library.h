@@ -36,6 +36,9 @@ class Library {
         bool duplicatesOnDemand = false;                      // the app sets true
         std::optional<std::filesystem::path> fingerprintFile; // the app sets Library/fingerprints.json
         std::optional<std::filesystem::path> summaryFile;     // the app sets Library/summary.json
+        // The catalog's kept index (the app sets Library/catalog.index): the last walk, answered
+        // from at once in a later run while it is fresh.
+        std::optional<std::filesystem::path> catalogFile;
         std::chrono::seconds modelTimeLimit{8};
         int samples = 4; // example items kept per category and per card
         ChangeTiming::Seconds changeLatency{1};

@@ -473,7 +473,16 @@ void readDates(State& s, const Dates& dates) {
                 continue;
             }
             auto period = periodAt(s, i, dates);
-            if (!period) continue;
+            if (!period) {
+                // "a month", "a fortnight", "couple of days" on their own: that stretch up to now. A
+                // bare unit ("month") or number ("6 months") alone is too often part of a name.
+                auto span = spanAt(s, i);
+                if (span && isOneOf(word, {"a", "an", "couple", "few", "fortnight"})) {
+                    setDate(s, dates.now - span->first.length, std::nullopt, "last " + span->first.bare);
+                    s.take(i, span->second);
+                }
+                continue;
+            }
             bool ago = period->words.ends_with(" ago");
             if (ago) {
                 // "3 days ago": that day; "2 weeks ago": the week around that moment.

@@ -19,8 +19,9 @@ bool isSchemeCharacter(char c) {
 
 // The host of the part after "scheme:" of a web address, lower-cased text in; empty when it has none.
 std::string_view hostOf(std::string_view rest) {
-    // Tolerate a missing or doubled "//", as browsers do for these schemes.
-    while (!rest.empty() && (rest.front() == '/' || rest.front() == '\\'))
+    // Tolerate a missing "//" (or a single slash), as browsers do for these schemes; a third slash
+    // begins the path, so "https:///gmail.com/x" has an empty host, not gmail.com.
+    for (int slash = 0; slash < 2 && !rest.empty() && (rest.front() == '/' || rest.front() == '\\'); ++slash)
         rest.remove_prefix(1);
     auto authority = rest.substr(0, rest.find_first_of("/?#\\"));
     if (auto at = authority.rfind('@'); at != std::string_view::npos) authority.remove_prefix(at + 1);

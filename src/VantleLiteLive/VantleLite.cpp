@@ -193,12 +193,14 @@ std::expected<VantleLite, VantleLite::Failure> VantleLite::make(const Options& o
     // 6. The network road: the egress broker over the ledger, with the fixed limits.
     if (!live.offline) live.broker = std::make_shared<EgressBroker>(live.ledgerWriter, EgressBroker::Options{});
 
-    // 7. The file library. Linux has no metadata index: the catalog walks the disk.
+    // 7. The file library. Linux has no metadata index: the catalog walks the disk and keeps what it
+    // walked as its own index.
     {
         Library::Options library;
         library.useSpotlight = false;
         library.duplicatesOnDemand = true;
         library.summaryFile = live.support / "Library" / "summary.json";
+        library.catalogFile = live.support / "Library" / "catalog.index";
         library.fingerprintFile = live.support / "Library" / "fingerprints.json";
         live.library =
             std::make_shared<Library>(LibraryScope{live.home, live.profile.applicationFolders}, library);

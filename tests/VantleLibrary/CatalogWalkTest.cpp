@@ -11,6 +11,7 @@
 #include <fcntl.h>
 #include <linux/capability.h>
 #include <map>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/xattr.h>
@@ -205,9 +206,10 @@ TEST(DiskWalk, StopsAtTheEntryLimitAndSaysSo) {
         home.write("Documents/f" + std::to_string(i) + ".txt", "x");
     CancelFlag cancel;
 
-    auto exact = walkOf(home, 13).run(cancel); // Documents + 12 files: all of it
-    EXPECT_TRUE(exact.snapshot.isWhole);
-    EXPECT_EQ(exact.reading.entries, 13);
+    auto roomy = walkOf(home, 14).run(cancel); // Documents + 12 files, one entry to spare
+    EXPECT_TRUE(roomy.snapshot.isWhole);
+    EXPECT_TRUE(roomy.reading.isComplete);
+    EXPECT_EQ(roomy.reading.entries, 13);
 
     auto partial = walkOf(home, 10).run(cancel);
     EXPECT_FALSE(partial.snapshot.isWhole);
@@ -222,6 +224,20 @@ TEST(DiskWalk, StopsAtTheEntryLimitAndSaysSo) {
     big.entries = 300'000;
     EXPECT_EQ(big.note(),
               "Only the first 300,000 items were read; the rest of the home folder was not looked at.");
+}
+
+// The walk cannot tell a home of exactly `limit` entries from a bigger one cut at the limit.
+TEST(DiskWalk, AWalkThatReachesExactlyItsEntryLimitIsPartialAndSaysSo) {
+    TempDir home;
+    for (int i = 0; i < 12; ++i)
+        home.write("Documents/f" + std::to_string(i) + ".txt", "x");
+    CancelFlag cancel;
+    auto exact = walkOf(home, 13).run(cancel);
+    EXPECT_EQ(exact.snapshot.facts.size(), 13u);
+    EXPECT_FALSE(exact.snapshot.isWhole);
+    EXPECT_FALSE(exact.reading.isComplete);
+    EXPECT_EQ(exact.reading.note(),
+              "Only the first 13 items were read; the rest of the home folder was not looked at.");
 }
 
 TEST(DiskWalk, StopsAtItsDeadlineAndWhenCancelled) {
@@ -276,6 +292,82 @@ TEST(DiskWalk, AnUnreadableFolderIsMissedAndTheRestIsRead) {
     many.entries = 5;
     EXPECT_EQ(many.note(), "Only the first 5 items were read; the rest of the home folder was not looked at. "
                            "3 folders could not be read, among them /h/a.");
+}
+
+TEST(DiskWalk, AFolderThatCanBeListedButNotSearchedIsMissed) {
+    TempDir home;
+    home.write("Listed/a.txt", "x");
+    home.write("Listed/b.txt", "x");
+    home.write("Apps/Tool.app/Contents/Shut/binary", "x");
+    home.write("Documents/open.txt", "x");
+    ::chmod((home / "Listed").c_str(), 0444); // read without execute
+    ::chmod((home / "Apps/Tool.app/Contents/Shut").c_str(), 0);
+
+    DiskWalk::Outcome out;
+    withoutOverride([&] {
+        CancelFlag cancel;
+        out = walkOf(home).run(cancel);
+    });
+    auto missed = out.reading.missedContents;
+    std::ranges::sort(missed);
+    EXPECT_EQ(missed, (std::vector<std::string>{(home / "Apps/Tool.app/Contents/Shut").string(),
+                                                (home / "Listed").string()}));
+    EXPECT_FALSE(out.reading.isComplete);
+    EXPECT_TRUE(byRelativePath(out.snapshot, home.path()).contains("Documents/open.txt"));
+    ::chmod((home / "Listed").c_str(), 0755);
+    ::chmod((home / "Apps/Tool.app/Contents/Shut").c_str(), 0755);
+}
+
+// Listing a folder on a relatime mount moves its access time when that is more than a day old, and
+// access time is what the lists of things left alone go by.
+TEST(DiskWalk, AWalkLeavesEveryAccessTimeAsItWas) {
+    TempDir home;
+    home.write("Documents/old.pdf", "pdf");
+    home.write("Documents/Deep/er/note.txt", "x");
+    home.write("Applications/Old.app/Contents/Info.plist", "<plist/>");
+    home.write("Library/Mobile Documents/com~apple~CloudDocs/cloud.txt", "x");
+    auto longAgo = systemNow() - days(90);
+    timespec old{std::chrono::system_clock::to_time_t(longAgo), 0};
+    std::map<std::string, std::int64_t> before;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(home.path())) {
+        timespec times[2] = {old, {0, UTIME_OMIT}};
+        ASSERT_EQ(::utimensat(AT_FDCWD, entry.path().c_str(), times, AT_SYMLINK_NOFOLLOW), 0);
+    }
+    timespec times[2] = {old, {0, UTIME_OMIT}};
+    ASSERT_EQ(::utimensat(AT_FDCWD, home.path().c_str(), times, 0), 0);
+    auto accessed = [&] {
+        std::map<std::string, std::int64_t> out;
+        struct stat st {};
+        ::lstat(home.path().c_str(), &st);
+        out["."] = st.st_atim.tv_sec;
+        for (const auto& entry : std::filesystem::recursive_directory_iterator(home.path())) {
+            ::lstat(entry.path().c_str(), &st);
+            out[entry.path().string()] = st.st_atim.tv_sec;
+        }
+        return out;
+    };
+    before = accessed();
+
+    CancelFlag cancel;
+    auto out =
+        DiskWalk{LibraryScope{home.path(), {home / "Applications"}}, 300'000, systemNow() + hours(1)}.run(
+            cancel);
+    ASSERT_TRUE(out.reading.isComplete);
+    EXPECT_EQ(accessed(), before);
+}
+
+TEST(DiskWalk, AnAppBundleIsSizedWithoutCrossingIntoAnotherDisk) {
+    TempDir home;
+    home.write("Applications/Foo.app/Contents/MacOS/foo", std::string(4, 'x'));
+    auto mountPoint = home / "Applications/Foo.app/Contents/Mounted";
+    std::filesystem::create_directories(mountPoint);
+    if (::mount("tmpfs", mountPoint.c_str(), "tmpfs", 0, "size=8m") != 0)
+        GTEST_SKIP() << "cannot mount a tmpfs here";
+    home.write("Applications/Foo.app/Contents/Mounted/big.bin", std::string(5'000'000, 'x'));
+    CancelFlag cancel;
+    auto out = walkOf(home).run(cancel);
+    ::umount2(mountPoint.c_str(), MNT_DETACH);
+    EXPECT_EQ(byRelativePath(out.snapshot, home.path()).at("Applications/Foo.app").size, 4);
 }
 
 TEST(DiskWalk, AMissingHomeIsMissedNotFatal) {

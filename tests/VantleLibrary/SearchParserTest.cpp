@@ -57,16 +57,55 @@ TEST(SearchParser, KindWordsGiveTheirKindsExtensionsAndChips) {
     EXPECT_TRUE(photosAndVideos.query.terms.empty());
 }
 
-TEST(SearchParser, EveryWordOfTheKindVocabularyIsUnderstoodOnItsOwn) {
-    for (const auto& row : SearchParser::kindWords())
-        for (auto word : row.words) {
-            auto parsed = parse(word);
-            EXPECT_EQ(parsed.chips, Chips{row.label}) << word;
-            EXPECT_EQ(parsed.query.kinds, row.kinds) << word;
-            EXPECT_EQ(parsed.query.extensions.size(), row.extensions.size()) << word;
-            EXPECT_EQ(parsed.query.screenshotsOnly, row.screenshots) << word;
-            EXPECT_TRUE(parsed.query.terms.empty()) << word;
-        }
+TEST(SearchParser, LessCommonKindWordsGiveTheirChipsAndLeaveNoNameTerm) {
+    const std::vector<std::pair<std::string_view, std::string>> expected{
+        {"screengrab", "Screenshots"},
+        {"selfies", "Images"},
+        {"footage", "Videos"},
+        {"podcasts", "Music"},
+        {"paperwork", "Documents"},
+        {"csv", "Spreadsheets"},
+        {"decks", "Presentations"},
+        {"docx", "Word documents"},
+        {"zips", "Zip archives"},
+        {"compressed", "Archives"},
+        {"dmg", "Installers"},
+        {"programs", "Apps"},
+        {"epubs", "E-books"},
+        {"blender", "Blender files"},
+        {"fonts", "Fonts"},
+        {"apk", "APKs"},
+    };
+    for (const auto& [word, chip] : expected) {
+        auto parsed = parse(word);
+        EXPECT_EQ(parsed.chips, Chips{chip}) << word;
+        EXPECT_TRUE(parsed.query.terms.empty()) << word;
+    }
+    EXPECT_EQ(parse("csv").query.extensions,
+              (std::set<std::string>{"xlsx", "xls", "numbers", "csv", "ods", "tsv"}));
+    EXPECT_EQ(parse("dmg").query.extensions, (std::set<std::string>{"dmg", "pkg", "mpkg"}));
+    EXPECT_EQ(parse("fonts").query.extensions, (std::set<std::string>{"ttf", "otf", "woff", "woff2"}));
+    EXPECT_EQ(parse("programs").query.kinds, std::set{LibraryKind::apps});
+}
+
+TEST(SearchParser, AMonthAFortnightOrACoupleOfDaysAloneAreDateWordsNotNameTerms) {
+    auto month = parse("a month");
+    EXPECT_TRUE(month.query.terms.empty());
+    EXPECT_EQ(month.query.after, now - days(30));
+    EXPECT_EQ(month.chips, Chips{"Last month"});
+
+    auto fortnight = parse("a fortnight");
+    EXPECT_TRUE(fortnight.query.terms.empty());
+    EXPECT_EQ(fortnight.query.after, now - days(14));
+    EXPECT_EQ(fortnight.chips, Chips{"Last fortnight"});
+
+    auto couple = parse("couple of days");
+    EXPECT_TRUE(couple.query.terms.empty());
+    EXPECT_EQ(couple.query.after, now - days(2));
+    EXPECT_EQ(couple.chips, Chips{"Last 2 days"});
+
+    // A unit on its own stays part of a name.
+    EXPECT_EQ(parse("month report").query.terms, (std::vector<std::string>{"month", "report"}));
 }
 
 TEST(SearchParser, WholeSearchesReadIntoOneQuery) {

@@ -89,6 +89,13 @@ TEST(OriginReading, WebAddressesGiveTheirHost) {
     EXPECT_EQ(host("https:///"), "-");
 }
 
+TEST(OriginReading, AnOriginWithAnEmptyHostNamesNoSource) {
+    EXPECT_FALSE(Sources::readOrigin("https:///gmail.com/x"));
+    EXPECT_EQ(familyKey({"https:///gmail.com/x"}), "none");
+    EXPECT_EQ(Sources::readOrigin("https:/gmail.com/x")->host,
+              "gmail.com"); // one slash short is read, as browsers do
+}
+
 TEST(OriginReading, TextsWithoutASchemeOrWithAnUnreadSchemeGiveNothing) {
     for (auto text : {"", "www.gmail.com", "not a url: really", "1http://gmail.com", ":gmail.com",
                       "file:///home/me/x.pdf", "data:text/plain,hi", "Downloaded from my phone"})

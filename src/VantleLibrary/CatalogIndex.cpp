@@ -1,0 +1,301 @@
+#include "VantleLibrary/CatalogIndex.h"
+
+#include "Platform/AtomicFile.h"
+#include "Platform/KeptFile.h"
+#include "VantleSpec/Sentence.h"
+
+#include <bit>
+#include <cstring>
+#include <unordered_map>
+
+// The format is native byte order: the file never leaves the machine that wrote it, and a machine of
+// the other order would only see a foreign file and walk again.
+static_assert(std::endian::native == std::endian::little || std::endian::native == std::endian::big);
+
+namespace vantle {
+
+namespace {
+
+constexpr std::string_view magic = "VLCATIX2";
+constexpr std::string_view endMark = "VLCATEND";
+constexpr std::size_t headerBytes = 8 + 8 + 8; // magic, body length, checksum
+
+// Word-at-a-time FNV-style hash: only to tell a damaged file from a whole one, at memory speed.
+std::uint64_t checksum(std::string_view bytes) {
+    std::uint64_t h = 0xcbf29ce484222325ull;
+    std::size_t i = 0;
+    for (; i + 8 <= bytes.size(); i += 8) {
+        std::uint64_t word;
+        std::memcpy(&word, bytes.data() + i, 8);
+        h = (h ^ word) * 0x100000001b3ull;
+        h ^= h >> 29;
+    }
+    for (; i < bytes.size(); ++i)
+        h = (h ^ static_cast<unsigned char>(bytes[i])) * 0x100000001b3ull;
+    return h;
+}
+
+// Which optional facts are present, one bit each.
+enum Present : std::uint16_t {
+    hasCreated = 1 << 0,
+    hasContentCreated = 1 << 1,
+    hasModified = 1 << 2,
+    hasAdded = 1 << 3,
+    hasLastUsed = 1 << 4,
+    hasCameraMake = 1 << 5,
+    hasCameraModel = 1 << 6,
+    hasDuration = 1 << 7,
+    isScreenshotBit = 1 << 8,
+    isFolderBit = 1 << 9,
+    isPackageBit = 1 << 10,
+    nameIsOwn = 1 << 11, // the name is not the path's last component, so it is written out
+};
+
+class Writer {
+  public:
+    template <class T> void put(T value) {
+        static_assert(std::is_trivially_copyable_v<T>);
+        out.append(reinterpret_cast<const char*>(&value), sizeof value);
+    }
+    void text(std::string_view s) {
+        put(static_cast<std::uint32_t>(s.size()));
+        out.append(s);
+    }
+    void time(const std::optional<TimePoint>& at) {
+        if (at) put(static_cast<std::int64_t>(at->time_since_epoch().count()));
+    }
+    std::string out;
+};
+
+class Reader {
+  public:
+    explicit Reader(std::string_view bytes) : rest_(bytes) {}
+    template <class T> bool get(T& value) {
+        if (rest_.size() < sizeof value) return fail();
+        std::memcpy(&value, rest_.data(), sizeof value);
+        rest_.remove_prefix(sizeof value);
+        return true;
+    }
+    bool view(std::string_view& s) {
+        std::uint32_t n = 0;
+        if (!get(n) || rest_.size() < n) return fail();
+        s = rest_.substr(0, n);
+        rest_.remove_prefix(n);
+        return true;
+    }
+    bool text(std::string& s) {
+        std::string_view v;
+        if (!view(v)) return false;
+        s.assign(v);
+        return true;
+    }
+    bool time(std::optional<TimePoint>& at) {
+        std::int64_t n = 0;
+        if (!get(n)) return false;
+        at = TimePoint(TimePoint::duration(n));
+        return true;
+    }
+    bool ok() const { return ok_; }
+    std::size_t left() const { return rest_.size(); }
+
+  private:
+    bool fail() {
+        ok_ = false;
+        rest_ = {};
+        return false;
+    }
+    std::string_view rest_;
+    bool ok_ = true;
+};
+
+bool nameIsLastComponent(const Facts& f) {
+    return f.path.size() > f.name.size() && f.path.ends_with(f.name) &&
+           f.path[f.path.size() - f.name.size() - 1] == '/';
+}
+
+} // namespace
+
+std::string CatalogIndex::encode(const Snapshot& snapshot, const Reading& reading) {
+    Writer w;
+    w.out.reserve(snapshot.facts.size() * 96 + 4096);
+    w.out.append(headerBytes, '\0');
+    w.put(static_cast<std::int64_t>(snapshot.at.time_since_epoch().count()));
+    w.put(static_cast<std::uint8_t>(snapshot.isWhole));
+    w.put(static_cast<std::uint8_t>(reading.isComplete));
+    w.put(static_cast<std::uint8_t>(reading.readDisk));
+    w.put(static_cast<std::uint8_t>(reading.stop));
+    w.put(reading.entries);
+    w.put(reading.seconds);
+    w.put(static_cast<std::uint32_t>(reading.missedContents.size()));
+    for (const auto& missed : reading.missedContents)
+        w.text(missed);
+
+    // Content types repeat across files: each is written once and named by its place.
+    std::unordered_map<std::string_view, std::uint32_t> typeIndex;
+    std::vector<std::string_view> types;
+    for (const auto& f : snapshot.facts)
+        if (typeIndex.try_emplace(f.contentType, static_cast<std::uint32_t>(types.size())).second)
+            types.push_back(f.contentType);
+    w.put(static_cast<std::uint32_t>(types.size()));
+    for (auto type : types)
+        w.text(type);
+
+    w.put(static_cast<std::uint64_t>(snapshot.facts.size()));
+    for (const auto& f : snapshot.facts) {
+        std::uint16_t present = 0;
+        auto mark = [&](bool on, Present bit) {
+            if (on) present |= bit;
+        };
+        mark(f.created.has_value(), hasCreated);
+        mark(f.contentCreated.has_value(), hasContentCreated);
+        mark(f.modified.has_value(), hasModified);
+        mark(f.added.has_value(), hasAdded);
+        mark(f.lastUsed.has_value(), hasLastUsed);
+        mark(f.cameraMake.has_value(), hasCameraMake);
+        mark(f.cameraModel.has_value(), hasCameraModel);
+        mark(f.duration.has_value(), hasDuration);
+        mark(f.isScreenshot, isScreenshotBit);
+        mark(f.isFolder, isFolderBit);
+        mark(f.isPackage, isPackageBit);
+        bool ownName = !nameIsLastComponent(f);
+        mark(ownName, nameIsOwn);
+        w.put(present);
+        w.text(f.path);
+        if (ownName)
+            w.text(f.name);
+        else
+            w.put(static_cast<std::uint32_t>(f.name.size()));
+        w.put(typeIndex.at(f.contentType));
+        w.put(f.size);
+        w.put(f.onDisk);
+        w.time(f.created);
+        w.time(f.contentCreated);
+        w.time(f.modified);
+        w.time(f.added);
+        w.time(f.lastUsed);
+        if (f.cameraMake) w.text(*f.cameraMake);
+        if (f.cameraModel) w.text(*f.cameraModel);
+        if (f.duration) w.put(*f.duration);
+        w.put(static_cast<std::uint32_t>(f.whereFroms.size()));
+        for (const auto& origin : f.whereFroms)
+            w.text(origin);
+        w.put(static_cast<std::uint32_t>(f.tags.size()));
+        for (const auto& tag : f.tags)
+            w.text(tag);
+    }
+    w.out.append(endMark);
+
+    auto body = std::string_view(w.out).substr(headerBytes);
+    auto length = static_cast<std::uint64_t>(body.size());
+    auto sum = checksum(body);
+    std::memcpy(w.out.data(), magic.data(), 8);
+    std::memcpy(w.out.data() + 8, &length, 8);
+    std::memcpy(w.out.data() + 16, &sum, 8);
+    return std::move(w.out);
+}
+
+std::expected<CatalogIndex::Kept, CatalogIndex::Problem> CatalogIndex::decode(std::string_view bytes) {
+    auto unreadable = std::unexpected(Problem::unreadable);
+    if (bytes.size() < headerBytes + endMark.size() || bytes.substr(0, 8) != magic) return unreadable;
+    std::uint64_t length = 0, sum = 0;
+    std::memcpy(&length, bytes.data() + 8, 8);
+    std::memcpy(&sum, bytes.data() + 16, 8);
+    auto body = bytes.substr(headerBytes);
+    if (length != body.size() || !body.ends_with(endMark) || checksum(body) != sum) return unreadable;
+
+    Kept kept;
+    auto& snapshot = kept.snapshot;
+    auto& reading = kept.reading;
+    Reader r(body.substr(0, body.size() - endMark.size()));
+    std::int64_t at = 0;
+    std::uint8_t isWhole = 0, isComplete = 0, readDisk = 0, stop = 0;
+    std::uint32_t missed = 0;
+    r.get(at), r.get(isWhole), r.get(isComplete), r.get(readDisk), r.get(stop);
+    r.get(reading.entries), r.get(reading.seconds), r.get(missed);
+    if (!r.ok() || stop > static_cast<std::uint8_t>(Reading::Stop::cancelled) || missed > r.left())
+        return unreadable;
+    snapshot.at = TimePoint(TimePoint::duration(at));
+    snapshot.isWhole = isWhole != 0;
+    reading.isComplete = isComplete != 0;
+    reading.readDisk = readDisk != 0;
+    reading.stop = static_cast<Reading::Stop>(stop);
+    reading.missedContents.resize(missed);
+    for (auto& path : reading.missedContents)
+        r.text(path);
+
+    std::uint32_t typeCount = 0;
+    r.get(typeCount);
+    if (!r.ok() || typeCount > r.left()) return unreadable;
+    std::vector<std::string_view> types(typeCount);
+    for (auto& type : types)
+        r.view(type);
+
+    std::uint64_t count = 0;
+    r.get(count);
+    // Every entry takes more than 32 bytes: a count beyond that is damage, not a reason to allocate.
+    if (!r.ok() || count > r.left() / 32) return unreadable;
+    snapshot.facts.resize(count);
+    for (auto& f : snapshot.facts) {
+        std::uint16_t present = 0;
+        std::uint32_t type = 0;
+        if (!r.get(present) || !r.text(f.path)) return unreadable;
+        if (present & nameIsOwn) {
+            r.text(f.name);
+        } else {
+            std::uint32_t nameLength = 0;
+            if (!r.get(nameLength) || nameLength >= f.path.size()) return unreadable;
+            f.name.assign(f.path, f.path.size() - nameLength);
+        }
+        if (!r.get(type) || type >= types.size()) return unreadable;
+        f.contentType.assign(types[type]);
+        r.get(f.size), r.get(f.onDisk);
+        if (present & hasCreated) r.time(f.created);
+        if (present & hasContentCreated) r.time(f.contentCreated);
+        if (present & hasModified) r.time(f.modified);
+        if (present & hasAdded) r.time(f.added);
+        if (present & hasLastUsed) r.time(f.lastUsed);
+        if (present & hasCameraMake) r.text(f.cameraMake.emplace());
+        if (present & hasCameraModel) r.text(f.cameraModel.emplace());
+        if (present & hasDuration) r.get(f.duration.emplace());
+        f.isScreenshot = present & isScreenshotBit;
+        f.isFolder = present & isFolderBit;
+        f.isPackage = present & isPackageBit;
+        std::uint32_t n = 0;
+        if (!r.get(n) || n > r.left() / 4) return unreadable;
+        f.whereFroms.resize(n);
+        for (auto& origin : f.whereFroms)
+            r.text(origin);
+        if (!r.get(n) || n > r.left() / 4) return unreadable;
+        f.tags.resize(n);
+        for (auto& tag : f.tags)
+            r.text(tag);
+        if (!r.ok()) return unreadable;
+    }
+    if (r.left() != 0) return unreadable;
+    return kept;
+}
+
+std::expected<CatalogIndex::Kept, CatalogIndex::Problem> CatalogIndex::load() const {
+    auto bytes = readKeptFile(file_, largestFile);
+    if (!bytes) {
+        switch (bytes.error().what) {
+        case KeptFileFailure::Case::missing:
+            return std::unexpected(Problem::missing);
+        case KeptFileFailure::Case::notAFile:
+            return std::unexpected(Problem::notAFile);
+        case KeptFileFailure::Case::tooLarge:
+            return std::unexpected(Problem::tooLarge);
+        case KeptFileFailure::Case::unreadable:
+            return std::unexpected(Problem::unreadable);
+        }
+    }
+    return decode(*bytes);
+}
+
+std::expected<void, std::string> CatalogIndex::keep(const Snapshot& snapshot, const Reading& reading) const {
+    auto written = writeFileAtomicallyMakingFolder(file_, encode(snapshot, reading), 0600);
+    if (!written) return std::unexpected(fillIn(keepFailedSentence, {{"reason", written.error()}}));
+    return {};
+}
+
+} // namespace vantle

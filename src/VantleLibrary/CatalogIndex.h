@@ -1,0 +1,60 @@
+// The catalog's kept index: what the last disk walk found, kept in the data folder so that a later
+// run answers at once instead of walking again while the walk is still fresh. Linux has no metadata
+// index of its own; this stands in for it. One flat file, replaced atomically after each walk and
+// checked whole (length, end mark, checksum) when read, so a torn or foreign file reads as no index.
+// A plain value; load and keep may be called from several threads (each call is independent).
+#pragma once
+#include "VantleLibrary/DiskWalk.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <expected>
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+namespace vantle {
+
+class CatalogIndex {
+  public:
+    enum class Problem { missing, unreadable, tooLarge, notAFile };
+    static constexpr std::string_view sentence(Problem problem) {
+        switch (problem) {
+        case Problem::missing:
+            return "No catalog index has been kept yet.";
+        case Problem::unreadable:
+            return "The kept catalog index could not be read; the home folder is read again.";
+        case Problem::tooLarge:
+            return "The kept catalog index is larger than any index this program writes; it was not read.";
+        case Problem::notAFile:
+            return "The kept catalog index is not a regular file; it was not read.";
+        }
+        return "";
+    }
+    static constexpr std::string_view keepFailedSentence = "The catalog index could not be saved: {reason}.";
+
+    // The largest index read back: far more than a full walk's worth of entries writes.
+    static constexpr std::size_t largestFile = std::size_t{1} << 30;
+
+    struct Kept {
+        Snapshot snapshot;
+        Reading reading;
+    };
+
+    explicit CatalogIndex(std::filesystem::path file) : file_(std::move(file)) {}
+    const std::filesystem::path& file() const { return file_; }
+
+    // The walk kept last, with how that reading went (limits, missed folders), exactly as walked.
+    std::expected<Kept, Problem> load() const;
+    // Replaces the file atomically (making its folder when missing); the error is the sentence.
+    std::expected<void, std::string> keep(const Snapshot& snapshot, const Reading& reading) const;
+
+    // The file's bytes, and back; exposed so a damaged file can be made in a test.
+    static std::string encode(const Snapshot& snapshot, const Reading& reading);
+    static std::expected<Kept, Problem> decode(std::string_view bytes);
+
+  private:
+    std::filesystem::path file_;
+};
+
+} // namespace vantle
