@@ -27,6 +27,7 @@ int main(int argc, char** argv) {
     cli::addStorageCommands(app, ctx);
     cli::addFilesCommands(app, ctx);
     cli::addHealthCommands(app, ctx);
+    cli::addCheckupCommands(app, ctx);
 
     std::vector<const char*> cargv;
     for (auto& a : rest) cargv.push_back(a.c_str());
