@@ -6,6 +6,7 @@
 #include "VantleEgress/LiteSilentLedger.h"
 #include "VantleSpec/Sentence.h"
 #include "VantleVitals/ActivityReader.h"
+#include "VantleVitals/CheckupReader.h"
 #include "VantleVitals/VitalsSampler.h"
 
 #include <cerrno>
@@ -262,6 +263,27 @@ std::expected<VantleLite, VantleLite::Failure> VantleLite::make(const Options& o
         live.activity = activity;
         live.vitals = std::make_shared<VitalsSampler>(
             VitalsSampler::Options{.volume = live.home, .activity = activity});
+    }
+
+    // The checkup reads this machine (as its user: nothing it reads needs root), or in a sandbox the
+    // stand-in table; either way its past checkups are kept in Health/checkups.json.
+    {
+        std::shared_ptr<CheckupFactsSource> facts;
+        if (live.isSandbox && !options.realReadingsOnSandbox) {
+            live.standInCheckup = std::make_shared<StandInCheckup>(live.support);
+            facts = live.standInCheckup;
+        } else {
+            auto environment = processEnvironment();
+            auto xdg = [&](const char* name, const char* fallback) {
+                auto it = environment.find(name);
+                return it != environment.end() && fs::path(it->second).is_absolute() ? fs::path(it->second) : live.home / fallback;
+            };
+            facts = std::make_shared<CheckupReader>(CheckupReader::Options{.home = live.home,
+                                                                           .configHome = xdg("XDG_CONFIG_HOME", ".config"),
+                                                                           .cacheHome = xdg("XDG_CACHE_HOME", ".cache"),
+                                                                           .root = ::geteuid() == 0});
+        }
+        live.checkup = std::make_shared<CheckupService>(facts, live.support / "Health" / "checkups.json");
     }
 
     // 10. The stand-in apps and the machine's controls.

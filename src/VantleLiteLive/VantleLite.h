@@ -21,7 +21,9 @@
 #include "VantleStorage/StorageCleaner.h"
 #include "VantleStorage/StorageScanner.h"
 #include "VantleVitals/HealthHistory.h"
+#include "VantleVitals/CheckupService.h"
 #include "VantleVitals/HealthRecord.h"
+#include "VantleVitals/StandInCheckup.h"
 #include "VantleVitals/StandInVitals.h"
 #include "VantleVitals/VitalsReader.h"
 
@@ -81,6 +83,8 @@ struct VantleLite {
     std::shared_ptr<VitalsReader> vitals;          // this machine's readings, or the sandbox's stand-in
     std::shared_ptr<ActivitySource> activity;      // the process list with processor shares and rates
     std::shared_ptr<StandInVitals> standInVitals;  // in a sandbox that shows made-up readings; else null
+    std::shared_ptr<CheckupService> checkup;        // the checkup, kept in Health/checkups.json
+    std::shared_ptr<StandInCheckup> standInCheckup; // in a sandbox that shows made-up readings; else null
     std::shared_ptr<EgressLedgerReading> ledger; // the silent ledger when offline
     std::shared_ptr<EgressLedger> ledgerWriter;  // null when the ledger could not be opened
     std::shared_ptr<EgressBroker> broker;        // the network road (step 6); null when offline

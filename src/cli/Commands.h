@@ -18,6 +18,8 @@ void addOpenCommands(CLI::App& app, CliContext& ctx);
 void addHealthCommands(CLI::App& app, CliContext& ctx);
 // Adds `history` and `seed-week` beneath the `health` command.
 void addHealthHistoryCommands(CLI::App& health, CliContext& ctx);
+// `checkup`: the machine read area by area, with what to do.
+void addCheckupCommands(CLI::App& app, CliContext& ctx);
 // `files summary` and `files lists`; calls addFilesSearchCommands for the rest of `files`.
 void addFilesCommands(CLI::App& app, CliContext& ctx);
 // Adds `search`, `duplicates` and `sources` beneath the `files` command.

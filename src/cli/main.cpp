@@ -88,6 +88,7 @@ int main(int argc, char** argv) {
     cli::addBalanceCommands(app, ctx);
     cli::addOpenCommands(app, ctx);
     cli::addUpdateCommands(app, ctx);
+    cli::addCheckupCommands(app, ctx);
 
     if (auto unknown = unknownCommand(app, rest)) {
         std::cerr << *unknown << "\n";
