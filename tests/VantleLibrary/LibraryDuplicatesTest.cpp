@@ -60,12 +60,14 @@ TEST(LibraryDuplicates, OnDemandTheCardsReadNoFileUntilAsked) {
     EXPECT_FALSE(std::filesystem::exists(h.data / "Library/fingerprints.json"));
     // Once asked, the cards show what the scan found.
     onDemand.findDuplicates(cancel);
-    auto* card = duplicatesCard(onDemand.cleanUpCards(cancel));
+    auto askedCards = onDemand.cleanUpCards(cancel);
+    auto* card = duplicatesCard(askedCards);
     ASSERT_TRUE(card);
     EXPECT_EQ(card->bytes, 40'000);
 
     Library always(LibraryScope{h.home.path(), {}}, h.options(false));
-    auto* scanned = duplicatesCard(always.cleanUpCards(cancel));
+    auto alwaysCards = always.cleanUpCards(cancel);
+    auto* scanned = duplicatesCard(alwaysCards);
     ASSERT_TRUE(scanned);
     EXPECT_EQ(scanned->count, 1);
     EXPECT_EQ(scanned->bytes, 40'000);

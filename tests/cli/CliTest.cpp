@@ -20,7 +20,7 @@ struct Ran {
     std::string err;
 };
 
-std::string quoted(const std::string& s) {
+std::string shellQuoted(const std::string& s) {
     std::string q = "'";
     for (char c : s)
         q += c == '\'' ? std::string("'\\''") : std::string(1, c);
@@ -30,12 +30,12 @@ std::string quoted(const std::string& s) {
 // Runs `vantle` with the arguments (each quoted) under a home of the test's own; `redirect` replaces
 // where standard output goes.
 Ran run(const TempDir& dir, const std::vector<std::string>& arguments, const std::string& redirect = "") {
-    std::string command = "HOME=" + quoted((dir / "home").string()) + " XDG_DATA_HOME= " + quoted(VANTLE_CLI);
+    std::string command = "HOME=" + shellQuoted((dir / "home").string()) + " XDG_DATA_HOME= " + shellQuoted(VANTLE_CLI);
     for (const auto& a : arguments)
-        command += " " + quoted(a);
+        command += " " + shellQuoted(a);
     auto out = dir / "stdout", err = dir / "stderr";
-    command += redirect.empty() ? " >" + quoted(out.string()) : " " + redirect;
-    command += " 2>" + quoted(err.string());
+    command += redirect.empty() ? " >" + shellQuoted(out.string()) : " " + redirect;
+    command += " 2>" + shellQuoted(err.string());
     int status = std::system(command.c_str());
     Ran ran;
     ran.exit = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
@@ -97,14 +97,14 @@ TEST(VantleCommand, CorruptHealthRecordSaysItCouldNotBeRead) {
 
 TEST(VantleCommand, ConcurrentSeedWeeksWaitForEachOtherInsteadOfFailing) {
     TempDir dir;
-    auto box = quoted((dir / "box").string());
+    auto box = shellQuoted((dir / "box").string());
     ASSERT_EQ(run(dir, {"-sandbox", (dir / "box").string(), "status"}).exit, 0); // the data folder exists
     std::string script;
     for (int i = 0; i < 4; ++i)
-        script += quoted(VANTLE_CLI) + " -sandbox " + box + " health seed-week >/dev/null 2>" +
-                  quoted((dir / ("err" + std::to_string(i))).string()) + " & ";
+        script += shellQuoted(VANTLE_CLI) + " -sandbox " + box + " health seed-week >/dev/null 2>" +
+                  shellQuoted((dir / ("err" + std::to_string(i))).string()) + " & ";
     script += "wait";
-    ASSERT_EQ(std::system(("HOME=" + quoted((dir / "home").string()) + " bash -c " + quoted(script)).c_str()),
+    ASSERT_EQ(std::system(("HOME=" + shellQuoted((dir / "home").string()) + " bash -c " + shellQuoted(script)).c_str()),
               0);
     for (int i = 0; i < 4; ++i) {
         auto err = readFile(dir / ("err" + std::to_string(i)));
