@@ -100,7 +100,9 @@ RunningApps RunningApps::read(const std::filesystem::path& procRoot, uid_t homeO
     DirectoryReader reader(proc.get());
     DirectoryReader::Entry entry;
     while (reader.next(entry)) {
-        if (!isPid(entry.name) || entry.name == self) continue;
+        // The system's first process never works in a person's folders; in a container it is often
+        // one that hides its files even from root, which would otherwise stop every clean.
+        if (!isPid(entry.name) || entry.name == self || entry.name == "1") continue;
         std::string pid(entry.name);
         UniqueFd process(::openat(proc.get(), pid.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
         if (!process) continue; // ended meanwhile
