@@ -2,6 +2,7 @@
 // file it was (device and inode, so a replacement is caught), its tree's tally and its dates. Plain
 // values, freely copied.
 #pragma once
+#include "Platform/EntryStatus.h"
 #include "VantleSpec/Json.h"
 #include "VantleSpec/Time.h"
 #include "VantleStorage/Tally.h"
@@ -14,6 +15,19 @@ namespace vantle {
 
 enum class EntryKind { file, folder, link, other };
 VANTLE_ENUM_NAMES(EntryKind, "file", "folder", "link", "other")
+
+inline EntryKind kindOf(EntryStatus::Type type) {
+    switch (type) {
+    case EntryStatus::Type::file:
+        return EntryKind::file;
+    case EntryStatus::Type::folder:
+        return EntryKind::folder;
+    case EntryStatus::Type::link:
+        return EntryKind::link;
+    default:
+        return EntryKind::other;
+    }
+}
 
 // Which file an item was when it was seen: the same path with another identity is another file.
 struct FileIdentity {

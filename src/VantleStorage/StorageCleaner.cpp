@@ -150,19 +150,6 @@ std::string partlyWhy(const Removal& r) {
     return std::string(R::partFailedWords);
 }
 
-EntryKind kindOf(EntryStatus::Type type) {
-    switch (type) {
-    case EntryStatus::Type::file:
-        return EntryKind::file;
-    case EntryStatus::Type::folder:
-        return EntryKind::folder;
-    case EntryStatus::Type::link:
-        return EntryKind::link;
-    default:
-        return EntryKind::other;
-    }
-}
-
 // The item as it is now: a fresh walk of a folder through its admitted descriptor, or a file's status.
 ItemFacts measureNow(const ItemGuard::Admitted& a, const CleanPlan::Item& planned) {
     ItemFacts facts;

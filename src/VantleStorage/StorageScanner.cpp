@@ -32,19 +32,6 @@ namespace {
 constexpr std::uint64_t openFilesWanted = 65'536;
 constexpr auto progressInterval = std::chrono::milliseconds(100);
 
-EntryKind kindOf(EntryStatus::Type type) {
-    switch (type) {
-    case EntryStatus::Type::file:
-        return EntryKind::file;
-    case EntryStatus::Type::folder:
-        return EntryKind::folder;
-    case EntryStatus::Type::link:
-        return EntryKind::link;
-    default:
-        return EntryKind::other;
-    }
-}
-
 bool endsWithFolded(std::string_view name, std::string_view suffix) {
     if (name.size() < suffix.size()) return false;
     auto tail = name.substr(name.size() - suffix.size());
