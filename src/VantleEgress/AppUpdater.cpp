@@ -41,10 +41,8 @@ std::optional<std::string> readMarkerVersion(const fs::path& marker) {
     if (plist_get_node_type(root) == PLIST_DICT)
         if (plist_t node = plist_dict_get_item(root, "version");
             node && plist_get_node_type(node) == PLIST_STRING) {
-            char* value = nullptr;
-            plist_get_string_val(node, &value);
-            if (value) version = value;
-            std::free(value);
+            uint64_t length = 0; // the copying getter asserts on a NUL byte inside the string
+            if (const char* value = plist_get_string_ptr(node, &length)) version = std::string(value, length);
         }
     plist_free(root);
     return version;

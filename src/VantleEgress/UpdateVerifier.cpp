@@ -66,12 +66,11 @@ class NoCodeSigning final : public CodeSigningProvider {
 std::optional<std::string> stringOf(plist_t dict, const char* key) {
     plist_t node = plist_dict_get_item(dict, key);
     if (!node || plist_get_node_type(node) != PLIST_STRING) return std::nullopt;
-    char* value = nullptr;
-    plist_get_string_val(node, &value);
+    // The copying getter asserts on a string that holds a NUL byte; this one gives the length.
+    uint64_t length = 0;
+    const char* value = plist_get_string_ptr(node, &length);
     if (!value) return std::nullopt;
-    std::string out(value);
-    std::free(value);
-    return out;
+    return std::string(value, length);
 }
 
 } // namespace

@@ -120,7 +120,7 @@ void HealthRecorder::tick() {
         if (gap > 0 && gap <= 2 * interval) weight = gap;
     }
     if (!open_) {
-        open_.emplace();
+        open_ = Minute{};
         open_->start = minute;
     }
     open_->add(*snapshot, weight);

@@ -86,11 +86,10 @@ bool readUint(plist_t dict, const char* key, std::uint64_t& out) {
 bool readString(plist_t dict, const char* key, std::string& out) {
     plist_t node = plist_dict_get_item(dict, key);
     if (!node || plist_get_node_type(node) != PLIST_STRING) return false;
-    char* text = nullptr;
-    plist_get_string_val(node, &text);
+    uint64_t length = 0; // the copying getter asserts on a NUL byte inside the string
+    const char* text = plist_get_string_ptr(node, &length);
     if (!text) return false;
-    out = text;
-    free(text);
+    out.assign(text, length);
     return true;
 }
 

@@ -38,10 +38,10 @@ FileSettingsStore::Value valueOf(plist_t node) {
                 allStrings = false;
                 break;
             }
-            char* text = nullptr;
-            plist_get_string_val(item, &text);
-            std::unique_ptr<char, CFree> owned(text);
-            list.emplace_back(text ? text : "");
+            // The copying getter asserts on a string that holds a NUL byte; this one gives the length.
+            uint64_t length = 0;
+            const char* text = plist_get_string_ptr(item, &length);
+            list.emplace_back(text ? std::string(text, length) : std::string());
         }
         if (allStrings) return FileSettingsStore::Value{std::move(list)};
         break;
