@@ -42,7 +42,8 @@ std::string uniqueName(const std::string& name, int n) {
     return p.stem().string() + "." + std::to_string(n) + p.extension().string();
 }
 
-// The trash specification's Path key: RFC 2396 escaping of everything but unreserved bytes and "/".
+// A trash info file's Path key: RFC 2396 escaping of everything but unreserved bytes and "/", so the
+// desktop's file manager reads the place back.
 std::string percentEncoded(const std::string& path) {
     static const char* hex = "0123456789ABCDEF";
     std::string out;
@@ -58,7 +59,7 @@ std::string percentEncoded(const std::string& path) {
     return out;
 }
 
-// DeletionDate is local time without a zone, as the specification asks.
+// DeletionDate is local time without a zone: that is how the desktop's trash tools read it back.
 std::string localDate(TimePoint at) {
     auto t = std::chrono::system_clock::to_time_t(at);
     std::tm tm{};
@@ -212,7 +213,7 @@ HomeTrash::moveInto(const fs::path& canonical, const fs::path& trash, const fs::
     auto parent = openFolderAt(canonical.parent_path());
     if (!parent) return std::unexpected(couldNotMove(canonical, parent.error()));
     bool plain = options_.layout == Layout::plain;
-    // The trash folders are the user's alone, as the trash specification asks.
+    // The trash folders are the user's alone: other users must not see what was thrown away.
     auto filesDir = openFolderAt(plain ? trash : trash / "files", true, 0700);
     if (!filesDir) return std::unexpected(couldNotMove(canonical, filesDir.error()));
     UniqueFd infoDir;
