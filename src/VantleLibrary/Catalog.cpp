@@ -57,6 +57,26 @@ void Catalog::loadIndexLocked() {
     walked_ = Result{std::make_shared<const Snapshot>(std::move(kept->snapshot)), std::move(kept->reading)};
 }
 
+std::optional<CatalogIndex::Kept> Catalog::readKept(const CatalogIndex::Each& each) {
+    std::lock_guard lock(mutex_);
+    if (walked_ || indexLoaded_ || walks_ == Walk::running || !options_.indexFile) return std::nullopt;
+    const bool stale = changes_ > 0 || cancelledWalk_;
+    bool fresh = false;
+    auto kept = CatalogIndex(*options_.indexFile)
+                    .stream(
+                        [&](const CatalogIndex::Kept& walk, std::size_t) {
+                            fresh = decide(Walk::ready, walk.snapshot.at, stale, options_.now(),
+                                           options_.walkFreshness) == Next::use;
+                            return fresh;
+                        },
+                        each);
+    if (kept && fresh) return std::move(*kept);
+    // A missing or damaged index is not read again; a stale one is still loaded by read(), so that
+    // latest() has it while the walk runs.
+    if (!kept) indexLoaded_ = true;
+    return std::nullopt;
+}
+
 Catalog::Result Catalog::read(const CancelFlag& cancel, const DiskWalk::ProgressFn& progress) {
     std::unique_lock lock(mutex_);
     loadIndexLocked();

@@ -36,6 +36,18 @@ Catalog::Result Library::read(const CancelFlag& cancel, const DiskWalk::Progress
     return catalog_.read(cancel, progress);
 }
 
+std::optional<SearchResult> Library::search(const SearchParser& parser, std::string_view words, int limit,
+                                            const CancelFlag& cancel, const DiskWalk::ProgressFn& progress) {
+    auto fromIndex = searchFiles(parser, words, limit, [&](const std::function<void(const Facts&)>& each) {
+        auto kept = catalog_.readKept(each);
+        return kept ? std::optional(kept->reading) : std::nullopt;
+    });
+    if (fromIndex) return fromIndex;
+    auto result = catalog_.read(cancel, progress);
+    if (cancel.isCancelled() || !result.snapshot) return std::nullopt;
+    return searchFiles(parser, words, *result.snapshot, result.reading, limit);
+}
+
 LibrarySummary Library::summary(const CancelFlag& cancel, const DiskWalk::ProgressFn& progress) {
     auto result = catalog_.read(cancel, progress);
     auto summary = summaryOf(*result.snapshot, result.reading, options_.samples);
