@@ -1,5 +1,7 @@
 #include "VantleLibrary/Library.h"
 
+#include "VantleLibrary/SummaryTally.h"
+
 namespace vantle {
 
 namespace {
@@ -49,6 +51,16 @@ std::optional<SearchResult> Library::search(const SearchParser& parser, std::str
 }
 
 LibrarySummary Library::summary(const CancelFlag& cancel, const DiskWalk::ProgressFn& progress) {
+    // A fresh kept index is tallied entry by entry, without loading it; kept again only if it differs.
+    SummaryTally tally(options_.samples);
+    if (auto kept = catalog_.readKept([&](const Facts& f) { tally.offer(f); })) {
+        auto summary = tally.summary(kept->snapshot.at, kept->reading);
+        std::lock_guard lock(mutex_);
+        if (kept_.summary() == summary) return summary;
+        if (auto written = kept_.keep(summary); !written)
+            summary.note = summary.note ? *summary.note + " " + written.error() : written.error();
+        return summary;
+    }
     auto result = catalog_.read(cancel, progress);
     auto summary = summaryOf(*result.snapshot, result.reading, options_.samples);
     std::lock_guard lock(mutex_);

@@ -1,6 +1,7 @@
 #include "VantleLibrary/CatalogIndex.h"
 #include "VantleLibrary/Catalog.h"
 #include "VantleLibrary/FileQueryRunner.h"
+#include "VantleLibrary/Library.h"
 
 #include "support/TempDir.h"
 
@@ -199,4 +200,32 @@ TEST(CatalogIndex, ASearchOfAFreshIndexAnswersAsTheLoadedWalkAndAStaleOneIsNotSt
     EXPECT_FALSE(heard.readKept([](const Facts&) { FAIL() << "a stale index was streamed"; }));
     *s.now += minutes(2); // six minutes after the walk: past the freshness
     EXPECT_FALSE(s.catalog().readKept([](const Facts&) { FAIL() << "an old index was streamed"; }));
+}
+
+TEST(CatalogIndex, ASummaryFromAFreshIndexEqualsTheWalkedOneAndIsNotWrittenAgain) {
+    IndexedHome s;
+    for (int i = 0; i < 6; ++i)
+        s.home.write("Pictures/p" + std::to_string(i) + ".jpg", std::string(i + 1, 'x'));
+    s.home.write("Documents/report.pdf", "pdf");
+    auto library = [&] {
+        Library::Options o;
+        o.useSpotlight = false;
+        o.catalogFile = s.index();
+        o.summaryFile = s.data / "Library" / "summary.json";
+        o.now = [now = s.now] { return *now; };
+        return std::make_unique<Library>(LibraryScope{s.home.path(), {}}, o);
+    };
+    CancelFlag cancel;
+    auto walked = library()->summary(cancel);
+    EXPECT_EQ(walked.totalFiles, 7);
+    ASSERT_EQ(walked.categories.size(), 2u);
+    struct stat before {};
+    ASSERT_EQ(::stat((s.data / "Library" / "summary.json").c_str(), &before), 0);
+
+    *s.now += minutes(3);
+    auto fromIndex = library()->summary(cancel);
+    EXPECT_EQ(fromIndex, walked);
+    struct stat after {};
+    ASSERT_EQ(::stat((s.data / "Library" / "summary.json").c_str(), &after), 0);
+    EXPECT_EQ(after.st_ino, before.st_ino) << "an unchanged summary was written again";
 }
