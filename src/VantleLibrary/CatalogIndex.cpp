@@ -1,6 +1,7 @@
 #include "VantleLibrary/CatalogIndex.h"
 
 #include "Platform/AtomicFile.h"
+#include "Platform/HugePages.h"
 #include "Platform/KeptFile.h"
 #include "VantleSpec/Sentence.h"
 
@@ -306,6 +307,7 @@ std::expected<CatalogIndex::Kept, CatalogIndex::Problem> CatalogIndex::decode(st
     std::vector<Facts> facts;
     auto reserve = [&](const Kept&, std::size_t count) {
         facts.reserve(count);
+        adviseHugePages(facts.data(), count * sizeof(Facts));
         return true;
     };
     Wanted wanted = reserve;
