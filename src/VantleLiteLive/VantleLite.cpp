@@ -281,6 +281,7 @@ std::expected<VantleLite, VantleLite::Failure> VantleLite::make(const Options& o
             facts = std::make_shared<CheckupReader>(CheckupReader::Options{.home = live.home,
                                                                            .configHome = xdg("XDG_CONFIG_HOME", ".config"),
                                                                            .cacheHome = xdg("XDG_CACHE_HOME", ".cache"),
+                                                                           .desktop = environment.contains("XDG_CURRENT_DESKTOP") ? environment.at("XDG_CURRENT_DESKTOP") : std::string(),
                                                                            .root = ::geteuid() == 0});
         }
         live.checkup = std::make_shared<CheckupService>(facts, live.support / "Health" / "checkups.json");

@@ -203,7 +203,8 @@ void addFilesSearchCommands(CLI::App& files, CliContext& ctx) {
                             [](std::string a, const std::string& b) { return a.empty() ? b : a + " " + b; });
         if (text.find_first_not_of(" \t") == std::string::npos)
             return ctx.refuse(std::string(noWordsSentence));
-        withCatalog(ctx, [&](VantleLite* live, Catalog::Result* read, CancelFlag& cancel) {
+        // A search reads the catalog as it is; only reading it may be stopped (inside withCatalog).
+        withCatalog(ctx, [&](VantleLite* live, Catalog::Result* read, CancelFlag&) {
             const auto& options = live->library->options();
             SearchParser parser(options.now, options.calendar, live->home);
             auto result = searchFiles(parser, text, *read->snapshot, read->reading, *limit);
@@ -235,7 +236,7 @@ void addFilesSearchCommands(CLI::App& files, CliContext& ctx) {
         files.add_subcommand("sources", "Group downloaded files by the site, mail or app they came from");
     auto* sourcesJson = addJsonFlag(sources);
     sources->callback([&ctx, sourcesJson] {
-        withCatalog(ctx, [&](VantleLite* live, Catalog::Result* read, CancelFlag& cancel) {
+        withCatalog(ctx, [&](VantleLite* live, Catalog::Result* read, CancelFlag&) {
             auto groups = Sources::groups(read->snapshot->facts, live->library->options().samples);
             if (*sourcesJson)
                 printJson(Json(groups));
