@@ -105,7 +105,9 @@ std::expected<fs::path, Failure> makeDataFolder(const fs::path& support, MadeFol
     if (!folder) return couldNotMake(support, errno);
     auto byDescriptor = "/proc/self/fd/" + std::to_string(folder.get());
     if (::chmod(byDescriptor.c_str(), 0700) != 0)
-        return std::unexpected(Failure{Failure::Case::couldNotRestrict, systemErrorText(errno)});
+        return std::unexpected(Failure{Failure::Case::couldNotRestrict,
+                                       fillIn(Failure::couldNotRestrictSentence,
+                                              {{"folder", support.string()}, {"reason", systemErrorText(errno)}})});
     return resolvedParent / name;
 }
 

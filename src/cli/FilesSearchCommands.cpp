@@ -203,8 +203,7 @@ void addFilesSearchCommands(CLI::App& files, CliContext& ctx) {
                             [](std::string a, const std::string& b) { return a.empty() ? b : a + " " + b; });
         if (text.find_first_not_of(" \t") == std::string::npos)
             return ctx.refuse(std::string(noWordsSentence));
-        // A search reads the catalog as it is; only reading it may be stopped (inside withCatalog).
-        withCatalog(ctx, [&](VantleLite* live, Catalog::Result* read, CancelFlag&) {
+        withCatalog(ctx, [&](VantleLite* live, Catalog::Result* read, CancelFlag& cancel) {
             const auto& options = live->library->options();
             SearchParser parser(options.now, options.calendar, live->home);
             auto result = searchFiles(parser, text, *read->snapshot, read->reading, *limit);

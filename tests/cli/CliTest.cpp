@@ -162,3 +162,28 @@ TEST(VantleCommand, AChangeWithoutATerminalIsRefusedEvenWhenStandardInputSaysYes
     EXPECT_TRUE(!fs::exists(mac) || readFile(mac).find("restart") == std::string::npos)
         << "the stand-in Mac was not asked to restart";
 }
+
+TEST(VantleCommand, AnUnreadableDataFolderSaidOnlyTheSystemErrorWithoutNamingIt) {
+    if (::geteuid() != 0) GTEST_SKIP() << "root reads every folder; the case runs as a made-up person";
+    constexpr int person = 61003;
+    TempDir dir;
+    ::chmod(dir.path().c_str(), 0755);
+    auto box = dir / "box";
+    auto data = box / ".vantle-lite";
+    fs::create_directories(data);
+    ::chmod(data.c_str(), 0700); // root's own: the person can neither look inside nor restrict it
+    ASSERT_EQ(::chown(box.c_str(), person, person), 0);
+    auto home = dir.mkdir("home");
+    ASSERT_EQ(::chown(home.c_str(), person, person), 0);
+    std::string command = "setpriv --reuid=" + std::to_string(person) + " --regid=" + std::to_string(person) +
+                          " --clear-groups env HOME=" + shellQuoted(home.string()) + " " +
+                          shellQuoted(VANTLE_CLI) + " -sandbox " + shellQuoted(box.string()) +
+                          " status >/dev/null 2>" + shellQuoted((dir / "stderr").string());
+    int status = std::system(command.c_str());
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 1);
+    auto err = readFile(dir / "stderr");
+    EXPECT_NE(err.find("Vantle Lite could not"), std::string::npos) << err;
+    EXPECT_NE(err.find(data.string()), std::string::npos) << "the folder is named: " << err;
+    EXPECT_EQ(err.find('\n'), err.size() - 1) << "one sentence: " << err;
+}
