@@ -42,7 +42,7 @@ pid_t undumpableProcessOf(uid_t uid) {
     return ok ? pid : -1;
 }
 
-void end(pid_t pid) {
+void endProcess(pid_t pid) {
     if (pid <= 0) return;
     ::kill(pid, SIGKILL);
     ::waitpid(pid, nullptr, 0);
@@ -74,6 +74,6 @@ TEST(RunningApps, AnotherPersonsUndumpableProcessWasTakenForASystemService) {
     pid_t theirs = undumpableProcessOf(someoneElse);
     ASSERT_GT(theirs, 0);
     EXPECT_EQ(seesOpenFilesAsUs(), 0) << "another person's process whose files cannot be listed";
-    end(theirs);
-    end(ours);
+    endProcess(theirs);
+    endProcess(ours);
 }
