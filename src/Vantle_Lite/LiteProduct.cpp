@@ -10,7 +10,7 @@
 
 namespace vantle {
 
-std::shared_ptr<LiteProduct> LiteProduct::make(VantleLite live) {
+std::shared_ptr<LiteProduct> LiteProduct::make(VantleLite live, Lifetime lifetime) {
     auto settings = std::make_unique<FileSettingsStore>(live.support / "Library" / "home.json");
     auto product = std::make_shared<LiteProduct>(std::move(live), std::move(settings));
     if (!product->live().processes)
@@ -25,7 +25,11 @@ std::shared_ptr<LiteProduct> LiteProduct::make(VantleLite live) {
                 return std::unexpected(std::string("It is still open: it may be asking about unsaved work."));
             return {};
         };
-    product->recording_ = product->settings().boolean(std::string(HealthRecorder::settingsKey)).value_or(false);
+    product->recording_ =
+        product->settings().boolean(std::string(HealthRecorder::settingsKey)).value_or(false);
+    // The recorder runs even while the choice is off: it reads the choice at every tick, so turning
+    // the record on later starts it without anyone starting it again.
+    if (lifetime == Lifetime::program) product->startHealthRecorder();
     return product;
 }
 
