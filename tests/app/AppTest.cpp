@@ -3,6 +3,8 @@
 // and receipt.
 #include "app/bridge/ProductBridge.h"
 #include "app/design/ResultBar.h"
+#include "app/pages/home/FileListModel.h"
+#include "app/pages/home/HomePage.h"
 #include "app/pages/storage/StoragePage.h"
 #include "app/shell/MainWindow.h"
 
@@ -15,6 +17,7 @@
 #include <QPushButton>
 #include <QSignalSpy>
 #include <QTest>
+#include <QTreeWidget>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -240,6 +243,89 @@ TEST(AppStorage, ACleanShowsItsQuestionThenTheReceiptsWordsAndTheFiguresAreMeasu
         },
         waitMs));
     ASSERT_TRUE(settle(*window));
+}
+
+TEST(AppHome, ListsTheFilesAndASearchsChipsAndRemovingAChipWidensTheSearch) {
+    TempDir dir;
+    dir.write("box/Documents/report.pdf", std::string(5000, 'r'));
+    dir.write("box/Documents/notes.txt", "n");
+    dir.write("box/Downloads/holiday.pdf", std::string(7000, 'h'));
+    auto window = shellOver(dir);
+    auto* home = window->homePage();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !home->reading() && home->files()->rowCount() == 3; }, waitMs))
+        << home->files()->rowCount();
+
+    home->search("pdfs in downloads");
+    ASSERT_TRUE(
+        QTest::qWaitFor([&] { return home->files()->rowCount() == 1 && home->chips().size() == 2; }, waitMs))
+        << home->chips().join(" | ").toStdString();
+    EXPECT_EQ(home->files()->itemAt(0)->name, "holiday.pdf");
+
+    // Removing the place leaves every pdf.
+    int place = home->chips().indexOf(home->chips().filter("ownload").value(0));
+    ASSERT_GE(place, 0) << home->chips().join(" | ").toStdString();
+    home->removeChip(place);
+    ASSERT_TRUE(
+        QTest::qWaitFor([&] { return home->files()->rowCount() == 2 && home->chips().size() == 1; }, waitMs))
+        << home->chips().join(" | ").toStdString();
+    ASSERT_TRUE(settle(*window));
+}
+
+TEST(AppHome, MoveToTrashFromTheListAsksThenCtrlZPutsTheFileBackAndTheListFollows) {
+    TempDir dir;
+    auto file = dir.write("box/Documents/draft.txt", std::string(1200, 'd'));
+    dir.write("box/Documents/keep.txt", "k");
+    auto window = shellOver(dir);
+    auto* home = window->homePage();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !home->reading() && home->files()->rowCount() == 2; }, waitMs));
+    ASSERT_TRUE(home->select(QString::fromStdString(file.string())));
+    EXPECT_EQ(home->inspectorName(), "draft.txt");
+    home->trashSelection();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return window->questionBox() != nullptr; }, waitMs));
+    EXPECT_EQ(window->questionBox()->text(), "Move “draft.txt” to the Trash?");
+    QTest::mouseClick(window->questionBox()->findChild<QPushButton*>("confirm"), Qt::LeftButton);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return home->files()->rowCount() == 1; }, waitMs))
+        << "the list follows";
+    EXPECT_FALSE(fs::exists(file));
+
+    window->activateWindow();
+    ASSERT_TRUE(QTest::qWaitForWindowActive(window.get()));
+    QTest::keyClick(window->windowHandle(), Qt::Key_Z, Qt::ControlModifier);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return home->files()->rowCount() == 2; }, waitMs));
+    EXPECT_TRUE(fs::exists(file));
+    EXPECT_EQ(window->resultBar()->text(), "Put back 1 item");
+    ASSERT_TRUE(settle(*window));
+}
+
+TEST(AppHome, DuplicatesKeepOneCopyOfEachGroupWhateverIsTicked) {
+    TempDir dir;
+    auto a = dir.write("box/Documents/song.mp3", std::string(9000, 's'));
+    auto b = dir.write("box/Downloads/song.mp3", std::string(9000, 's'));
+    auto window = shellOver(dir);
+    auto* home = window->homePage();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !home->reading(); }, waitMs));
+    home->showView(HomePage::View::duplicates);
+    home->findDuplicates();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return home->duplicatesTree()->topLevelItemCount() == 1; }, waitMs));
+    auto* group = home->duplicatesTree()->topLevelItem(0);
+    ASSERT_EQ(group->childCount(), 2);
+    auto ticked = [&] {
+        int n = 0;
+        for (int i = 0; i < group->childCount(); ++i)
+            n += group->child(i)->checkState(0) == Qt::Checked;
+        return n;
+    };
+    EXPECT_EQ(ticked(), 1) << "one copy is kept from the start";
+    home->tickCopy(QString::fromStdString(a.string()), true);
+    home->tickCopy(QString::fromStdString(b.string()), true);
+    EXPECT_EQ(ticked(), 1) << "the last kept copy cannot be ticked away";
+    home->trashSelection();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return window->questionBox() != nullptr; }, waitMs));
+    QTest::mouseClick(window->questionBox()->findChild<QPushButton*>("confirm"), Qt::LeftButton);
+    ASSERT_TRUE(settle(*window));
+    EXPECT_NE(fs::exists(a), fs::exists(b)) << "exactly one copy went to the Trash";
+    ASSERT_TRUE(
+        QTest::qWaitFor([&] { return window->bridge()->pending() == 0 && !home->reading(); }, waitMs));
 }
 
 int main(int argc, char** argv) {

@@ -21,6 +21,9 @@ ResultBar::ResultBar(ProductBridge& bridge, QWidget* parent) : QFrame(parent), b
     text_->setObjectName("resultText");
     text_->setTextInteractionFlags(Qt::TextSelectableByMouse);
     text_->setAccessibleName("Result");
+    // A receipt can be long: it wraps rather than widening the window.
+    text_->setWordWrap(true);
+    text_->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
     undo_ = new QPushButton(symbolIcon("arrow.uturn.backward"), "Undo");
     undo_->setAccessibleName("Undo the last action");
     undo_->setToolTip("Ctrl+Z");

@@ -179,7 +179,7 @@ QWidget* MainWindow::makeWelcome() {
         column->addSpacing(16);
     };
     feature("folder-documents", welcomeFiles);
-    feature("utilities-system-monitor", welcomeHealth);
+    feature("computer", welcomeHealth);
     column->addSpacing(16);
     auto* go = new QPushButton("Continue");
     go->setObjectName("continue");
@@ -285,10 +285,10 @@ QWidget* MainWindow::makeShell() {
         connect(page, &Page::summaryChanged, this, &MainWindow::updateHeader);
     };
     addPage("home", home_);
-    addPage("health", new NoticePage("Health", "This computer's processor, memory, disk, heat and battery",
-                                     "utilities-system-monitor",
-                                     "The Health page comes in the next version of this window. Meanwhile "
-                                     "`vantle health` reads this computer from a terminal."));
+    addPage("health",
+            new NoticePage("Health", "This computer's processor, memory, disk, heat and battery", "computer",
+                           "The Health page comes in the next version of this window. Meanwhile "
+                           "`vantle health` reads this computer from a terminal."));
     addPage("storage", storage_);
     addPage("privacy",
             new NoticePage("Privacy", "Everything that left this computer, from the network ledger",
@@ -337,9 +337,10 @@ void MainWindow::fillSidebar() {
     font.setPointSizeF(font.pointSizeF() + 2);
     title->setFont(font);
     title->setSizeHint(QSize(200, 40));
+    title->setForeground(palette().color(QPalette::WindowText));
     sidebar_->addItem(title);
     row("Home", "user-home", "page:home");
-    row("Health", "utilities-system-monitor", "page:health");
+    row("Health", "computer", "page:health");
     row("Storage", "drive-harddisk", "page:storage");
     row("Privacy", "security-high", "page:privacy");
 

@@ -12,6 +12,7 @@
 #include "app/pages/storage/StoragePage.h"
 #include "app/shell/MainWindow.h"
 
+#include <QAbstractButton>
 #include <QApplication>
 #include <QMessageBox>
 #include <QScreen>
@@ -86,7 +87,7 @@ int main(int argc, char** argv) {
     QTest::qWait(1500); // thumbnails are made on workers
     shoot(window, "03-home-images");
 
-    home->search("big pdfs from last year");
+    home->search("screenshots older than 6 months");
     waitFor([&] { return !home->chips().isEmpty(); }, "the search's chips");
     shoot(window, "04-home-search-chips");
 

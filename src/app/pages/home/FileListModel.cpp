@@ -35,7 +35,9 @@ QIcon kindIcon(const FileItem& item) {
 QString shortDate(const std::optional<TimePoint>& at) {
     if (!at) return {};
     auto seconds = std::chrono::duration_cast<std::chrono::seconds>(at->time_since_epoch()).count();
-    return QLocale().toString(QDateTime::fromSecsSinceEpoch(seconds), QLocale::ShortFormat);
+    auto local = QDateTime::fromSecsSinceEpoch(seconds);
+    // Date and minute: seconds only make the column wider.
+    return QLocale().toString(local.date(), QLocale::ShortFormat) + " " + local.toString("HH:mm");
 }
 
 QString homeRelative(const std::filesystem::path& home, const std::string& path) {

@@ -80,15 +80,15 @@ QPushButton* makeCard(const CleanUpCard& card) {
     auto* button = new QPushButton;
     button->setObjectName(qt(std::string(nameOf(card.list))));
     button->setCheckable(false);
-    button->setFixedSize(228, 84);
+    button->setFixedSize(184, 76);
     button->setAccessibleName(qt(std::string(vantle::title(card.list))));
     button->setStyleSheet(
         "QPushButton { text-align: left; border: 1px solid palette(mid); border-radius: 8px; "
         "background: palette(base); padding: 8px 12px; }"
         "QPushButton:hover { border-color: palette(highlight); }");
     auto* column = new QVBoxLayout(button);
-    column->setContentsMargins(12, 8, 12, 8);
-    column->setSpacing(2);
+    column->setContentsMargins(10, 6, 10, 6);
+    column->setSpacing(1);
     auto* top = new QHBoxLayout;
     auto* icon = new QLabel;
     icon->setPixmap(symbolIcon(listIcon(card.list).toStdString()).pixmap(16, 16));
@@ -105,7 +105,7 @@ QPushButton* makeCard(const CleanUpCard& card) {
     auto small = detail->font();
     small.setPointSizeF(small.pointSizeF() - 1);
     detail->setFont(small);
-    detail->setText(detail->fontMetrics().elidedText(qt(card.detail), Qt::ElideRight, 200));
+    detail->setText(detail->fontMetrics().elidedText(qt(card.detail), Qt::ElideRight, 156));
     detail->setToolTip(qt(card.detail));
     column->addLayout(top);
     column->addWidget(figures);
@@ -187,7 +187,8 @@ HomePage::HomePage(ProductBridge& bridge, QWidget* parent) : Page(parent), bridg
     listTitle_->setObjectName("listTitle");
     listTitle_->setForegroundRole(QPalette::PlaceholderText);
     bar->addSpacing(8);
-    bar->addWidget(listTitle_, 1);
+    bar->addWidget(listTitle_);
+    bar->addStretch(1);
     trash_ = new QPushButton(symbolIcon("user-trash"), "Move to Trash…");
     trash_->setObjectName("moveToTrash");
     trash_->setEnabled(false);
@@ -218,7 +219,7 @@ HomePage::HomePage(ProductBridge& bridge, QWidget* parent) : Page(parent), bridg
     table_->horizontalHeader()->setHighlightSections(false);
     table_->setColumnWidth(FileListModel::kind, 100);
     table_->setColumnWidth(FileListModel::size, 90);
-    table_->setColumnWidth(FileListModel::modified, 140);
+    table_->setColumnWidth(FileListModel::modified, 150);
     table_->setColumnWidth(FileListModel::folder, 200);
     grid_ = new QListView;
     grid_->setObjectName("imageGrid");
@@ -276,7 +277,7 @@ HomePage::HomePage(ProductBridge& bridge, QWidget* parent) : Page(parent), bridg
     duplicates_->setHeaderLabels({"Copies", "Size", "Modified"});
     duplicates_->header()->setSectionResizeMode(0, QHeaderView::Stretch);
     duplicates_->setColumnWidth(1, 90);
-    duplicates_->setColumnWidth(2, 140);
+    duplicates_->setColumnWidth(2, 150);
     duplicates_->setTextElideMode(Qt::ElideMiddle);
     connect(duplicates_, &QTreeWidget::itemChanged, this, &HomePage::duplicateTicked);
     dupesColumn->addLayout(dupesBar);
@@ -439,10 +440,10 @@ void HomePage::updateSummary() {
     } else {
         std::int64_t bytes = 0;
         for (const auto& f : snapshot_->facts)
-            if (!f.isFolder) bytes += f.size;
+            if (!f.isFolder || f.isPackage) bytes += f.size;
         std::int64_t count = 0;
         for (const auto& f : snapshot_->facts)
-            if (!f.isFolder) ++count;
+            if (!f.isFolder || f.isPackage) ++count;
         summary_ = countOf(count, "file", "files") + ", " + qt(fileBytes(bytes));
         if (readingFacts_)
             if (auto note = readingFacts_->note()) summary_ += " · " + qt(*note);
@@ -453,6 +454,7 @@ void HomePage::updateSummary() {
 void HomePage::showCards(std::vector<CleanUpCard> cards) {
     cards_->clear();
     for (const auto& card : cards) {
+        if (card.count == 0) continue; // a list with nothing in it has nothing to offer
         auto* button = makeCard(card);
         auto list = card.list;
         connect(button, &QPushButton::clicked, this, [this, list] { showList(list); });
@@ -639,6 +641,8 @@ void HomePage::removeChip(int index) {
 
 void HomePage::showView(View view) {
     views_->setCurrentIndex(int(view));
+    // The cards are the overview: they stand above the plain list, not above a search or a place.
+    cardsHolder_->setVisible(view == View::files && words_.isEmpty() && !folder_ && !list_);
     viewButtons_->button(int(view))->setChecked(true);
     kinds_->setVisible(view == View::files);
     trash_->setVisible(view == View::files);

@@ -27,6 +27,9 @@ namespace {
 constexpr const char* beforeSentence =
     "Vantle measures what takes up space in your home folder and what can be freed safely. Nothing is "
     "touched until you say yes.";
+constexpr const char* pickSentence =
+    "Tick the categories to delete, or the items to set aside; select a row to see what it holds and when "
+    "it may be freed.";
 constexpr std::string_view stoppedSentence =
     "The storage scan was stopped before it finished. Nothing was kept; the last report stays as it was.";
 
@@ -217,7 +220,7 @@ StoragePage::StoragePage(ProductBridge& bridge, QWidget* parent) : Page(parent),
     tree_->setTextElideMode(Qt::ElideMiddle);
     connect(tree_, &QTreeWidget::itemChanged, this, [this] { ticksChanged(); });
     connect(tree_, &QTreeWidget::currentItemChanged, this, [this](QTreeWidgetItem* item) {
-        details_->setText(item ? item->data(0, detailRole).toString() : QString());
+        details_->setText(item ? item->data(0, detailRole).toString() : QString(pickSentence));
     });
     details_ = new QLabel;
     details_->setObjectName("details");
@@ -225,6 +228,7 @@ StoragePage::StoragePage(ProductBridge& bridge, QWidget* parent) : Page(parent),
     details_->setMinimumHeight(details_->fontMetrics().lineSpacing() * 3);
     details_->setAlignment(Qt::AlignTop | Qt::AlignLeft);
     details_->setTextInteractionFlags(Qt::TextSelectableByMouse);
+    details_->setForegroundRole(QPalette::PlaceholderText);
     auto* buttons = new QHBoxLayout;
     auto* again = new QPushButton(symbolIcon("view-refresh"), "Scan Again");
     again->setObjectName("scanAgain");
@@ -420,6 +424,7 @@ void StoragePage::showReport() {
                 cost = "Never touched";
             else if (c.method == FreeMethod::show)
                 cost = "Shown only";
+            if (!cost.isEmpty()) cost[0] = cost[0].toUpper();
             row->setText(2, cost);
             row->setToolTip(2, cost);
             QStringList detail;
@@ -433,6 +438,11 @@ void StoragePage::showReport() {
             if (removable) {
                 row->setFlags(row->flags() | Qt::ItemIsUserCheckable);
                 row->setCheckState(0, Qt::Unchecked);
+            } else {
+                // In place of a tick, how it is freed: by its own tool, item by item, or not at all.
+                row->setIcon(0, symbolIcon(c.method == FreeMethod::ownersTool ? "utilities-terminal"
+                                           : c.method == FreeMethod::hold     ? "folder-download"
+                                                                              : "changes-prevent"));
             }
             bool holdable = c.systemFrees && c.method == FreeMethod::hold;
             for (const auto& item : c.items) {
@@ -483,6 +493,7 @@ void StoragePage::showReport() {
         none->setFlags(Qt::ItemIsEnabled);
         none->setFirstColumnSpanned(true);
     }
+    details_->setText(pickSentence);
     enter(State::report);
     ticksChanged();
     Q_EMIT reportShown();
