@@ -74,8 +74,9 @@ void age(const fs::path& root, std::chrono::hours by) {
     auto then = std::chrono::system_clock::now() - by;
     timespec times[2] = {{std::chrono::system_clock::to_time_t(then), 0},
                          {std::chrono::system_clock::to_time_t(then), 0}};
-    for (auto& entry : fs::recursive_directory_iterator(root))
-        ::utimensat(AT_FDCWD, entry.path().c_str(), times, AT_SYMLINK_NOFOLLOW);
+    if (fs::is_directory(root))
+        for (auto& entry : fs::recursive_directory_iterator(root))
+            ::utimensat(AT_FDCWD, entry.path().c_str(), times, AT_SYMLINK_NOFOLLOW);
     ::utimensat(AT_FDCWD, root.c_str(), times, AT_SYMLINK_NOFOLLOW);
 }
 

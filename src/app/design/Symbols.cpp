@@ -53,10 +53,12 @@ void applyAppearance() {
     if (qgetenv("VANTLE_APPEARANCE") != "dark") return;
     QApplication::setStyle(QStyleFactory::create("Fusion"));
     QPalette dark;
-    dark.setColor(QPalette::Window, QColor(36, 36, 38));
+    // Fusion outlines check boxes in the window colour darkened: the window must stand well above the
+    // base colour, or ticks vanish in lists.
+    dark.setColor(QPalette::Window, QColor(53, 53, 56));
     dark.setColor(QPalette::WindowText, QColor(230, 230, 232));
-    dark.setColor(QPalette::Base, QColor(28, 28, 30));
-    dark.setColor(QPalette::AlternateBase, QColor(44, 44, 46));
+    dark.setColor(QPalette::Base, QColor(30, 30, 32));
+    dark.setColor(QPalette::AlternateBase, QColor(48, 48, 51));
     dark.setColor(QPalette::Text, QColor(230, 230, 232));
     dark.setColor(QPalette::PlaceholderText, QColor(150, 150, 155));
     dark.setColor(QPalette::Button, QColor(52, 52, 55));
@@ -65,7 +67,7 @@ void applyAppearance() {
     dark.setColor(QPalette::ToolTipText, QColor(230, 230, 232));
     dark.setColor(QPalette::Highlight, QColor(53, 132, 228));
     dark.setColor(QPalette::HighlightedText, Qt::white);
-    dark.setColor(QPalette::Mid, QColor(70, 70, 74));
+    dark.setColor(QPalette::Mid, QColor(84, 84, 88));
     dark.setColor(QPalette::Light, QColor(80, 80, 84));
     dark.setColor(QPalette::Dark, QColor(20, 20, 22));
     dark.setColor(QPalette::Link, QColor(120, 174, 237));

@@ -1,5 +1,6 @@
 #include "app/shell/MainWindow.h"
 
+#include "VantleSpec/Uuid.h"
 #include "app/bridge/ProductBridge.h"
 #include "app/design/Page.h"
 #include "app/design/ResultBar.h"
@@ -14,6 +15,7 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QListWidget>
+#include <QMenu>
 #include <QMenuBar>
 #include <QMessageBox>
 #include <QProgressBar>
@@ -211,6 +213,31 @@ QWidget* MainWindow::makeShell() {
     sidebar_->setPalette(sidePalette);
     connect(sidebar_, &QListWidget::itemClicked, this, &MainWindow::sidebarChosen);
     connect(sidebar_, &QListWidget::itemActivated, this, &MainWindow::sidebarChosen);
+    sidebar_->setContextMenuPolicy(Qt::CustomContextMenu);
+    connect(sidebar_, &QListWidget::customContextMenuRequested, this, [this](const QPoint& at) {
+        auto* item = sidebar_->itemAt(at);
+        if (!item) return;
+        auto target = item->data(targetRole).toString();
+        QMenu menu;
+        if (target.startsWith("pin:")) {
+            menu.addAction("Remove from Sidebar", this, [this, pin = utf8(target.section(':', 1))] {
+                bridge_->withProduct([pin](LiteProduct& p) { removePin(p.settings(), pin); },
+                                     [this] { fillSidebar(); });
+            });
+        } else if (target.startsWith("search:")) {
+            menu.addAction(
+                "Remove Saved Search", this, [this, id = utf8(item->data(targetRole + 1).toString())] {
+                    bridge_->withProduct(
+                        [id](LiteProduct& p) {
+                            auto searches = savedSearches(p.settings());
+                            std::erase_if(searches, [&](const SavedSearch& s) { return s.id == id; });
+                            saveSearches(p.settings(), searches);
+                        },
+                        [this] { fillSidebar(); });
+                });
+        }
+        if (!menu.isEmpty()) menu.exec(sidebar_->viewport()->mapToGlobal(at));
+    });
     row->addWidget(sidebar_);
 
     auto* separator = new QFrame;
@@ -277,6 +304,17 @@ QWidget* MainWindow::makeShell() {
     pages_ = new QStackedWidget;
     right->addWidget(pages_, 1);
     home_ = new HomePage(*bridge_);
+    // A search worth keeping goes to the sidebar under its own words.
+    connect(home_, &HomePage::saveSearch, this, [this](const QString& words) {
+        bridge_->withProduct(
+            [words = utf8(words)](LiteProduct& p) {
+                auto searches = savedSearches(p.settings());
+                if (std::ranges::find(searches, words, &SavedSearch::words) != searches.end()) return;
+                searches.push_back({newUuid(), words, words});
+                saveSearches(p.settings(), searches);
+            },
+            [this] { fillSidebar(); });
+    });
     storage_ = new StoragePage(*bridge_);
     auto addPage = [&](const QString& name, Page* page) {
         page->setObjectName(name);
@@ -374,21 +412,21 @@ void MainWindow::fillSidebar() {
                 item->setSizeHint(QSize(200, 28));
                 sidebar_->addItem(item);
             };
+            // The places are listed above already; a pin of one of them would say it twice.
             std::vector<std::string> pins;
             for (const auto& pin : kept.first)
-                if (pin != "Desktop" && pin != "Documents" && pin != "Downloads" &&
-                    std::filesystem::is_directory(home / pin))
-                    pins.push_back(pin);
+                if (pin != "Desktop" && pin != "Documents" && pin != "Downloads") pins.push_back(pin);
             if (!pins.empty()) {
                 section("Pins");
                 for (const auto& pin : pins)
-                    add(qt(std::filesystem::path(pin).filename().string()), "folder",
-                        "place:" + qt((home / pin).string()));
+                    add(qt(std::filesystem::path(pin).filename().string()), "folder", "pin:" + qt(pin));
             }
             if (!kept.second.empty()) {
                 section("Searches");
-                for (const auto& saved : kept.second)
+                for (const auto& saved : kept.second) {
                     add(qt(saved.name), "folder-saved-search", "search:" + qt(saved.words));
+                    sidebar_->item(sidebar_->count() - 1)->setData(targetRole + 1, qt(saved.id));
+                }
             }
             auto* gap = new QListWidgetItem;
             gap->setFlags(Qt::NoItemFlags);
@@ -409,6 +447,9 @@ void MainWindow::sidebarChosen(QListWidgetItem* item) {
     } else if (kind == "place") {
         showPage("home");
         home_->showFolder(rest);
+    } else if (kind == "pin") {
+        showPage("home");
+        home_->showFolder(qt((bridge_->live().home / utf8(rest)).string()));
     } else if (kind == "search") {
         showPage("home");
         home_->search(rest);

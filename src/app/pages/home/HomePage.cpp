@@ -608,6 +608,14 @@ void HomePage::showChips(const std::vector<std::string>& chips) {
         layout->addWidget(button);
         ++index;
     }
+    auto* keep = new QToolButton;
+    keep->setText("Save Search");
+    keep->setObjectName("saveSearch");
+    keep->setIcon(symbolIcon("folder-saved-search"));
+    keep->setToolButtonStyle(Qt::ToolButtonTextBesideIcon);
+    keep->setAutoRaise(true);
+    connect(keep, &QToolButton::clicked, this, [this] { Q_EMIT saveSearch(words_); });
+    layout->addWidget(keep);
     chipsRow_->setVisible(!chips.empty());
 }
 

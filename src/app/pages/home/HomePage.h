@@ -74,6 +74,8 @@ class HomePage : public Page {
 
   Q_SIGNALS:
     void listed();
+    // The user asked to keep the search in the sidebar.
+    void saveSearch(const QString& words);
     void duplicatesShown();
 
   private:

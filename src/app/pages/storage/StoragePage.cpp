@@ -424,7 +424,6 @@ void StoragePage::showReport() {
                 cost = "Never touched";
             else if (c.method == FreeMethod::show)
                 cost = "Shown only";
-            if (!cost.isEmpty()) cost[0] = cost[0].toUpper();
             row->setText(2, cost);
             row->setToolTip(2, cost);
             QStringList detail;
