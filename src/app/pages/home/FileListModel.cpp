@@ -144,6 +144,11 @@ void FileListModel::fetchMore(const QModelIndex& parent) {
 
 void FileListModel::sort(int column, Qt::SortOrder order) {
     beginResetModel();
+    sortItems(items_, column, order);
+    endResetModel();
+}
+
+void FileListModel::sortItems(std::vector<FileItem>& items_, int column, Qt::SortOrder order) {
     auto by = [column](const FileItem& a, const FileItem& b) {
         switch (column) {
         case kind:
@@ -163,7 +168,6 @@ void FileListModel::sort(int column, Qt::SortOrder order) {
     else
         std::stable_sort(items_.begin(), items_.end(),
                          [&](const auto& a, const auto& b) { return by(b, a); });
-    endResetModel();
 }
 
 void FileListModel::thumbnailReady(const QString& path) {

@@ -34,6 +34,8 @@ class FileListModel : public QAbstractTableModel {
     bool canFetchMore(const QModelIndex& parent) const override;
     void fetchMore(const QModelIndex& parent) override;
     void sort(int column, Qt::SortOrder order) override;
+    // The same order on a list not yet shown: thousands of names are sorted off the UI thread.
+    static void sortItems(std::vector<FileItem>& items, int column, Qt::SortOrder order);
 
   private:
     void thumbnailReady(const QString& path);

@@ -403,6 +403,25 @@ void HomePage::read(bool again) {
         [this](Catalog::Result result) { readDone(std::move(result)); });
 }
 
+void HomePage::countTotals() {
+    auto snapshot = snapshot_;
+    bridge_.inBackground(
+        [snapshot](CancelFlag&) {
+            std::pair<std::int64_t, std::int64_t> totals{0, 0};
+            for (const auto& f : snapshot->facts)
+                if (!f.isFolder || f.isPackage) {
+                    ++totals.first;
+                    totals.second += f.size;
+                }
+            return totals;
+        },
+        [this, snapshot](std::pair<std::int64_t, std::int64_t> totals) {
+            if (snapshot != snapshot_) return;
+            totals_ = totals;
+            updateSummary();
+        });
+}
+
 void HomePage::readDone(Catalog::Result result) {
     reading_ = false;
     if (result.snapshot) {
@@ -411,6 +430,7 @@ void HomePage::readDone(Catalog::Result result) {
     }
     updateSummary();
     if (!snapshot_) return;
+    countTotals();
     // Cards, sources and the list are worked out from the new reading off the UI thread.
     auto library = bridge_.live().library;
     auto snapshot = snapshot_;
@@ -437,14 +457,10 @@ void HomePage::updateSummary() {
     if (!snapshot_) {
         summary_ =
             reading_ ? "Reading your files…" : "Your files by kind, where they came from, and what could go";
+    } else if (!totals_) {
+        summary_ = "Counting your files…";
     } else {
-        std::int64_t bytes = 0;
-        for (const auto& f : snapshot_->facts)
-            if (!f.isFolder || f.isPackage) bytes += f.size;
-        std::int64_t count = 0;
-        for (const auto& f : snapshot_->facts)
-            if (!f.isFolder || f.isPackage) ++count;
-        summary_ = countOf(count, "file", "files") + ", " + qt(fileBytes(bytes));
+        summary_ = countOf(totals_->first, "file", "files") + ", " + qt(fileBytes(totals_->second));
         if (readingFacts_)
             if (auto note = readingFacts_->note()) summary_ += " · " + qt(*note);
     }
@@ -527,6 +543,8 @@ void HomePage::refreshList() {
     };
     auto words = utf8(words_);
     auto list = list_;
+    int sortColumn = table_->horizontalHeader()->sortIndicatorSection();
+    auto sortOrder = table_->horizontalHeader()->sortIndicatorOrder();
     FileQuery query;
     if (kind_) query.kinds = {*kind_};
     query.folder = folder_;
@@ -549,6 +567,7 @@ void HomePage::refreshList() {
                 auto answer = runQuery(query, snapshot->facts);
                 out.items = std::move(answer.items);
                 out.total = answer.total;
+                FileListModel::sortItems(out.items, sortColumn, sortOrder);
             }
             return out;
         },
@@ -564,8 +583,6 @@ void HomePage::refreshList() {
                 table_->horizontalHeader()->setSortIndicatorShown(false);
             } else {
                 table_->horizontalHeader()->setSortIndicatorShown(true);
-                model_->sort(table_->horizontalHeader()->sortIndicatorSection(),
-                             table_->horizontalHeader()->sortIndicatorOrder());
             }
             QString what = countOf(count, "file", "files");
             if (count > model_->rowCount() && count > listLimit)
@@ -713,7 +730,19 @@ void HomePage::showDuplicates(DuplicateScan scan) {
         duplicatesText_->setText(text);
     }
     if (scan.note) duplicatesText_->setText(duplicatesText_->text() + " " + qt(*scan.note));
-    for (const auto& group : scan.groups) {
+    duplicateGroups_ = std::move(scan.groups);
+    duplicatesAdded_ = 0;
+    addDuplicateGroups();
+    Q_EMIT duplicatesShown();
+}
+
+void HomePage::addDuplicateGroups() {
+    // Thousands of groups are added a batch an event-loop turn, so the window answers meanwhile.
+    constexpr std::size_t batch = 100;
+    QSignalBlocker quiet(duplicates_);
+    auto end = std::min(duplicateGroups_.size(), duplicatesAdded_ + batch);
+    for (; duplicatesAdded_ < end; ++duplicatesAdded_) {
+        const auto& group = duplicateGroups_[duplicatesAdded_];
         auto* head = new QTreeWidgetItem(
             duplicates_,
             {QString("%1 copies of %2").arg(group.items.size()).arg(qt(group.items.front().name)),
@@ -737,8 +766,10 @@ void HomePage::showDuplicates(DuplicateScan scan) {
         }
         head->setExpanded(true);
     }
+    quiet.unblock();
     duplicateTicked();
-    Q_EMIT duplicatesShown();
+    if (duplicatesAdded_ < duplicateGroups_.size())
+        QTimer::singleShot(0, this, &HomePage::addDuplicateGroups);
 }
 
 bool HomePage::tickCopy(const QString& path, bool toTrash) {

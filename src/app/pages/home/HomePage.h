@@ -88,6 +88,8 @@ class HomePage : public Page {
     void showSources();
     void selectionChanged();
     void updateSummary();
+    void countTotals();
+    void addDuplicateGroups();
     void pollChanges();
     void productChanged();
     void duplicateTicked();
@@ -100,6 +102,9 @@ class HomePage : public Page {
     bool reading_ = false;
     bool readAgain_ = false;
     bool started_ = false;
+    std::optional<std::pair<std::int64_t, std::int64_t>> totals_; // files and bytes of the reading
+    std::vector<DuplicateGroup> duplicateGroups_;                 // found, and shown a batch at a time
+    std::size_t duplicatesAdded_ = 0;
 
     // What the files view lists: one of these, by precedence search, list, folder, kind.
     std::optional<LibraryKind> kind_;
