@@ -275,6 +275,7 @@ HomePage::HomePage(ProductBridge& bridge, QWidget* parent) : Page(parent), bridg
     duplicates_ = new QTreeWidget;
     duplicates_->setObjectName("duplicates");
     duplicates_->setHeaderLabels({"Copies", "Size", "Modified"});
+    duplicates_->header()->setStretchLastSection(false);
     duplicates_->header()->setSectionResizeMode(0, QHeaderView::Stretch);
     duplicates_->setColumnWidth(1, 90);
     duplicates_->setColumnWidth(2, 150);
@@ -288,6 +289,7 @@ HomePage::HomePage(ProductBridge& bridge, QWidget* parent) : Page(parent), bridg
     sources_ = new QTreeWidget;
     sources_->setObjectName("sources");
     sources_->setHeaderLabels({"Came from", "Files", "Size"});
+    sources_->header()->setStretchLastSection(false);
     sources_->header()->setSectionResizeMode(0, QHeaderView::Stretch);
     sources_->setColumnWidth(1, 90);
     sources_->setColumnWidth(2, 90);
@@ -633,7 +635,7 @@ void HomePage::showChips(const std::vector<std::string>& chips) {
     keep->setAutoRaise(true);
     connect(keep, &QToolButton::clicked, this, [this] { Q_EMIT saveSearch(words_); });
     layout->addWidget(keep);
-    chipsRow_->setVisible(!chips.empty());
+    chipsRow_->setVisible(!chips.empty() && views_->currentIndex() == int(View::files));
 }
 
 void HomePage::removeChip(int index) {
@@ -668,6 +670,8 @@ void HomePage::showView(View view) {
     views_->setCurrentIndex(int(view));
     // The cards are the overview: they stand above the plain list, not above a search or a place.
     cardsHolder_->setVisible(view == View::files && words_.isEmpty() && !folder_ && !list_);
+    // Chips belong to the search, which only the files view answers.
+    chipsRow_->setVisible(view == View::files && !chipTexts_.isEmpty());
     viewButtons_->button(int(view))->setChecked(true);
     kinds_->setVisible(view == View::files);
     trash_->setVisible(view == View::files);
