@@ -5,6 +5,7 @@
 #include "app/design/ResultBar.h"
 #include "app/pages/home/FileListModel.h"
 #include "app/pages/home/HomePage.h"
+#include "app/pages/home/Thumbnails.h"
 #include "app/pages/storage/StoragePage.h"
 #include "app/shell/MainWindow.h"
 
@@ -12,8 +13,10 @@
 
 #include <QAction>
 #include <QApplication>
+#include <QImage>
 #include <QLabel>
 #include <QMessageBox>
+#include <QPixmap>
 #include <QPushButton>
 #include <QSignalSpy>
 #include <QTest>
@@ -327,6 +330,51 @@ TEST(AppHome, DuplicatesKeepOneCopyOfEachGroupWhateverIsTicked) {
     EXPECT_NE(fs::exists(a), fs::exists(b)) << "exactly one copy went to the Trash";
     ASSERT_TRUE(
         QTest::qWaitFor([&] { return window->bridge()->pending() == 0 && !home->reading(); }, waitMs));
+}
+
+TEST(AppHome, ImagesShowThumbnailsMadeOffTheUiThreadOrTakenFromTheDesktopsCache) {
+    TempDir dir;
+    dir.mkdir("box/Pictures");
+    QImage red(400, 300, QImage::Format_RGB32);
+    red.fill(Qt::red);
+    auto photo = dir / "box/Pictures/red.png";
+    ASSERT_TRUE(red.save(QString::fromStdString(photo.string())));
+    // Made a day old, so that any read the kernel counts would move it to now.
+    age(photo, std::chrono::hours(24));
+    struct stat before {};
+    ASSERT_EQ(::stat(photo.c_str(), &before), 0);
+    // Not an image at all, but the desktop's cache holds a current thumbnail for it.
+    auto cached = dir.write("box/Pictures/cached.jpg", "not really a jpeg");
+    QImage blue(128, 96, QImage::Format_RGB32);
+    blue.fill(Qt::blue);
+    struct stat st {};
+    ASSERT_EQ(::stat(cached.c_str(), &st), 0);
+    blue.setText("Thumb::MTime", QString::number(st.st_mtim.tv_sec));
+    auto thumbnail = Thumbnails::cachedFile(dir / "box/.cache/thumbnails",
+                                            QString::fromStdString(cached.string()), "normal");
+    fs::create_directories(fs::path(thumbnail.toStdString()).parent_path());
+    ASSERT_TRUE(blue.save(thumbnail));
+
+    auto window = shellOver(dir);
+    auto* home = window->homePage();
+    home->showKind(LibraryKind::images);
+    auto decoration = [&](const fs::path& file) {
+        int row = home->files()->rowOf(QString::fromStdString(file.string()));
+        return row < 0 ? QVariant() : home->files()->data(home->files()->index(row, 0), Qt::DecorationRole);
+    };
+    auto pixmapOf = [&](const fs::path& file) {
+        auto value = decoration(file);
+        return value.typeId() == QMetaType::QPixmap ? value.value<QPixmap>() : QPixmap();
+    };
+    ASSERT_TRUE(
+        QTest::qWaitFor([&] { return !pixmapOf(photo).isNull() && !pixmapOf(cached).isNull(); }, waitMs));
+    EXPECT_EQ(pixmapOf(photo).width(), Thumbnails::side) << "made, scaled to the thumbnail's side";
+    EXPECT_EQ(pixmapOf(photo).toImage().pixelColor(10, 10), QColor(Qt::red));
+    EXPECT_EQ(pixmapOf(cached).toImage().pixelColor(10, 10), QColor(Qt::blue)) << "taken from the cache";
+    struct stat after {};
+    ASSERT_EQ(::stat(photo.c_str(), &after), 0);
+    EXPECT_EQ(after.st_atim.tv_sec, before.st_atim.tv_sec) << "making a thumbnail is not opening the photo";
+    ASSERT_TRUE(settle(*window));
 }
 
 int main(int argc, char** argv) {

@@ -483,6 +483,7 @@ void HomePage::showCards(std::vector<CleanUpCard> cards) {
 
 void HomePage::showKind(std::optional<LibraryKind> kind) {
     kind_ = kind;
+    kinds_->setCurrentIndex(kind ? kinds_->findData(int(*kind)) : 0);
     folder_.reset();
     list_.reset();
     words_.clear();
