@@ -39,6 +39,33 @@ std::expected<std::string, KeptFileFailure> readKeptFile(const std::filesystem::
 std::expected<std::string, KeptFileFailure> readKeptFd(int fd, const std::filesystem::path& file,
                                                        std::size_t boundBytes = keptRecordBytes);
 
+// A large kept file's bytes, in memory taken from the system in one piece (large pages where it
+// allows) instead of a string that is zeroed and then faulted in a page at a time: for a kept file of
+// tens of megabytes read on every run (the catalog index), that setting up cost more than the read.
+// Move-only; may be read from several threads once made.
+class KeptBytes {
+  public:
+    KeptBytes() = default;
+    ~KeptBytes();
+    KeptBytes(KeptBytes&& other) noexcept;
+    KeptBytes& operator=(KeptBytes&& other) noexcept;
+    KeptBytes(const KeptBytes&) = delete;
+    KeptBytes& operator=(const KeptBytes&) = delete;
+
+    std::string_view view() const { return {static_cast<const char*>(base_), size_}; }
+
+  private:
+    friend std::expected<KeptBytes, KeptFileFailure> readLargeKeptFile(const std::filesystem::path&,
+                                                                       std::size_t);
+    void* base_ = nullptr;
+    std::size_t mapped_ = 0;
+    std::size_t size_ = 0;
+};
+
+// readKeptFile's checks and answers, into KeptBytes.
+std::expected<KeptBytes, KeptFileFailure> readLargeKeptFile(const std::filesystem::path& file,
+                                                            std::size_t boundBytes);
+
 // The flags every kept file is opened with, added to the access mode.
 inline constexpr int keptFileOpenFlags = O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC;
 

@@ -1,5 +1,7 @@
 #include "VantleLibrary/Catalog.h"
 
+#include "VantleLibrary/SummaryTally.h"
+
 #include <algorithm>
 #include <array>
 #include <utility>
@@ -57,6 +59,26 @@ void Catalog::loadIndexLocked() {
     walked_ = Result{std::make_shared<const Snapshot>(std::move(kept->snapshot)), std::move(kept->reading)};
 }
 
+std::optional<CatalogIndex::Kept> Catalog::readKept(const CatalogIndex::Each& each) {
+    std::lock_guard lock(mutex_);
+    if (walked_ || indexLoaded_ || walks_ == Walk::running || !options_.indexFile) return std::nullopt;
+    const bool stale = changes_ > 0 || cancelledWalk_;
+    bool fresh = false;
+    auto kept = CatalogIndex(*options_.indexFile)
+                    .stream(
+                        [&](const CatalogIndex::Kept& walk, std::size_t) {
+                            fresh = decide(Walk::ready, walk.snapshot.at, stale, options_.now(),
+                                           options_.walkFreshness) == Next::use;
+                            return fresh;
+                        },
+                        each);
+    if (kept && fresh) return std::move(*kept);
+    // A missing or damaged index is not read again; a stale one is still loaded by read(), so that
+    // latest() has it while the walk runs.
+    if (!kept) indexLoaded_ = true;
+    return std::nullopt;
+}
+
 Catalog::Result Catalog::read(const CancelFlag& cancel, const DiskWalk::ProgressFn& progress) {
     std::unique_lock lock(mutex_);
     loadIndexLocked();
@@ -109,39 +131,10 @@ Catalog::Result Catalog::read(const CancelFlag& cancel, const DiskWalk::Progress
 }
 
 LibrarySummary summaryOf(const Snapshot& snapshot, const Reading& reading, int samples) {
-    constexpr auto kinds = allCases<LibraryKind>();
-    std::array<CategorySummary, kinds.size()> byKind;
-    std::array<std::vector<const Facts*>, kinds.size()> newest;
-    LibrarySummary summary;
-    for (const auto& facts : snapshot.facts) {
-        if (facts.isFolder && !facts.isPackage) continue;
-        ++summary.totalFiles;
-        summary.totalBytes += facts.size;
-        auto kind = facts.kind();
-        if (!kind) continue;
-        auto k = static_cast<size_t>(*kind);
-        ++byKind[k].count;
-        byKind[k].bytes += facts.size;
-        newest[k].push_back(&facts);
-    }
-    auto newer = [](const Facts* a, const Facts* b) {
-        auto at = a->modified.value_or(TimePoint{}), bt = b->modified.value_or(TimePoint{});
-        return at != bt ? at > bt : a->path < b->path;
-    };
-    for (size_t k = 0; k < kinds.size(); ++k) {
-        if (byKind[k].count == 0) continue;
-        byKind[k].kind = kinds[k];
-        auto& list = newest[k];
-        auto keep = std::min(list.size(), static_cast<size_t>(std::max(samples, 0)));
-        std::partial_sort(list.begin(), list.begin() + static_cast<long>(keep), list.end(), newer);
-        for (size_t i = 0; i < keep; ++i)
-            byKind[k].samples.push_back(toFileItem(*list[i]));
-        summary.categories.push_back(std::move(byKind[k]));
-    }
-    summary.readAt = toMilliseconds(snapshot.at);
-    summary.isPartial = !reading.isComplete;
-    summary.note = reading.note();
-    return summary;
+    SummaryTally tally(samples);
+    for (const auto& facts : snapshot.facts)
+        tally.offer(facts);
+    return tally.summary(snapshot.at, reading);
 }
 
 } // namespace vantle

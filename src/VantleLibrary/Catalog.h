@@ -55,6 +55,12 @@ class Catalog {
     // returned but not kept as fresh.
     Result read(const CancelFlag& cancel, const DiskWalk::ProgressFn& progress = {});
 
+    // The kept index, looked at entry by entry instead of loaded, when read() would answer from it:
+    // nothing read yet in this run, no walk running, and the kept walk fresh by the same rule. `each`
+    // sees every entry in turn (see CatalogIndex::stream); the answer is how that walk went, without
+    // its facts. nullopt when read() must be asked instead (then whatever `each` saw is void).
+    std::optional<CatalogIndex::Kept> readKept(const CatalogIndex::Each& each);
+
     Next next() const;
     // A change was heard under the scope: the snapshot in hand is stale.
     void noteChanges(std::int64_t count = 1);

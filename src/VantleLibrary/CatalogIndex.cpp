@@ -1,6 +1,7 @@
 #include "VantleLibrary/CatalogIndex.h"
 
 #include "Platform/AtomicFile.h"
+#include "Platform/HugePages.h"
 #include "Platform/KeptFile.h"
 #include "VantleSpec/Sentence.h"
 
@@ -117,7 +118,8 @@ bool nameIsLastComponent(const Facts& f) {
 
 std::string CatalogIndex::encode(const Snapshot& snapshot, const Reading& reading) {
     Writer w;
-    w.out.reserve(snapshot.facts.size() * 96 + 4096);
+    w.out.reserve(snapshot.facts.size() * 160 + 4096); // a home averages about 150 bytes an entry
+    adviseHugePages(w.out.data(), w.out.capacity());
     w.out.append(headerBytes, '\0');
     w.put(static_cast<std::int64_t>(snapshot.at.time_since_epoch().count()));
     w.put(static_cast<std::uint8_t>(snapshot.isWhole));
@@ -194,7 +196,14 @@ std::string CatalogIndex::encode(const Snapshot& snapshot, const Reading& readin
     return std::move(w.out);
 }
 
-std::expected<CatalogIndex::Kept, CatalogIndex::Problem> CatalogIndex::decode(std::string_view bytes) {
+namespace {
+
+// Reads the walk's own record, then hands `each` every entry in turn through one reused Facts, so a
+// search can look at every entry without the whole list ever being held. `each` may move from it.
+template <class Each>
+std::expected<CatalogIndex::Kept, CatalogIndex::Problem> readEntries(std::string_view bytes, Each&& each,
+                                                                     const CatalogIndex::Wanted* wanted) {
+    using Problem = CatalogIndex::Problem;
     auto unreadable = std::unexpected(Problem::unreadable);
     if (bytes.size() < headerBytes + endMark.size() || bytes.substr(0, 8) != magic) return unreadable;
     std::uint64_t length = 0, sum = 0;
@@ -203,7 +212,7 @@ std::expected<CatalogIndex::Kept, CatalogIndex::Problem> CatalogIndex::decode(st
     auto body = bytes.substr(headerBytes);
     if (length != body.size() || !body.ends_with(endMark) || checksum(body) != sum) return unreadable;
 
-    Kept kept;
+    CatalogIndex::Kept kept;
     auto& snapshot = kept.snapshot;
     auto& reading = kept.reading;
     Reader r(body.substr(0, body.size() - endMark.size()));
@@ -234,8 +243,9 @@ std::expected<CatalogIndex::Kept, CatalogIndex::Problem> CatalogIndex::decode(st
     r.get(count);
     // Every entry takes more than 32 bytes: a count beyond that is damage, not a reason to allocate.
     if (!r.ok() || count > r.left() / 32) return unreadable;
-    snapshot.facts.resize(count);
-    for (auto& f : snapshot.facts) {
+    if (wanted && !(*wanted)(kept, static_cast<std::size_t>(count))) return kept;
+    Facts f;
+    for (std::uint64_t i = 0; i < count; ++i) {
         std::uint16_t present = 0;
         std::uint32_t type = 0;
         if (!r.get(present) || !r.text(f.path)) return unreadable;
@@ -249,14 +259,30 @@ std::expected<CatalogIndex::Kept, CatalogIndex::Problem> CatalogIndex::decode(st
         if (!r.get(type) || type >= types.size()) return unreadable;
         f.contentType.assign(types[type]);
         r.get(f.size), r.get(f.onDisk);
-        if (present & hasCreated) r.time(f.created);
-        if (present & hasContentCreated) r.time(f.contentCreated);
-        if (present & hasModified) r.time(f.modified);
-        if (present & hasAdded) r.time(f.added);
-        if (present & hasLastUsed) r.time(f.lastUsed);
-        if (present & hasCameraMake) r.text(f.cameraMake.emplace());
-        if (present & hasCameraModel) r.text(f.cameraModel.emplace());
-        if (present & hasDuration) r.get(f.duration.emplace());
+        // The same Facts carries every entry: what this one lacks must not be left from the last.
+        auto readTime = [&](std::optional<TimePoint>& at, Present bit) {
+            if (present & bit)
+                r.time(at);
+            else
+                at.reset();
+        };
+        readTime(f.created, hasCreated);
+        readTime(f.contentCreated, hasContentCreated);
+        readTime(f.modified, hasModified);
+        readTime(f.added, hasAdded);
+        readTime(f.lastUsed, hasLastUsed);
+        auto optionalText = [&](std::optional<std::string>& into, Present bit) {
+            if (present & bit)
+                r.text(into ? *into : into.emplace());
+            else
+                into.reset();
+        };
+        optionalText(f.cameraMake, hasCameraMake);
+        optionalText(f.cameraModel, hasCameraModel);
+        if (present & hasDuration)
+            r.get(f.duration.emplace());
+        else
+            f.duration.reset();
         f.isScreenshot = present & isScreenshotBit;
         f.isFolder = present & isFolderBit;
         f.isPackage = present & isPackageBit;
@@ -270,13 +296,42 @@ std::expected<CatalogIndex::Kept, CatalogIndex::Problem> CatalogIndex::decode(st
         for (auto& tag : f.tags)
             r.text(tag);
         if (!r.ok()) return unreadable;
+        each(f);
     }
     if (r.left() != 0) return unreadable;
     return kept;
 }
 
-std::expected<CatalogIndex::Kept, CatalogIndex::Problem> CatalogIndex::load() const {
-    auto bytes = readKeptFile(file_, largestFile);
+} // namespace
+
+std::expected<CatalogIndex::Kept, CatalogIndex::Problem> CatalogIndex::decode(std::string_view bytes) {
+    std::vector<Facts> facts;
+    auto reserve = [&](const Kept&, std::size_t count) {
+        facts.reserve(count);
+        adviseHugePages(facts.data(), count * sizeof(Facts));
+        return true;
+    };
+    Wanted wanted = reserve;
+    auto kept = readEntries(
+        bytes, [&](Facts& f) { facts.push_back(std::move(f)); }, &wanted);
+    if (kept) kept->snapshot.facts = std::move(facts);
+    return kept;
+}
+
+std::expected<CatalogIndex::Kept, CatalogIndex::Problem>
+CatalogIndex::decodeEach(std::string_view bytes, const Wanted& wanted, const Each& each) {
+    return readEntries(bytes, each, &wanted);
+}
+
+std::expected<CatalogIndex::Kept, CatalogIndex::Problem> CatalogIndex::stream(const Wanted& wanted,
+                                                                              const Each& each) const {
+    auto bytes = readBytes();
+    if (!bytes) return std::unexpected(bytes.error());
+    return decodeEach(bytes->view(), wanted, each);
+}
+
+std::expected<KeptBytes, CatalogIndex::Problem> CatalogIndex::readBytes() const {
+    auto bytes = readLargeKeptFile(file_, largestFile);
     if (!bytes) {
         switch (bytes.error().what) {
         case KeptFileFailure::Case::missing:
@@ -289,7 +344,13 @@ std::expected<CatalogIndex::Kept, CatalogIndex::Problem> CatalogIndex::load() co
             return std::unexpected(Problem::unreadable);
         }
     }
-    return decode(*bytes);
+    return std::move(*bytes);
+}
+
+std::expected<CatalogIndex::Kept, CatalogIndex::Problem> CatalogIndex::load() const {
+    auto bytes = readBytes();
+    if (!bytes) return std::unexpected(bytes.error());
+    return decode(bytes->view());
 }
 
 std::expected<void, std::string> CatalogIndex::keep(const Snapshot& snapshot, const Reading& reading) const {

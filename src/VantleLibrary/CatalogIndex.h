@@ -4,12 +4,14 @@
 // checked whole (length, end mark, checksum) when read, so a torn or foreign file reads as no index.
 // A plain value; load and keep may be called from several threads (each call is independent).
 #pragma once
+#include "Platform/KeptFile.h"
 #include "VantleLibrary/DiskWalk.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <expected>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -46,14 +48,29 @@ class CatalogIndex {
 
     // The walk kept last, with how that reading went (limits, missed folders), exactly as walked.
     std::expected<Kept, Problem> load() const;
+
+    // Told how the kept walk went (its snapshot without facts) and how many entries follow; answers
+    // whether to read them.
+    using Wanted = std::function<bool(const Kept& walk, std::size_t entries)>;
+    // Sees one entry; the Facts is reused for the next entry and valid only during the call.
+    using Each = std::function<void(const Facts& entry)>;
+    // The kept walk without holding its entries: a search looks at each in turn, which costs a
+    // fraction of building the whole list. The file is checked whole before `wanted` is asked. When
+    // the answer is a Problem, entries `each` saw before it are not to be trusted. The returned Kept
+    // has no facts.
+    std::expected<Kept, Problem> stream(const Wanted& wanted, const Each& each) const;
     // Replaces the file atomically (making its folder when missing); the error is the sentence.
     std::expected<void, std::string> keep(const Snapshot& snapshot, const Reading& reading) const;
 
     // The file's bytes, and back; exposed so a damaged file can be made in a test.
     static std::string encode(const Snapshot& snapshot, const Reading& reading);
     static std::expected<Kept, Problem> decode(std::string_view bytes);
+    static std::expected<Kept, Problem> decodeEach(std::string_view bytes, const Wanted& wanted,
+                                                   const Each& each);
 
   private:
+    std::expected<KeptBytes, Problem> readBytes() const;
+
     std::filesystem::path file_;
 };
 

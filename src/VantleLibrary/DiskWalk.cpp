@@ -3,6 +3,7 @@
 #include "Platform/BeneathOpen.h"
 #include "Platform/DirectoryReader.h"
 #include "Platform/EntryStatus.h"
+#include "Platform/HugePages.h"
 #include "Platform/UniqueFd.h"
 #include "Platform/UserEntryOpen.h"
 #include "VantleSpec/Sentence.h"
@@ -83,13 +84,16 @@ struct Folder {
 // than one growing vector: growing copies the whole list and briefly holds it twice, and the merge
 // frees each chunk as it is moved, so a big home is never held more than once.
 struct Share {
-    static constexpr size_t chunk = 4096;
+    static constexpr size_t chunk = 16384; // several large pages each
     std::vector<std::vector<Facts>> facts;
     std::vector<std::string> missed;
     size_t count = 0;
 
     void add(Facts&& f) {
-        if (facts.empty() || facts.back().size() == chunk) facts.emplace_back().reserve(chunk);
+        if (facts.empty() || facts.back().size() == chunk) {
+            facts.emplace_back().reserve(chunk);
+            adviseHugePages(facts.back().data(), chunk * sizeof(Facts));
+        }
         facts.back().push_back(std::move(f));
         ++count;
     }
@@ -129,6 +133,7 @@ class Walker {
         for (const auto& share : shares_)
             total += share.count;
         out.snapshot.facts.reserve(total);
+        adviseHugePages(out.snapshot.facts.data(), total * sizeof(Facts));
         for (auto& share : shares_) {
             for (auto& chunk : share.facts) {
                 std::ranges::move(chunk, std::back_inserter(out.snapshot.facts));

@@ -7,6 +7,8 @@
 #include <array>
 #include <chrono>
 #include <cmath>
+#include <deque>
+#include <unordered_map>
 
 namespace vantle {
 
@@ -143,15 +145,10 @@ struct Prepared {
     }
 };
 
-} // namespace
-
-QueryAnswer runQuery(const FileQuery& query, std::span<const Facts> facts) {
-    Prepared prepared(query);
-    std::vector<const Facts*> found;
-    std::string scratch;
-    for (const auto& f : facts)
-        if (prepared.test(f, scratch)) found.push_back(&f);
-
+// The matches' order and cut: every order ends on the path, so equal keys still come out the same
+// way every time.
+QueryAnswer answerOf(const Prepared& prepared, std::vector<const Facts*>& found) {
+    const auto& query = prepared.query;
     QueryAnswer answer;
     answer.total = static_cast<int>(found.size());
     auto dateKey = [&](const Facts* f) { return dateOf(*f, query.dateField).value_or(TimePoint::min()); };
@@ -160,13 +157,10 @@ QueryAnswer runQuery(const FileQuery& query, std::span<const Facts> facts) {
         auto k = f->kind();
         return k ? static_cast<int>(*k) : 99; // files of no kind last
     };
-    std::vector<int> relevance;
-    if (query.sort == Sort::relevance) {
-        relevance.resize(facts.size());
+    std::unordered_map<const Facts*, int> relevance;
+    if (query.sort == Sort::relevance)
         for (auto* f : found)
-            relevance[static_cast<size_t>(f - facts.data())] = prepared.relevance(*f);
-    }
-    // Every order ends on the path, so equal keys still come out the same way every time.
+            relevance.emplace(f, prepared.relevance(*f));
     auto before = [&](const Facts* a, const Facts* b) {
         switch (query.sort) {
         case Sort::newest:
@@ -196,8 +190,7 @@ QueryAnswer runQuery(const FileQuery& query, std::span<const Facts> facts) {
             break;
         }
         case Sort::relevance: {
-            auto x = relevance[static_cast<size_t>(a - facts.data())];
-            auto y = relevance[static_cast<size_t>(b - facts.data())];
+            auto x = relevance.at(a), y = relevance.at(b);
             if (x != y) return x < y;
             if (dateKey(a) != dateKey(b)) return dateKey(a) > dateKey(b);
             break;
@@ -213,12 +206,8 @@ QueryAnswer runQuery(const FileQuery& query, std::span<const Facts> facts) {
     return answer;
 }
 
-SearchResult searchFiles(const SearchParser& parser, std::string_view words, const Snapshot& snapshot,
-                         const Reading& reading, int limit) {
-    auto started = std::chrono::steady_clock::now();
-    SearchResult result;
-    result.parsed = parser.parse(words, limit);
-    auto answer = runQuery(result.parsed.query, snapshot.facts);
+SearchResult finished(SearchResult result, QueryAnswer answer, const Reading& reading,
+                      std::chrono::steady_clock::time_point started) {
     result.items = std::move(answer.items);
     result.total = answer.total;
     result.note = reading.note();
@@ -226,6 +215,60 @@ SearchResult searchFiles(const SearchParser& parser, std::string_view words, con
     result.parsed.milliseconds =
         static_cast<int>(std::lround(std::chrono::duration<double, std::milli>(elapsed).count()));
     return result;
+}
+
+} // namespace
+
+QueryAnswer runQuery(const FileQuery& query, std::span<const Facts> facts) {
+    Prepared prepared(query);
+    std::vector<const Facts*> found;
+    std::string scratch;
+    for (const auto& f : facts)
+        if (prepared.test(f, scratch)) found.push_back(&f);
+    return answerOf(prepared, found);
+}
+
+struct QueryMatcher::State {
+    explicit State(const FileQuery& query) : prepared(query) {}
+    Prepared prepared;
+    std::deque<Facts> matches; // copies: what was offered does not outlive the call
+    std::string scratch;
+};
+
+QueryMatcher::QueryMatcher(FileQuery query)
+    : query_(std::move(query)), state_(std::make_unique<State>(query_)) {}
+QueryMatcher::~QueryMatcher() = default;
+
+void QueryMatcher::offer(const Facts& facts) {
+    if (state_->prepared.test(facts, state_->scratch)) state_->matches.push_back(facts);
+}
+
+QueryAnswer QueryMatcher::answer() const {
+    std::vector<const Facts*> found;
+    found.reserve(state_->matches.size());
+    for (const auto& f : state_->matches)
+        found.push_back(&f);
+    return answerOf(state_->prepared, found);
+}
+
+SearchResult searchFiles(const SearchParser& parser, std::string_view words, const Snapshot& snapshot,
+                         const Reading& reading, int limit) {
+    auto started = std::chrono::steady_clock::now();
+    SearchResult result;
+    result.parsed = parser.parse(words, limit);
+    auto answer = runQuery(result.parsed.query, snapshot.facts);
+    return finished(std::move(result), std::move(answer), reading, started);
+}
+
+std::optional<SearchResult> searchFiles(const SearchParser& parser, std::string_view words, int limit,
+                                        const OfferEach& offerEach) {
+    auto started = std::chrono::steady_clock::now();
+    SearchResult result;
+    result.parsed = parser.parse(words, limit);
+    QueryMatcher matcher(result.parsed.query);
+    auto reading = offerEach([&](const Facts& f) { matcher.offer(f); });
+    if (!reading) return std::nullopt;
+    return finished(std::move(result), matcher.answer(), *reading, started);
 }
 
 } // namespace vantle

@@ -1,5 +1,7 @@
 #include "VantleLibrary/Library.h"
 
+#include "VantleLibrary/SummaryTally.h"
+
 namespace vantle {
 
 namespace {
@@ -36,7 +38,29 @@ Catalog::Result Library::read(const CancelFlag& cancel, const DiskWalk::Progress
     return catalog_.read(cancel, progress);
 }
 
+std::optional<SearchResult> Library::search(const SearchParser& parser, std::string_view words, int limit,
+                                            const CancelFlag& cancel, const DiskWalk::ProgressFn& progress) {
+    auto fromIndex = searchFiles(parser, words, limit, [&](const std::function<void(const Facts&)>& each) {
+        auto kept = catalog_.readKept(each);
+        return kept ? std::optional(kept->reading) : std::nullopt;
+    });
+    if (fromIndex) return fromIndex;
+    auto result = catalog_.read(cancel, progress);
+    if (cancel.isCancelled() || !result.snapshot) return std::nullopt;
+    return searchFiles(parser, words, *result.snapshot, result.reading, limit);
+}
+
 LibrarySummary Library::summary(const CancelFlag& cancel, const DiskWalk::ProgressFn& progress) {
+    // A fresh kept index is tallied entry by entry, without loading it; kept again only if it differs.
+    SummaryTally tally(options_.samples);
+    if (auto kept = catalog_.readKept([&](const Facts& f) { tally.offer(f); })) {
+        auto summary = tally.summary(kept->snapshot.at, kept->reading);
+        std::lock_guard lock(mutex_);
+        if (kept_.summary() == summary) return summary;
+        if (auto written = kept_.keep(summary); !written)
+            summary.note = summary.note ? *summary.note + " " + written.error() : written.error();
+        return summary;
+    }
     auto result = catalog_.read(cancel, progress);
     auto summary = summaryOf(*result.snapshot, result.reading, options_.samples);
     std::lock_guard lock(mutex_);

@@ -8,6 +8,7 @@
 #include "VantleLibrary/Catalog.h"
 #include "VantleLibrary/ChangeWatcher.h"
 #include "VantleLibrary/Duplicates.h"
+#include "VantleLibrary/FileQueryRunner.h"
 #include "VantleLibrary/LibrarySummaryStore.h"
 #include "VantleLibrary/SmartLists.h"
 #include "VantleSpec/LibraryRecords.h"
@@ -65,6 +66,12 @@ class Library {
 
     // The catalog's reading: reused while fresh, else walked (one walk at a time).
     Catalog::Result read(const CancelFlag& cancel, const DiskWalk::ProgressFn& progress = {});
+
+    // A search in plain words over the catalog. While the kept index is fresh it is searched entry by
+    // entry without being loaded (the fast answer of a new run); otherwise over the reading read()
+    // gives. nullopt when the user stopped the walk that reading needed.
+    std::optional<SearchResult> search(const SearchParser& parser, std::string_view words, int limit,
+                                       const CancelFlag& cancel, const DiskWalk::ProgressFn& progress = {});
 
     // The summary of the current reading, kept in Library/summary.json when the reading is new. A
     // summary that could not be kept says so in its note.

@@ -11,6 +11,7 @@
 #include <map>
 #include <memory>
 #include <sys/stat.h>
+#include <tuple>
 #include <unordered_map>
 
 namespace vantle {
@@ -120,35 +121,58 @@ template <class F> void eachStanza(std::string_view text, F stanza) {
     flush();
 }
 
-// A list file, decompressed when its name says it is compressed.
-std::expected<std::string, std::string> readList(const fs::path& file) {
+// Hands a text given in pieces to eachStanza one whole paragraph at a time, so a list is never held
+// whole: a decompressed list runs to tens of megabytes, and building that string (growing and
+// copying it, faulting in its pages) cost far more than reading it.
+template <class F> class StanzaFeed {
+  public:
+    explicit StanzaFeed(F& stanza) : stanza_(stanza) {}
+    void add(const char* data, size_t size) {
+        pending_.append(data, size);
+        auto cut = pending_.rfind("\n\n");
+        if (cut == std::string::npos) return;
+        eachStanza(std::string_view(pending_).substr(0, cut + 1), stanza_);
+        pending_.erase(0, cut + 2);
+    }
+    void finish() { eachStanza(pending_, stanza_); }
+
+  private:
+    F& stanza_;
+    std::string pending_;
+};
+
+// Each paragraph of a list file, decompressed as it is read when its name says it is compressed.
+template <class F> std::expected<void, std::string> eachListStanza(const fs::path& file, F stanza) {
     auto ext = file.extension().string();
     if (ext != ".lz4" && ext != ".gz" && ext != ".xz" && ext != ".zst" && ext != ".bz2" && ext != ".lzma") {
         auto text = readWholeFile(file);
         if (!text) return std::unexpected(systemErrorText(text.error()));
-        return *text;
+        eachStanza(*text, stanza);
+        return {};
     }
     std::unique_ptr<archive, decltype(&archive_read_free)> a(archive_read_new(), archive_read_free);
+    auto why = [&](const char* otherwise) {
+        const char* text = archive_error_string(a.get());
+        return std::unexpected(std::string(text ? text : otherwise));
+    };
     archive_read_support_filter_all(a.get());
     archive_read_support_format_raw(a.get());
-    if (archive_read_open_filename(a.get(), file.c_str(), 1 << 16) != ARCHIVE_OK)
-        return std::unexpected(
-            std::string(archive_error_string(a.get()) ? archive_error_string(a.get()) : "unreadable"));
+    if (archive_read_open_filename(a.get(), file.c_str(), 1 << 16) != ARCHIVE_OK) return why("unreadable");
     archive_entry* entry = nullptr;
-    if (archive_read_next_header(a.get(), &entry) != ARCHIVE_OK)
-        return std::unexpected(
-            std::string(archive_error_string(a.get()) ? archive_error_string(a.get()) : "empty"));
-    std::string out;
-    char buffer[1 << 16];
+    if (archive_read_next_header(a.get(), &entry) != ARCHIVE_OK) return why("empty");
+    StanzaFeed<F> feed(stanza);
     for (;;) {
-        auto n = archive_read_data(a.get(), buffer, sizeof buffer);
-        if (n < 0)
-            return std::unexpected(
-                std::string(archive_error_string(a.get()) ? archive_error_string(a.get()) : "torn"));
-        if (n == 0) break;
-        out.append(buffer, size_t(n));
+        // The decompressor's own buffer, lent until the next call: no copy on the way.
+        const void* block = nullptr;
+        size_t size = 0;
+        la_int64_t offset = 0;
+        auto got = archive_read_data_block(a.get(), &block, &size, &offset);
+        if (got == ARCHIVE_EOF) break;
+        if (got < ARCHIVE_WARN) return why("torn");
+        feed.add(static_cast<const char*>(block), size);
     }
-    return out;
+    feed.finish();
+    return {};
 }
 
 struct Release {
@@ -239,27 +263,35 @@ std::expected<PackageUpgrades, std::string> readPackageUpgrades(const fs::path& 
                 longest = stem.size(), release = readRelease(r);
         }
         if (release.notAutomatic) continue;
-        auto text = readList(list);
-        if (!text) {
-            out.unreadLists.push_back(name + ": " + text.error());
-            continue;
-        }
-        eachStanza(*text, [&](auto package, auto arch, auto version, auto) {
+        // Newer versions of installed packages this list offers, counted only once the whole list
+        // was read: a list torn half-way offers nothing, as before it was read in one piece.
+        std::vector<std::tuple<std::string, std::string, std::string>> offered; // package, arch, version
+        auto read = eachListStanza(list, [&](auto package, auto arch, auto version, auto) {
             auto it = installed.find(std::string(package));
             if (it == installed.end() || version.empty()) return;
             for (auto& [iarch, iversion] : it->second) {
                 if (arch != iarch && arch != "all" && iarch != "all") continue;
                 if (compareDebianVersions(version, iversion) <= 0) continue;
-                auto key = std::string(package) + "|" + iarch;
-                auto found = best.find(key);
-                if (found == best.end())
-                    best[key] = {std::string(package), iversion, std::string(version), release.security};
-                else if (int c = compareDebianVersions(version, found->second.candidate); c > 0)
-                    found->second.candidate = std::string(version), found->second.security = release.security;
-                else if (c == 0)
-                    found->second.security |= release.security;
+                offered.emplace_back(std::string(package), iarch, std::string(version));
             }
         });
+        if (!read) {
+            out.unreadLists.push_back(name + ": " + read.error());
+            continue;
+        }
+        for (auto& [package, iarch, version] : offered) {
+            auto key = package + "|" + iarch;
+            auto found = best.find(key);
+            if (found == best.end()) {
+                const auto& versions = installed.at(package);
+                auto mine = std::ranges::find(versions, iarch, &std::pair<std::string, std::string>::first);
+                best[key] = {package, mine->second, version, release.security};
+            } else if (int c = compareDebianVersions(version, found->second.candidate); c > 0) {
+                found->second.candidate = version, found->second.security = release.security;
+            } else if (c == 0) {
+                found->second.security |= release.security;
+            }
+        }
     }
     for (auto& [key, upgrade] : best)
         out.upgrades.push_back(upgrade);

@@ -2,6 +2,7 @@
 
 #include "Platform/AtomicFile.h"
 #include "Platform/SystemError.h"
+#include "VantleSpec/ByteCount.h"
 #include "VantleSpec/Sentence.h"
 
 #include <cerrno>
@@ -10,7 +11,6 @@ namespace vantle {
 
 namespace {
 
-constexpr std::uint64_t GiB = 1ull << 30;
 constexpr auto days = [](int n) { return std::chrono::hours(24 * n); };
 
 CheckupFacts common(TimePoint from) {

@@ -3,6 +3,7 @@
 #include "Platform/AtomicFile.h"
 #include "Platform/KeptFile.h"
 #include "Platform/SystemError.h"
+#include "VantleSpec/ByteCount.h"
 #include "VantleSpec/Sentence.h"
 #include "VantleVitals/VitalsSampler.h"
 
@@ -11,8 +12,6 @@
 namespace vantle {
 
 namespace {
-
-constexpr std::uint64_t GiB = 1ull << 30;
 
 // A made-up reading of an eight-core machine with four performance and four efficiency cores.
 VitalsSnapshot madeUp(std::vector<double> cores, std::uint64_t usedGiB, std::uint64_t swapGiB,

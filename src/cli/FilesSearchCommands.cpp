@@ -203,15 +203,23 @@ void addFilesSearchCommands(CLI::App& files, CliContext& ctx) {
                             [](std::string a, const std::string& b) { return a.empty() ? b : a + " " + b; });
         if (text.find_first_not_of(" \t") == std::string::npos)
             return ctx.refuse(std::string(noWordsSentence));
-        withCatalog(ctx, [&](VantleLite* live, Catalog::Result* read, CancelFlag& cancel) {
-            const auto& options = live->library->options();
-            SearchParser parser(options.now, options.calendar, live->home);
-            auto result = searchFiles(parser, text, *read->snapshot, read->reading, *limit);
-            if (*searchJson)
-                printJson(Json(result));
-            else
-                printSearch(result, live->home);
+        auto* live = ctx.live();
+        if (!live) return;
+        CancelFlag cancel;
+        InterruptGuard interrupt(cancel);
+        const auto& options = live->library->options();
+        SearchParser parser(options.now, options.calendar, live->home);
+        // A fresh kept index is searched in place; only a stale one costs a walk, with its progress.
+        ThrottledLine line;
+        auto result = live->library->search(parser, text, *limit, cancel, [&](const DiskWalk::Progress& p) {
+            line.show([&] { return "Reading the home folder: " + groupedCount(p.entries) + " items…"; });
         });
+        line.clear();
+        if (!result) return ctx.refuse(std::string(walkStoppedSentence));
+        if (*searchJson)
+            printJson(Json(*result));
+        else
+            printSearch(*result, live->home);
     });
 
     auto* duplicates =

@@ -51,3 +51,30 @@ TEST(KeptFile, AMissingFileIsToldApartFromAnUnreadableOne) {
     ASSERT_FALSE(folder);
     EXPECT_EQ(folder.error().what, KeptFileFailure::Case::notAFile);
 }
+
+TEST(KeptFile, TheLargeReaderRefusesWhatTheOrdinaryOneRefusesAndReadsTheRestWhole) {
+    TempDir dir;
+    ASSERT_EQ(::mkfifo((dir / "catalog.index").c_str(), 0600), 0);
+    auto fifo = readLargeKeptFile(dir / "catalog.index", 1000);
+    ASSERT_FALSE(fifo); // and did not block
+    EXPECT_EQ(fifo.error().what, KeptFileFailure::Case::notAFile);
+    fs::create_symlink("/dev/zero", dir / "linked.index");
+    EXPECT_EQ(readLargeKeptFile(dir / "linked.index", 1000).error().what, KeptFileFailure::Case::notAFile);
+    dir.write("big.index", std::string(1001, 'x'));
+    EXPECT_EQ(readLargeKeptFile(dir / "big.index", 1000).error().what, KeptFileFailure::Case::tooLarge);
+    EXPECT_EQ(readLargeKeptFile(dir / "none.index", 1000).error().what, KeptFileFailure::Case::missing);
+
+    std::string bytes(3 << 20, '\0');
+    for (size_t i = 0; i < bytes.size(); ++i)
+        bytes[i] = static_cast<char>(i * 7 % 251);
+    dir.write("whole.index", bytes);
+    auto whole = readLargeKeptFile(dir / "whole.index", 4 << 20);
+    ASSERT_TRUE(whole);
+    EXPECT_TRUE(whole->view() == bytes);
+    auto moved = std::move(*whole);
+    EXPECT_EQ(moved.view().size(), bytes.size());
+    dir.write("empty.index", "");
+    auto empty = readLargeKeptFile(dir / "empty.index", 1000);
+    ASSERT_TRUE(empty);
+    EXPECT_TRUE(empty->view().empty());
+}

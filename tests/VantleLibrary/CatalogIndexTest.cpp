@@ -1,5 +1,7 @@
 #include "VantleLibrary/CatalogIndex.h"
 #include "VantleLibrary/Catalog.h"
+#include "VantleLibrary/FileQueryRunner.h"
+#include "VantleLibrary/Library.h"
 
 #include "support/TempDir.h"
 
@@ -120,4 +122,110 @@ TEST(CatalogIndex, AStoppedWalkIsNotKept) {
     stop.cancel();
     s.catalog().read(stop);
     EXPECT_FALSE(std::filesystem::exists(s.index()));
+}
+
+TEST(CatalogIndex, StreamedEntriesDoNotCarryFactsFromTheEntryBefore) {
+    // One Facts carries every streamed entry: a field the next entry lacks must read as absent.
+    Snapshot snapshot;
+    snapshot.at = sys_days{2026y / May / 1};
+    Facts rich;
+    rich.path = "/h/Downloads/a.pdf";
+    rich.name = "a.pdf";
+    rich.contentType = "com.adobe.pdf";
+    rich.size = 10;
+    rich.created = rich.modified = rich.added = rich.lastUsed = snapshot.at;
+    rich.cameraMake = "Canon";
+    rich.duration = 3.5;
+    rich.whereFroms = {"https://example.org/a.pdf"};
+    rich.tags = {"work"};
+    rich.isScreenshot = true;
+    Facts bare;
+    bare.path = "/h/Documents";
+    bare.name = "Documents";
+    bare.contentType = "public.folder";
+    bare.isFolder = true;
+    snapshot.facts = {rich, bare, rich};
+    Reading reading;
+    auto bytes = CatalogIndex::encode(snapshot, reading);
+
+    std::vector<Facts> seen;
+    std::size_t announced = 0;
+    auto kept = CatalogIndex::decodeEach(
+        bytes,
+        [&](const CatalogIndex::Kept& walk, std::size_t entries) {
+            announced = entries;
+            return walk.snapshot.at == snapshot.at;
+        },
+        [&](const Facts& f) { seen.push_back(f); });
+    ASSERT_TRUE(kept);
+    EXPECT_EQ(announced, 3u);
+    EXPECT_TRUE(kept->snapshot.facts.empty());
+    EXPECT_EQ(seen, snapshot.facts);
+
+    seen.clear();
+    EXPECT_TRUE(CatalogIndex::decodeEach(
+        bytes, [](auto&, auto) { return false; }, [&](const Facts& f) { seen.push_back(f); }));
+    EXPECT_TRUE(seen.empty()) << "an index not wanted is not read past its header";
+}
+
+TEST(CatalogIndex, ASearchOfAFreshIndexAnswersAsTheLoadedWalkAndAStaleOneIsNotStreamed) {
+    IndexedHome s;
+    s.home.write("Downloads/Invoice 2026.pdf", "pdf");
+    s.home.write("Documents/invoice-old.pdf", "pdf!");
+    s.home.write("Documents/notes.txt", "x");
+    CancelFlag cancel;
+    auto walked = s.catalog().read(cancel);
+    SearchParser parser([now = s.now] { return *now; }, Calendar{}, s.home.path());
+
+    *s.now += minutes(4);
+    auto later = s.catalog();
+    std::vector<std::string> streamed;
+    auto kept = later.readKept([&](const Facts& f) { streamed.push_back(f.path); });
+    ASSERT_TRUE(kept);
+    EXPECT_EQ(kept->snapshot.at, walked.snapshot->at);
+    std::ranges::sort(streamed);
+    EXPECT_EQ(streamed, paths(*walked.snapshot));
+
+    auto fromIndex = searchFiles(parser, "invoice pdfs", 10, [&](const auto& each) {
+        auto k = s.catalog().readKept(each);
+        return k ? std::optional(k->reading) : std::nullopt;
+    });
+    ASSERT_TRUE(fromIndex);
+    auto loaded = searchFiles(parser, "invoice pdfs", *walked.snapshot, walked.reading, 10);
+    EXPECT_EQ(fromIndex->total, 2);
+    EXPECT_EQ(fromIndex->items, loaded.items);
+
+    auto heard = s.catalog();
+    heard.noteChanges();
+    EXPECT_FALSE(heard.readKept([](const Facts&) { FAIL() << "a stale index was streamed"; }));
+    *s.now += minutes(2); // six minutes after the walk: past the freshness
+    EXPECT_FALSE(s.catalog().readKept([](const Facts&) { FAIL() << "an old index was streamed"; }));
+}
+
+TEST(CatalogIndex, ASummaryFromAFreshIndexEqualsTheWalkedOneAndIsNotWrittenAgain) {
+    IndexedHome s;
+    for (int i = 0; i < 6; ++i)
+        s.home.write("Pictures/p" + std::to_string(i) + ".jpg", std::string(i + 1, 'x'));
+    s.home.write("Documents/report.pdf", "pdf");
+    auto library = [&] {
+        Library::Options o;
+        o.useSpotlight = false;
+        o.catalogFile = s.index();
+        o.summaryFile = s.data / "Library" / "summary.json";
+        o.now = [now = s.now] { return *now; };
+        return std::make_unique<Library>(LibraryScope{s.home.path(), {}}, o);
+    };
+    CancelFlag cancel;
+    auto walked = library()->summary(cancel);
+    EXPECT_EQ(walked.totalFiles, 7);
+    ASSERT_EQ(walked.categories.size(), 2u);
+    struct stat before {};
+    ASSERT_EQ(::stat((s.data / "Library" / "summary.json").c_str(), &before), 0);
+
+    *s.now += minutes(3);
+    auto fromIndex = library()->summary(cancel);
+    EXPECT_EQ(fromIndex, walked);
+    struct stat after {};
+    ASSERT_EQ(::stat((s.data / "Library" / "summary.json").c_str(), &after), 0);
+    EXPECT_EQ(after.st_ino, before.st_ino) << "an unchanged summary was written again";
 }

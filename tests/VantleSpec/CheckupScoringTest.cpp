@@ -1,4 +1,5 @@
 #include "VantleSpec/CheckupScoring.h"
+#include "VantleSpec/ByteCount.h"
 
 #include <gtest/gtest.h>
 
@@ -9,7 +10,6 @@ using namespace std::chrono;
 
 namespace {
 
-constexpr std::uint64_t GiB = 1ull << 30;
 const TimePoint now = sys_days{2026y / November / 22} + 12h;
 
 // A machine where everything that can be read is read, and all is well.

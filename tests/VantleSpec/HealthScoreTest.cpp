@@ -1,4 +1,5 @@
 #include "VantleSpec/HealthScore.h"
+#include "VantleSpec/ByteCount.h"
 #include "VantleSpec/HealthScoreKeeper.h"
 
 #include <gtest/gtest.h>
@@ -13,8 +14,6 @@ using Pressure = VitalsSnapshot::Pressure;
 using Thermal = VitalsSnapshot::Thermal;
 
 namespace {
-
-constexpr std::uint64_t GiB = 1ull << 30;
 
 HealthScore::Reading calm() {
     HealthScore::Reading r;

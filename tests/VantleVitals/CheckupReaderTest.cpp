@@ -7,6 +7,9 @@
 
 #include <gtest/gtest.h>
 
+#include <archive.h>
+#include <archive_entry.h>
+
 #include <sys/stat.h>
 #include <utime.h>
 
@@ -272,6 +275,61 @@ TEST(CheckupReader, UpdatesComeFromDpkgAndTheListsWithoutTheNetwork) {
     EXPECT_EQ(f.rebootFor, (std::vector<std::string>{"linux-image-amd64"}));
     EXPECT_TRUE(f.listsRead);
     EXPECT_EQ(section(buildCheckup(f, now), CheckupArea::updates).verdict, "Security updates are waiting.");
+}
+
+namespace {
+std::string gzipped(const std::string& text) {
+    std::string out(text.size() + 65536, '\0');
+    size_t used = 0;
+    auto* a = archive_write_new();
+    archive_write_add_filter_gzip(a);
+    archive_write_set_format_raw(a);
+    archive_write_open_memory(a, out.data(), out.size(), &used);
+    auto* entry = archive_entry_new();
+    archive_entry_set_filetype(entry, AE_IFREG);
+    archive_write_header(a, entry);
+    archive_write_data(a, text.data(), text.size());
+    archive_entry_free(entry);
+    archive_write_free(a);
+    out.resize(used);
+    return out;
+}
+} // namespace
+
+TEST(PackageUpgrades, ACompressedListIsReadAcrossItsBlocksAndATornOneOffersNothing) {
+    TempDir dir;
+    dir.write("status",
+              "Package: zlib1g\nStatus: install ok installed\nArchitecture: amd64\nVersion: 1:1.2.13-1\n\n"
+              "Package: curl\nStatus: install ok installed\nArchitecture: amd64\nVersion: 7.88.1-10\n");
+    // Far more than one decompressed block, with the installed packages' paragraphs among the
+    // others, so paragraphs are cut across blocks.
+    std::string list;
+    for (int i = 0; i < 6000; ++i) {
+        if (i == 2999) list += "Package: zlib1g\nArchitecture: amd64\nVersion: 1:1.2.13.dfsg-1\n\n";
+        list += "Package: filler" + std::to_string(i) + "\nArchitecture: amd64\nVersion: 1.0-" +
+                std::to_string(i) + "\nDescription: " + std::string(i % 97, 'x') + "\n\n";
+    }
+    list += "Package: curl\nArchitecture: amd64\nVersion: 7.88.1-10+deb12u5\n";
+    dir.write("lists/deb.debian.org_debian_dists_bookworm_InRelease", "Suite: stable\n");
+    dir.write("lists/deb.debian.org_debian_dists_bookworm_main_binary-amd64_Packages.gz", gzipped(list));
+    auto read = readPackageUpgrades(dir / "status", dir / "lists");
+    ASSERT_TRUE(read) << read.error();
+    EXPECT_TRUE(read->unreadLists.empty());
+    EXPECT_EQ(read->upgrades,
+              (std::vector<CheckupFacts::Upgrade>{{"curl", "7.88.1-10", "7.88.1-10+deb12u5", false},
+                                                  {"zlib1g", "1:1.2.13-1", "1:1.2.13.dfsg-1", false}}));
+
+    // A second list, torn two thirds in: what it offered before the tear is not counted.
+    auto torn = gzipped("Package: zlib1g\nArchitecture: amd64\nVersion: 1:9.9-1\n\n" + list);
+    dir.write("lists/deb.debian.org_debian_dists_bookworm_contrib_binary-amd64_Packages.gz",
+              torn.substr(0, torn.size() * 2 / 3));
+    read = readPackageUpgrades(dir / "status", dir / "lists");
+    ASSERT_TRUE(read) << read.error();
+    ASSERT_EQ(read->unreadLists.size(), 1u);
+    EXPECT_TRUE(read->unreadLists[0].starts_with(
+        "deb.debian.org_debian_dists_bookworm_contrib_binary-amd64_Packages.gz: "));
+    ASSERT_EQ(read->upgrades.size(), 2u);
+    EXPECT_EQ(read->upgrades[1].candidate, "1:1.2.13.dfsg-1");
 }
 
 TEST(DebianVersions, SortAsDpkgDoes) {

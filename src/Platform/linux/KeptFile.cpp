@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -68,8 +70,8 @@ std::expected<std::string, KeptFileFailure> readKeptFd(int fd, const std::filesy
     return out;
 }
 
-std::expected<std::string, KeptFileFailure> readKeptFile(const std::filesystem::path& file,
-                                                         std::size_t boundBytes) {
+namespace {
+std::expected<UniqueFd, KeptFileFailure> openKept(const std::filesystem::path& file) {
     UniqueFd fd(::open(file.c_str(), O_RDONLY | keptFileOpenFlags));
     if (!fd) {
         int err = errno;
@@ -82,7 +84,84 @@ std::expected<std::string, KeptFileFailure> readKeptFile(const std::filesystem::
                           fill(KeptFileFailure::notAFileSentence, file, {}, {}));
         return unreadable(file, err);
     }
-    return readKeptFd(fd.get(), file, boundBytes);
+    return fd;
+}
+
+// Anonymous memory of at least `size` bytes, faulted in with one call; large pages are asked for
+// and used where the system allows them. Null when the system has no memory to give.
+void* mapMemory(std::size_t size, std::size_t& mapped) {
+    mapped = std::max<std::size_t>(size, 1);
+    void* base = ::mmap(nullptr, mapped, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (base == MAP_FAILED) return nullptr;
+    ::madvise(base, mapped, MADV_HUGEPAGE);
+#ifdef MADV_POPULATE_WRITE
+    ::madvise(base, mapped, MADV_POPULATE_WRITE); // older kernels fault the pages in as they are read
+#endif
+    return base;
+}
+} // namespace
+
+std::expected<std::string, KeptFileFailure> readKeptFile(const std::filesystem::path& file,
+                                                         std::size_t boundBytes) {
+    auto fd = openKept(file);
+    if (!fd) return std::unexpected(std::move(fd.error()));
+    return readKeptFd(fd->get(), file, boundBytes);
+}
+
+KeptBytes::~KeptBytes() {
+    if (base_) ::munmap(base_, mapped_);
+}
+
+KeptBytes::KeptBytes(KeptBytes&& other) noexcept
+    : base_(std::exchange(other.base_, nullptr)), mapped_(std::exchange(other.mapped_, 0)),
+      size_(std::exchange(other.size_, 0)) {}
+
+KeptBytes& KeptBytes::operator=(KeptBytes&& other) noexcept {
+    if (this != &other) {
+        if (base_) ::munmap(base_, mapped_);
+        base_ = std::exchange(other.base_, nullptr);
+        mapped_ = std::exchange(other.mapped_, 0);
+        size_ = std::exchange(other.size_, 0);
+    }
+    return *this;
+}
+
+std::expected<KeptBytes, KeptFileFailure> readLargeKeptFile(const std::filesystem::path& file,
+                                                            std::size_t boundBytes) {
+    auto fd = openKept(file);
+    if (!fd) return std::unexpected(std::move(fd.error()));
+    struct stat st {};
+    if (::fstat(fd->get(), &st) != 0) return unreadable(file, errno);
+    // Not a regular file, or larger than the bound: the ordinary reader gives the same answer.
+    if (!S_ISREG(st.st_mode) || static_cast<std::size_t>(st.st_size) > boundBytes) {
+        auto refused = readKeptFd(fd->get(), file, boundBytes);
+        return std::unexpected(refused ? KeptFileFailure{KeptFileFailure::Case::unreadable, 0, {}}
+                                       : std::move(refused.error()));
+    }
+    KeptBytes out;
+    // One byte more than fstat said, so that a file grown since shows itself by filling it.
+    auto capacity = static_cast<std::size_t>(st.st_size) + 1;
+    out.base_ = mapMemory(capacity, out.mapped_);
+    if (!out.base_) return unreadable(file, ENOMEM);
+    auto* into = static_cast<char*>(out.base_);
+    while (out.size_ < capacity) {
+        ssize_t n = ::pread(fd->get(), into + out.size_, capacity - out.size_, static_cast<off_t>(out.size_));
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return unreadable(file, errno);
+        }
+        if (n == 0) return out;
+        out.size_ += static_cast<std::size_t>(n);
+    }
+    // It grew while being read: the ordinary reader follows it up to the bound.
+    auto whole = readKeptFd(fd->get(), file, boundBytes);
+    if (!whole) return std::unexpected(std::move(whole.error()));
+    KeptBytes grown;
+    grown.base_ = mapMemory(whole->size(), grown.mapped_);
+    if (!grown.base_) return unreadable(file, ENOMEM);
+    std::memcpy(grown.base_, whole->data(), whole->size());
+    grown.size_ = whole->size();
+    return grown;
 }
 
 } // namespace vantle
