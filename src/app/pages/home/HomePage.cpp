@@ -44,14 +44,6 @@ QString countOf(std::int64_t n, const char* one, const char* many) {
     return QLocale().toString(qlonglong(n)) + " " + (n == 1 ? one : many);
 }
 
-QLabel* sectionLabel(const QString& text) {
-    auto* label = new QLabel(text);
-    auto font = label->font();
-    font.setBold(true);
-    label->setFont(font);
-    return label;
-}
-
 QString listIcon(SmartList list) {
     switch (list) {
     case SmartList::recents:
