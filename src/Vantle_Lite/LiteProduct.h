@@ -63,6 +63,15 @@ class LiteProduct {
     std::optional<ResultLine> askToTrash(const std::vector<std::filesystem::path>& files);
     std::optional<ResultLine> askToTurnOff(const std::filesystem::path& agent);
     void askToRestart();
+    // Asks before carrying out a clean plan the user was shown: deleting whole categories for good, or
+    // setting chosen items aside. The yes carries the plan out on the answering thread (the app
+    // answers off its UI thread), keeps what was set aside for Undo, and ends with the receipt's words.
+    void askToClean(CleanPlan plan);
+    // Puts items set aside earlier back where they were; the result line counts them, or gives the
+    // shelf's sentence when none could go back.
+    ResultLine putBackHeld(const std::vector<std::string>& heldIds);
+    const std::optional<CleanReceipt>& lastCleanReceipt() const { return lastCleanReceipt_; }
+
     // Runs (yes) or cancels (no) the question being asked and clears it; none when nothing is asked.
     std::optional<ResultLine> answer(bool yes);
     const std::optional<Confirmation>& confirmation() const { return confirmation_; }
@@ -93,6 +102,7 @@ class LiteProduct {
     ResultLine finish(ResultLine line);
     void notify();
     ResultLine trashNow(const std::vector<std::filesystem::path>& files);
+    ResultLine cleanNow(const CleanPlan& plan);
 
     VantleLite live_;
     std::unique_ptr<SettingsStore> settings_;
@@ -103,6 +113,7 @@ class LiteProduct {
     std::optional<Undoable> undoable_;
     std::optional<ResultLine> result_;
     std::optional<HomeTrash::Receipt> lastReceipt_;
+    std::optional<CleanReceipt> lastCleanReceipt_;
     std::map<int, std::function<void()>> listeners_;
     int nextListener_ = 0;
 };
