@@ -1,5 +1,7 @@
 #include "VantleLiteLive/PlatformProfile.h"
 
+#include "VantleStorage/LinuxPlaceRules.h"
+
 #include <cstdlib>
 #include <pwd.h>
 #include <unistd.h>
@@ -24,7 +26,8 @@ PlatformProfile PlatformProfile::linuxReal(const std::filesystem::path& home,
     auto xdg = [&](const char* name, std::filesystem::path fallback) {
         auto it = environment.find(name);
         // The basedir rules say a relative value is invalid and must be ignored.
-        if (it != environment.end() && !it->second.empty() && it->second.front() == '/') return std::filesystem::path(it->second);
+        if (it != environment.end() && !it->second.empty() && it->second.front() == '/')
+            return std::filesystem::path(it->second);
         return fallback;
     };
     auto dataHome = xdg("XDG_DATA_HOME", home / ".local" / "share");
@@ -35,11 +38,27 @@ PlatformProfile PlatformProfile::linuxReal(const std::filesystem::path& home,
     p.launchAgentsFolder = xdg("XDG_CONFIG_HOME", home / ".config") / "autostart";
     p.applicationFolders = {"/usr/share/applications", dataHome / "applications", "/opt"};
     p.standIns = false;
+
+    // A base folder outside the home cannot be named by a home-anchored row; one whose name would read
+    // as a pattern is left out rather than matched as something else.
+    auto insideHome = [&](const std::filesystem::path& folder) -> std::string {
+        auto relative = folder.lexically_normal().lexically_relative(home.lexically_normal()).string();
+        while (!relative.empty() && relative.back() == '/')
+            relative.pop_back();
+        if (relative.empty() || relative == "." || relative.starts_with("..") ||
+            relative.find_first_of("*?[]\\") != std::string::npos)
+            return {};
+        return relative;
+    };
+    p.placeRules = linuxPlaceRules({.cache = insideHome(xdg("XDG_CACHE_HOME", home / ".cache")),
+                                    .data = insideHome(dataHome),
+                                    .state = insideHome(xdg("XDG_STATE_HOME", home / ".local" / "state"))});
     return p;
 }
 
 std::filesystem::path currentUserHome() {
-    if (const char* home = std::getenv("HOME"); home && home[0] == '/') return std::filesystem::path(home).lexically_normal();
+    if (const char* home = std::getenv("HOME"); home && home[0] == '/')
+        return std::filesystem::path(home).lexically_normal();
     if (auto* pw = ::getpwuid(::getuid()); pw && pw->pw_dir) return pw->pw_dir;
     return "/";
 }

@@ -21,7 +21,7 @@ struct Identity {
 };
 
 std::optional<Identity> identityOf(const fs::path& p, bool followLinks) {
-    struct stat st{};
+    struct stat st {};
     if ((followLinks ? ::stat(p.c_str(), &st) : ::lstat(p.c_str(), &st)) != 0) return std::nullopt;
     return Identity{st.st_dev, st.st_ino};
 }
@@ -75,7 +75,8 @@ fs::path standardizedPath(const fs::path& folder) {
     auto abs = fs::absolute(folder, ec);
     auto out = (ec ? folder : abs).lexically_normal();
     auto text = out.string();
-    while (text.size() > 1 && text.back() == '/') text.pop_back();
+    while (text.size() > 1 && text.back() == '/')
+        text.pop_back();
     return text;
 }
 
@@ -99,11 +100,15 @@ std::expected<fs::path, SandboxRefusal> SandboxRule::check(const fs::path& folde
         if (holds)
             return std::unexpected(refuse(path, fillIn(SandboxRefusal::holdsHome, {{"home", homeText}})));
 
-        const fs::path library = homeReal / "Library";
-        const auto libraryId = identityOf(library, true);
-        bool inLibrary = real == library || isInside(real, library) || (libraryId && anyAncestorIs(real, *libraryId));
-        if (inLibrary)
-            return std::unexpected(refuse(path, fillIn(SandboxRefusal::insideLibrary, {{"home", homeText}})));
+        for (const auto& folder : privateFolders) {
+            const fs::path place = homeReal / folder;
+            const auto placeId = identityOf(place, true);
+            bool inside =
+                real == place || isInside(real, place) || (placeId && anyAncestorIs(real, *placeId));
+            if (inside)
+                return std::unexpected(refuse(
+                    path, fillIn(SandboxRefusal::insidePrivate, {{"place", (home / folder).string()}})));
+        }
     }
 
     for (auto entry : checkedEntries) {
@@ -119,6 +124,8 @@ std::expected<fs::path, SandboxRefusal> SandboxRule::check(const fs::path& folde
 
 SandboxRule SandboxRule::forThisMachine() {
     SandboxRule rule;
+    // Where freedesktop apps keep their data and settings: as private to them as a home's Library.
+    rule.privateFolders = {"Library", ".local/share", ".config"};
     rule.realHomes.push_back(currentUserHome());
     ::setpwent();
     while (auto* pw = ::getpwent()) {

@@ -212,9 +212,18 @@ std::expected<VantleLite, VantleLite::Failure> VantleLite::make(const Options& o
     // 8. The storage services.
     {
         live.holding = live.support / "Holding";
+        // The shipped table lives for the whole run; it is only borrowed.
+        auto shipped = std::shared_ptr<const RuleTable>(&RuleTable::shared(), [](const RuleTable*) {});
+        live.storageRules = shipped;
+        if (!live.profile.placeRules.empty()) {
+            // The rows are part of the program; a bad one is a build fault, so the shipped table stands.
+            if (auto rules = RuleTable::compile(shippedRules(), live.profile.placeRules))
+                live.storageRules = std::make_shared<const RuleTable>(std::move(*rules));
+        }
         live.holdingShelf = std::make_shared<HoldingShelf>(
-            live.home, live.holding, live.support / "Library" / "holding.json", RuleTable::shared());
+            live.home, live.holding, live.support / "Library" / "holding.json", *live.storageRules);
         StorageScanner::Options storage;
+        storage.table = live.storageRules.get();
         // A sandbox stands in for the whole machine, so the real machine's system areas are not its own.
         if (live.isSandbox) storage.systemRoot.reset();
         // A held item is named after the place the shelf says it was taken from.
@@ -228,7 +237,9 @@ std::expected<VantleLite, VantleLite::Failure> VantleLite::make(const Options& o
         live.storageScanner = std::make_shared<StorageScanner>(std::move(storage));
         // Running programs are read from this machine's process table, in a sandbox too: a real
         // program holding a sandbox file open is as much in the way as anywhere else.
-        live.storageCleaner = std::make_shared<StorageCleaner>(live.home, StorageCleaner::Options{});
+        StorageCleaner::Options cleaning;
+        cleaning.table = live.storageRules.get();
+        live.storageCleaner = std::make_shared<StorageCleaner>(live.home, std::move(cleaning));
     }
 
     // 9. The health services. In a sandbox the process list is the stand-in's.

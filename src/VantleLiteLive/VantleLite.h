@@ -74,6 +74,8 @@ struct VantleLite {
     // The file library (step 7): catalog, kept summary, smart lists, duplicate finder, watcher.
     std::shared_ptr<Library> library;
     // storage: the storage services (step 8)
+    // The storage rule table of this run: the shipped rows, plus the profile's rows on a real Linux run.
+    std::shared_ptr<const RuleTable> storageRules;
     std::shared_ptr<StorageScanner> storageScanner; // its report is kept in Library/storage.json
     std::filesystem::path holding;                  // the holding folder: items set aside, never counted
     std::shared_ptr<HoldingShelf> holdingShelf;     // what is held there, kept in Library/holding.json

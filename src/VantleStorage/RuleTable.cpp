@@ -76,7 +76,10 @@ const RuleTable& RuleTable::shared() {
     return table;
 }
 
-std::expected<RuleTable, std::string> RuleTable::compile(std::vector<Rule> rules) {
+std::expected<RuleTable, std::string> RuleTable::compile(std::vector<Rule> rules, std::vector<Rule> places) {
+    const std::size_t own = rules.size();
+    for (auto& place : places)
+        rules.push_back(std::move(place));
     constexpr auto limit = std::numeric_limits<std::uint16_t>::max();
     if (rules.size() > limit) return std::unexpected(std::string("The rule table has too many rules."));
     RuleTable table;
@@ -107,6 +110,39 @@ std::expected<RuleTable, std::string> RuleTable::compile(std::vector<Rule> rules
         table.compiled_.push_back(std::move(compiled));
     }
     table.rules_ = std::move(rules);
+    table.added_ = table.rules_.size() - own;
+
+    std::size_t firstCatchAll = own;
+    for (std::size_t i = 0; i < own; ++i)
+        if (table.rules_[i].takesUnknownFolders) {
+            firstCatchAll = i;
+            break;
+        }
+    for (std::size_t i = 0; i < firstCatchAll; ++i)
+        table.claimOrder_.push_back(i);
+    for (std::size_t i = own; i < table.rules_.size(); ++i)
+        table.claimOrder_.push_back(i);
+    for (std::size_t i = firstCatchAll; i < own; ++i)
+        table.claimOrder_.push_back(i);
+
+    // A catch-all's pattern that covers the first components of a longer added pattern would take the
+    // folder that holds the added rule's items; it leaves that folder out instead.
+    for (std::size_t c = 0; c < own; ++c) {
+        if (!table.rules_[c].takesUnknownFolders) continue;
+        auto& exclusions = table.compiled_[c].exclusions;
+        const auto catchAllPatterns = table.compiled_[c].patterns;
+        for (std::size_t a = own; a < table.rules_.size(); ++a) {
+            if (table.rules_[a].anchor != table.rules_[c].anchor) continue;
+            for (const auto& longer : table.compiled_[a].patterns)
+                for (const auto& glob : catchAllPatterns) {
+                    if (longer.size() <= glob.size()) continue;
+                    std::vector<std::string> holder(longer.begin(), longer.begin() + glob.size());
+                    if (!exactly(glob, holder)) continue;
+                    if (std::ranges::find(exclusions, holder) == exclusions.end())
+                        exclusions.push_back(holder);
+                }
+        }
+    }
     return table;
 }
 
@@ -132,7 +168,7 @@ bool RuleTable::matches(std::size_t ruleIndex, std::span<const std::string> part
 }
 
 std::optional<std::size_t> RuleTable::claimant(Anchor anchor, std::span<const std::string> parts) const {
-    for (std::size_t i = 0; i < rules_.size(); ++i)
+    for (std::size_t i : claimOrder_)
         if (rules_[i].anchor == anchor && matches(i, parts)) return i;
     return std::nullopt;
 }
@@ -166,10 +202,12 @@ RuleMatcher::RuleMatcher(const RuleTable& table, Anchor anchor, RuleSelection se
     : table_(&table), anchor_(anchor), selection_(std::move(selection)) {
     // A rule the scan does not measure still matters while a measured rule comes after it: it takes
     // what it matches first. Past the last measured rule nothing can take an item away any more.
+    const auto order = table.claimOrder();
     std::size_t end = 0;
-    for (std::size_t i = 0; i < table.size(); ++i)
-        if (table[i].anchor == anchor && selection_.contains(i)) end = i + 1;
-    for (std::size_t i = 0; i < end; ++i) {
+    for (std::size_t k = 0; k < order.size(); ++k)
+        if (table[order[k]].anchor == anchor && selection_.contains(order[k])) end = k + 1;
+    for (std::size_t k = 0; k < end; ++k) {
+        const std::size_t i = order[k];
         if (table[i].anchor != anchor) continue;
         for (std::size_t p = 0; p < table.compiled(i).patterns.size(); ++p)
             root_.live_.push_back({static_cast<std::uint16_t>(i), static_cast<std::uint16_t>(p)});
@@ -186,7 +224,7 @@ RuleMatcher::Step RuleMatcher::step(const Place& from, std::string_view name) co
     std::optional<std::size_t> claimant;
     bool reachesSelected = false;
 
-    // Live patterns come grouped by rule, in table order, so the first rule with a whole match is the
+    // Live patterns come grouped by rule, in claim order, so the first rule with a whole match is the
     // one that claims the entry. A rule excluded here is dropped for the whole subtree.
     std::size_t current = SIZE_MAX;
     bool excluded = false;

@@ -34,7 +34,18 @@ class RuleTable {
 
     // Compiles a table; a malformed rule (duplicate or empty id, an empty, "." or ".." component, an
     // instruction on a rule that is not `ownersTool` or none on one that is) is a sentence naming it.
-    static std::expected<RuleTable, std::string> compile(std::vector<Rule> rules);
+    //
+    // `places` are rows a platform adds for where its own tools keep what the rows name (a Linux
+    // home's ~/.cache/pip beside the table's Library/Caches/pip). They come after `rules`, so every
+    // row of `rules` keeps its index, and they never change a row of `rules`. Precedence is kept by
+    // claiming, not by position: the added rows claim ahead of the first catch-all (a rule that takes
+    // unknown folders), and each catch-all leaves out, as its own exclusions already do for the
+    // table's named caches, the folder an added row reaches inside (`.cache/JetBrains` for
+    // `.cache/JetBrains/*`), so freeing the catch-all's item never takes an added row's items with it.
+    // With no added rows the claim order is the table's order and nothing is derived, so `rules`
+    // behave exactly as they do alone.
+    static std::expected<RuleTable, std::string> compile(std::vector<Rule> rules,
+                                                         std::vector<Rule> places = {});
 
     std::span<const Rule> rules() const { return rules_; }
     std::size_t size() const { return rules_.size(); }
@@ -55,10 +66,17 @@ class RuleTable {
     // a component is not valid.
     std::optional<std::size_t> claimant(Anchor anchor, std::span<const std::string> parts) const;
 
+    // Rule indices in the order they claim: the table's order with added rows ahead of the catch-alls.
+    std::span<const std::size_t> claimOrder() const { return claimOrder_; }
+    // How many rows a platform added after the table's own (they are the last ones).
+    std::size_t addedCount() const { return added_; }
+
   private:
     RuleTable() = default;
     std::vector<Rule> rules_;
     std::vector<Compiled> compiled_;
+    std::vector<std::size_t> claimOrder_;
+    std::size_t added_ = 0;
 };
 
 // The rows of the shipped table, in order (defined beside the table's words).

@@ -33,11 +33,12 @@ TEST(SandboxRule, RefusesHomesTheirHoldersAndTheirLibraries) {
     EXPECT_EQ(m.refusal(m.home), sentence(m.home, "it is a home folder on this Mac"));
     EXPECT_EQ(m.refusal(m.home.string() + "/./"), sentence(m.home, "it is a home folder on this Mac"))
         << "compared in standardized form";
-    EXPECT_EQ(m.refusal(m.dir / "Users"), sentence(m.dir / "Users", "it holds the home folder " + m.home.string()));
+    EXPECT_EQ(m.refusal(m.dir / "Users"),
+              sentence(m.dir / "Users", "it holds the home folder " + m.home.string()));
     EXPECT_EQ(m.refusal(m.dir.path()), sentence(m.dir.path(), "it holds the home folder " + m.home.string()));
     auto inLibrary = m.dir.mkdir("Users/ada/Library/Sandbox");
-    EXPECT_EQ(m.refusal(inLibrary),
-              sentence(inLibrary, "it is inside " + m.home.string() + "/Library, where apps keep their own data"));
+    EXPECT_EQ(m.refusal(inLibrary), sentence(inLibrary, "it is inside " + m.home.string() +
+                                                            "/Library, where apps keep their own data"));
     EXPECT_EQ(m.refusal(m.home / "Library/Not/Made/Yet"),
               sentence(m.home / "Library/Not/Made/Yet",
                        "it is inside " + m.home.string() + "/Library, where apps keep their own data"));
@@ -54,7 +55,8 @@ TEST(SandboxRule, SecondPathToAHomeIsCaughtByIdentityNotSpelling) {
 
     fs::create_directory_symlink(m.home / "Library", m.dir / "lib");
     fs::create_directories(m.home / "Library/Box");
-    EXPECT_NE(m.refusal(m.dir / "lib/Box").find("it is inside " + m.home.string() + "/Library"), std::string::npos);
+    EXPECT_NE(m.refusal(m.dir / "lib/Box").find("it is inside " + m.home.string() + "/Library"),
+              std::string::npos);
 }
 
 TEST(SandboxRule, EntriesThatLeadOutAreRefusedAndOnesThatStayInAreFine) {
@@ -63,10 +65,12 @@ TEST(SandboxRule, EntriesThatLeadOutAreRefusedAndOnesThatStayInAreFine) {
     EXPECT_EQ(m.rule.check(box), box);
 
     fs::create_directory_symlink(m.home / "Documents", box / "Documents");
-    EXPECT_EQ(m.refusal(box), sentence(box, "its Documents leads to " + (m.home / "Documents").string() + ", outside it"))
+    EXPECT_EQ(m.refusal(box),
+              sentence(box, "its Documents leads to " + (m.home / "Documents").string() + ", outside it"))
         << "a link that dangles still leads out";
     fs::create_directories(m.home / "Documents");
-    EXPECT_EQ(m.refusal(box), sentence(box, "its Documents leads to " + (m.home / "Documents").string() + ", outside it"));
+    EXPECT_EQ(m.refusal(box),
+              sentence(box, "its Documents leads to " + (m.home / "Documents").string() + ", outside it"));
     fs::remove(box / "Documents");
 
     m.dir.mkdir("box/Stuff");
@@ -75,11 +79,53 @@ TEST(SandboxRule, EntriesThatLeadOutAreRefusedAndOnesThatStayInAreFine) {
     EXPECT_EQ(m.rule.check(box), box);
 
     fs::create_symlink("../elsewhere", box / ".vantle");
-    EXPECT_EQ(m.refusal(box), sentence(box, "its .vantle leads to " + (m.dir / "elsewhere").string() + ", outside it"));
+    EXPECT_EQ(m.refusal(box),
+              sentence(box, "its .vantle leads to " + (m.dir / "elsewhere").string() + ", outside it"));
 }
 
 TEST(SandboxRule, AFolderNotMadeYetIsAcceptedUnlessItIsInAForbiddenPlace) {
     Machine m;
     EXPECT_EQ(m.rule.check(m.dir / "new/box"), m.dir / "new/box");
     EXPECT_FALSE(fs::exists(m.dir / "new")) << "checking creates nothing";
+}
+
+TEST(SandboxRule, LinuxDataAndSettingsFoldersOfEveryHomeAreRefusedAsLibraryIs) {
+    TempDir dir;
+    auto ada = dir.mkdir("home/ada");
+    auto bob = dir.mkdir("home/bob");
+    SandboxRule rule{{ada, bob}, {"Library", ".local/share", ".config"}};
+    auto refusal = [&](const fs::path& folder) {
+        auto checked = rule.check(folder);
+        return checked ? "accepted" : checked.error().sentence;
+    };
+    auto shared = dir.mkdir("home/bob/.local/share/Box");
+    EXPECT_EQ(refusal(shared), sentence(shared, "it is inside " + bob.string() +
+                                                    "/.local/share, where apps keep their own data"));
+    EXPECT_EQ(refusal(ada / ".config/app/box"),
+              sentence(ada / ".config/app/box",
+                       "it is inside " + ada.string() + "/.config, where apps keep their own data"))
+        << "a folder not made yet inside it is refused too";
+    EXPECT_EQ(refusal(ada / ".config"),
+              sentence(ada / ".config",
+                       "it is inside " + ada.string() + "/.config, where apps keep their own data"));
+
+    // Reached through a link of its own: caught by identity, not spelling.
+    fs::create_directory_symlink(bob / ".local/share", dir.path() / "data");
+    EXPECT_NE(refusal(dir.path() / "data/Box").find("it is inside " + bob.string() + "/.local/share"),
+              std::string::npos);
+
+    // Beside them, a home's other hidden folders are not private.
+    auto local = dir.mkdir("home/ada/.local/box");
+    EXPECT_EQ(rule.check(local), local);
+}
+
+TEST(SandboxRule, ThisMachinesRuleRefusesTheCurrentHomesLinuxPrivateFolders) {
+    auto rule = SandboxRule::forThisMachine();
+    auto home = standardizedPath(rule.realHomes.front());
+    for (const char* folder : {".config", ".local/share"}) {
+        auto checked = rule.check(home / folder / "vantle-sandbox-never-made");
+        ASSERT_FALSE(checked) << folder;
+        EXPECT_EQ(checked.error().reason,
+                  "it is inside " + (home / folder).string() + ", where apps keep their own data");
+    }
 }

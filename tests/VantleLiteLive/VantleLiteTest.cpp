@@ -3,6 +3,7 @@
 #include "support/TempDir.h"
 
 #include <gtest/gtest.h>
+#include <map>
 #include <sys/stat.h>
 
 using namespace vantle;
@@ -84,7 +85,8 @@ TEST(VantleLiteMake, LedgerThatCannotBeOpenedMakesTheRunOfflineNotFailed) {
     ASSERT_TRUE(live->ledger);
     EXPECT_TRUE(live->ledger->entries().empty());
     ASSERT_EQ(live->notes.size(), 1u);
-    EXPECT_EQ(live->notes[0], "The network ledger could not be opened (Is a directory), so Vantle Lite is offline.");
+    EXPECT_EQ(live->notes[0],
+              "The network ledger could not be opened (Is a directory), so Vantle Lite is offline.");
     EXPECT_FALSE(live->broker) << "no network road is built";
     EXPECT_EQ(live->updater->checkNow().sentence(), "Vantle Lite is offline.");
     EXPECT_EQ(live->opener->openPage("https://example.org/").error().reason,
@@ -249,4 +251,38 @@ TEST(VantleLiteMake, DeepStandInMacValuesAreNeverRewrittenLarger) {
     auto live = VantleLite::make(sandboxOptions(dir, dir / "box"));
     ASSERT_TRUE(live) << live.error().sentence;
     EXPECT_FALSE(live->notes.empty()) << "too deep to read: kept aside, with a note";
+}
+
+TEST(VantleLiteMake, OnlyARealRunsStorageKnowsTheLinuxPlacesAndOnlyWhereTheyLieInTheHome) {
+    TempDir dir;
+    dir.mkdir("realhome");
+    auto box = VantleLite::make(sandboxOptions(dir, dir / "box"));
+    ASSERT_TRUE(box) << box.error().sentence;
+    EXPECT_EQ(box->storageScanner->table().find("pip_cache_linux"), nullptr)
+        << "a sandbox keeps the table's layout";
+    EXPECT_EQ(&box->storageCleaner->table(), &box->storageScanner->table());
+
+    VantleLite::Options options;
+    options.realHome = dir.mkdir("me");
+    options.support = dir / "me/.local/share/Vantle Lite";
+    auto real = VantleLite::make(options);
+    ASSERT_TRUE(real) << real.error().sentence;
+    EXPECT_NE(real->storageScanner->table().find("trash_linux"), nullptr);
+    EXPECT_EQ(&real->storageCleaner->table(), &real->storageScanner->table())
+        << "freed by the same guard's table";
+
+    auto ids = [](const PlatformProfile& p) {
+        std::map<std::string, std::vector<std::string>> out;
+        for (const auto& rule : p.placeRules)
+            out[rule.id] = rule.patterns;
+        return out;
+    };
+    auto moved =
+        ids(PlatformProfile::linuxReal("/home/ada", {{"XDG_CACHE_HOME", "/var/cache/ada"},
+                                                     {"XDG_DATA_HOME", "/home/ada/data"},
+                                                     {"XDG_STATE_HOME", "/home/ada/.local/state/../st"}}));
+    EXPECT_FALSE(moved.contains("pip_cache_linux")) << "a cache outside the home has no home-anchored rows";
+    EXPECT_EQ(moved["trash_linux"], std::vector<std::string>{"data/Trash"});
+    EXPECT_EQ(moved["app_logs_linux"].front(), ".local/st/*/log");
+    EXPECT_TRUE(PlatformProfile::sandbox("/box").placeRules.empty());
 }
