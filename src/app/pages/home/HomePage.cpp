@@ -454,7 +454,10 @@ void HomePage::updateSummary() {
     } else if (!totals_) {
         summary_ = "Counting your files…";
     } else {
-        summary_ = countOf(totals_->first, "file", "files") + ", " + qt(fileBytes(totals_->second));
+        // The title changes with the search, kind, folder or list shown; this line is always the whole
+        // home's, so it says so rather than read as the count of what is listed.
+        summary_ = countOf(totals_->first, "file", "files") + ", " + qt(fileBytes(totals_->second)) +
+                   " in your home folder";
         if (readingFacts_)
             if (auto note = readingFacts_->note()) summary_ += " · " + qt(*note);
     }
