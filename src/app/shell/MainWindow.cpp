@@ -552,6 +552,10 @@ void MainWindow::productChanged() {
         question_->setWindowTitle("Vantle Lite");
         question_->setText(question->title);
         question_->setInformativeText(question->message);
+        // A clean's question names items and what is left alone; at the box's own narrow width a
+        // long name breaks every few words.
+        if (auto* detail = question_->findChild<QLabel*>("qt_msgbox_informativelabel"))
+            detail->setMinimumWidth(480);
         auto* yes = question_->addButton(question->confirm, QMessageBox::AcceptRole);
         auto* no = question_->addButton(question->cancel, QMessageBox::RejectRole);
         yes->setObjectName("confirm");
