@@ -8,7 +8,10 @@
 
 namespace vantle {
 
-Catalog::Catalog(Options options) : options_(std::move(options)) {}
+Catalog::Catalog(Options options)
+    : options_(std::move(options)),
+      media_(options_.indexFile ? std::optional(options_.indexFile->parent_path() / "media.index")
+                                : std::nullopt) {}
 
 Catalog::Next Catalog::decide(Walk walks, std::optional<TimePoint> walkedAt, bool stale, TimePoint now,
                               std::chrono::seconds freshness) {
@@ -105,6 +108,11 @@ Catalog::Result Catalog::read(const CancelFlag& cancel, const DiskWalk::Progress
     Result result;
     try {
         auto outcome = walk.run(cancel, progress);
+        // Read after the walk, not in it: the walk's pace is its own, and most files carry nothing.
+        if (options_.readMediaFacts && !cancel.isCancelled()) {
+            media_.fill(outcome.snapshot.facts, cancel);
+            if (auto kept = media_.keep(); !kept) outcome.reading.notKept = kept.error();
+        }
         result = {std::make_shared<const Snapshot>(std::move(outcome.snapshot)), std::move(outcome.reading)};
     } catch (const std::bad_alloc&) {
         // Out of memory with a huge home: answer with nothing rather than leave waiters hanging.

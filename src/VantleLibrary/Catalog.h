@@ -5,6 +5,7 @@
 #pragma once
 #include "VantleLibrary/CatalogIndex.h"
 #include "VantleLibrary/DiskWalk.h"
+#include "VantleLibrary/MediaIndex.h"
 #include "VantleSpec/CancelFlag.h"
 #include "VantleSpec/LibraryRecords.h"
 #include "VantleSpec/Time.h"
@@ -41,6 +42,9 @@ class Catalog {
         // Where the latest walk is kept between runs (Library/catalog.index in the data folder); none
         // keeps it only in memory. A kept walk answers like a walk of this run, by the same freshness.
         std::optional<std::filesystem::path> indexFile;
+        // Read photos' capture dates and cameras and the playing time of songs and videos after each
+        // walk, once per file: kept in media.index beside the index file (in memory without one).
+        bool readMediaFacts = true;
     };
 
     struct Result {
@@ -90,6 +94,7 @@ class Catalog {
     std::optional<Result> walked_;
     bool indexLoaded_ = false; // tried once, on the first request
     std::mutex keeping_;       // one write of the index at a time
+    MediaIndex media_;         // touched only by the walking call, one walk at a time
 };
 
 // The library at a glance from one reading: counts and bytes per kind (kinds without files left
