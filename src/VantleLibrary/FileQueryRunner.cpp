@@ -75,7 +75,7 @@ struct Prepared {
             if (!folderPrefix.ends_with('/')) folderPrefix += '/';
         }
         nameOnly = !terms.empty() && q.kinds.empty() && q.extensions.empty() && !q.screenshotsOnly &&
-                   !q.minSize && !q.maxSize && !q.source && !q.camera;
+                   !q.minSize && !q.maxSize && !q.source && !q.camera && !q.minLength && !q.maxLength;
     }
 
     bool inDates(const Facts& f) const {
@@ -118,6 +118,8 @@ struct Prepared {
         if (query.source) {
             if (f.whereFroms.empty() || Sources::sourceKey(f.whereFroms) != *query.source) return false;
         }
+        if (query.minLength && !(f.duration && *f.duration >= *query.minLength)) return false;
+        if (query.maxLength && !(f.duration && *f.duration <= *query.maxLength)) return false;
         if (query.camera) {
             bool byMake = f.cameraMake && containsFolded(*f.cameraMake, *query.camera);
             bool byModel = f.cameraModel && containsFolded(*f.cameraModel, *query.camera);

@@ -1,6 +1,5 @@
 #include "VantleLibrary/MediaFacts.h"
 
-#include <MediaInfo/MediaInfo.h>
 #include <exiv2/exiv2.hpp>
 #include <taglib/fileref.h>
 #include <taglib/tiostream.h>
@@ -35,8 +34,10 @@ bool isAudioType(std::string_view type) {
     return startsWith(type, "audio/") && type != "audio/midi";
 }
 
+// The containers TagLib reads a playing time from: MPEG-4 and QuickTime (with a sound track) and Ogg.
 bool isVideoType(std::string_view type) {
-    return startsWith(type, "video/");
+    return type == "video/mp4" || type == "video/x-m4v" || type == "video/quicktime" ||
+           type == "video/3gpp" || type == "video/ogg";
 }
 
 // A read-only private mapping of the whole file. Pages are read only as the parser touches them, and
@@ -185,49 +186,12 @@ std::optional<double> lengthByTagLib(int fd, std::string_view name) {
     return seconds(ref.audioProperties()->lengthInMilliseconds() / 1000.0);
 }
 
-std::optional<double> lengthByMediaInfo(int fd) {
-    struct stat st {};
-    if (::fstat(fd, &st) != 0 || st.st_size <= 0) return std::nullopt;
-    const auto size = static_cast<ZenLib::int64u>(st.st_size);
-    MediaInfoLib::MediaInfo info;
-    info.Option(__T("ParseSpeed"), __T("0")); // headers only: the playing time, not every frame
-    info.Open_Buffer_Init(size, 0);
-    std::vector<ZenLib::int8u> buffer(64 * 1024);
-    ZenLib::int64u at = 0;
-    // A file whose headers are not found in this much is not read further.
-    std::size_t budget = 16u << 20;
-    while (budget > 0) {
-        ssize_t n = ::pread(fd, buffer.data(), buffer.size(), static_cast<off_t>(at));
-        if (n <= 0) break;
-        budget -= std::min<std::size_t>(budget, static_cast<std::size_t>(n));
-        auto status = info.Open_Buffer_Continue(buffer.data(), static_cast<std::size_t>(n));
-        if (status & 0x08) break; // finished
-        at += static_cast<ZenLib::int64u>(n);
-        auto goTo = info.Open_Buffer_Continue_GoTo_Get();
-        if (goTo != static_cast<ZenLib::int64u>(-1)) {
-            at = goTo;
-            info.Open_Buffer_Init(size, at);
-        }
-        if (at >= size) break;
-    }
-    info.Open_Buffer_Finalize();
-    auto text = info.Get(MediaInfoLib::Stream_General, 0, __T("Duration"));
-    if (text.empty()) return std::nullopt;
-    try {
-        return seconds(std::stod(text) / 1000.0);
-    } catch (...) {
-        return std::nullopt;
-    }
-}
-
 MediaFacts readMediaFacts(int fd, std::string_view name, std::string_view contentType) {
     MediaFacts out;
     if (isPhotoType(contentType))
         readExif(fd, out);
-    else if (isAudioType(contentType))
+    else if (isAudioType(contentType) || isVideoType(contentType))
         out.duration = lengthByTagLib(fd, name);
-    else if (isVideoType(contentType))
-        out.duration = lengthByMediaInfo(fd);
     return out;
 }
 

@@ -1,6 +1,6 @@
 // Photos' capture dates and cameras (their EXIF, read by exiv2) and the playing time of songs and
-// videos (TagLib for audio, MediaInfo for video containers), read from a descriptor the caller opened
-// without moving the access time: no library is ever given a path to open itself. The functions
+// videos (TagLib: every common audio format, and MPEG-4 and QuickTime video), read from a descriptor the
+// caller opened without moving the access time: no library is ever given a path to open itself. The functions
 // return plain values and may be called from several threads at once.
 #pragma once
 #include "VantleSpec/Time.h"
@@ -27,8 +27,7 @@ bool mayCarryMediaFacts(std::string_view contentType);
 // nothing, or that the libraries cannot read, gives empty facts.
 MediaFacts readMediaFacts(int fd, std::string_view name, std::string_view contentType);
 
-// The two ways of reading a playing time, each on its own so they can be measured side by side.
+// The playing time alone, as TagLib reads it through the descriptor.
 std::optional<double> lengthByTagLib(int fd, std::string_view name);
-std::optional<double> lengthByMediaInfo(int fd);
 
 } // namespace vantle
