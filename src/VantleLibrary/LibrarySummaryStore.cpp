@@ -1,6 +1,7 @@
 #include "VantleLibrary/LibrarySummaryStore.h"
 
 #include "Platform/AtomicFile.h"
+#include "Platform/KeptFile.h"
 #include "VantleSpec/Sentence.h"
 
 namespace vantle {
@@ -8,7 +9,7 @@ namespace vantle {
 KeptSummary::KeptSummary(std::optional<std::filesystem::path> file) : file_(std::move(file)) {
     if (!file_) return;
     // A missing, torn or foreign file is no summary: the Home waits for the first reading.
-    if (auto text = readWholeFile(*file_))
+    if (auto text = readKeptFile(*file_))
         if (auto decoded = decodeJson<LibrarySummary>(*text)) summary_ = std::move(*decoded);
     loaded_ = true;
 }

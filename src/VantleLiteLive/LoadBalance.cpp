@@ -41,6 +41,34 @@ std::optional<bool> startedByServiceManager(int pid, const fs::path& proc) {
     return std::nullopt;
 }
 
+// When a task last started running on a processor, in the scheduler's clock (milliseconds), from
+// the "se.exec_start" line of a /proc/<pid>/sched file.
+std::optional<double> lastRanMs(const fs::path& schedFile) {
+    auto text = readWholeFile(schedFile);
+    if (!text) return std::nullopt;
+    auto at = text->find("se.exec_start");
+    if (at == std::string::npos) return std::nullopt;
+    auto colon = text->find(':', at);
+    if (colon == std::string::npos) return std::nullopt;
+    char* end = nullptr;
+    double ms = std::strtod(text->c_str() + colon + 1, &end);
+    if (end == text->c_str() + colon + 1 || !std::isfinite(ms) || ms < 0) return std::nullopt;
+    return ms;
+}
+
+// How long an app has not been used, as far as Linux can tell without the display server: the
+// minutes since its main thread last ran. The main thread is the one the desktop's input reaches, so
+// a person typing or clicking in the app wakes it at once; while it has not run at all, nobody has
+// used the app. Apps whose main thread wakes for timers of their own look used: the signal only
+// ever errs toward keeping an app open. "Now" in the same clock is when this process last started
+// running, which is this very moment. Unknown where the kernel does not keep the file.
+std::optional<double> minutesSinceMainThreadRan(int pid, const fs::path& proc) {
+    auto then = lastRanMs(proc / std::to_string(pid) / "sched");
+    auto now = lastRanMs(proc / "self/sched");
+    if (!then || !now || *now < *then) return std::nullopt;
+    return (*now - *then) / 60'000.0;
+}
+
 ProcessControls::Failure failureOf(int err) {
     if (err == ESRCH || err == ENOENT) return ProcessControls::Failure::gone;
     if (err == EPERM || err == EACCES) return ProcessControls::Failure::notAllowed;
@@ -112,6 +140,9 @@ LoadReading LoadReading::of(const ActivitySample& sample, const VitalsSnapshot& 
             a.memoryBytes = p.memoryBytes;
             a.cpuPercent = row.cpuPercent;
             a.keepsAwake = row.preventsSleep;
+            // Only an app holding much memory can be offered for quitting; the rest need no look.
+            if (a.memoryBytes >= BalanceRules::quitMemoryThreshold)
+                a.unusedMinutes = minutesSinceMainThreadRan(a.pid, proc);
             if (!p.started)
                 if (auto id = processIdentity(a.pid, proc)) a.started = id->startTicks;
             r.apps.push_back(std::move(a));

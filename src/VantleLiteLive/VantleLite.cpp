@@ -105,7 +105,9 @@ std::expected<fs::path, Failure> makeDataFolder(const fs::path& support, MadeFol
     if (!folder) return couldNotMake(support, errno);
     auto byDescriptor = "/proc/self/fd/" + std::to_string(folder.get());
     if (::chmod(byDescriptor.c_str(), 0700) != 0)
-        return std::unexpected(Failure{Failure::Case::couldNotRestrict, systemErrorText(errno)});
+        return std::unexpected(Failure{Failure::Case::couldNotRestrict,
+                                       fillIn(Failure::couldNotRestrictSentence,
+                                              {{"folder", support.string()}, {"reason", systemErrorText(errno)}})});
     return resolvedParent / name;
 }
 
@@ -292,6 +294,7 @@ std::expected<VantleLite, VantleLite::Failure> VantleLite::make(const Options& o
             facts = std::make_shared<CheckupReader>(CheckupReader::Options{.home = live.home,
                                                                            .configHome = xdg("XDG_CONFIG_HOME", ".config"),
                                                                            .cacheHome = xdg("XDG_CACHE_HOME", ".cache"),
+                                                                           .desktop = environment.contains("XDG_CURRENT_DESKTOP") ? environment.at("XDG_CURRENT_DESKTOP") : std::string(),
                                                                            .root = ::geteuid() == 0});
         }
         live.checkup = std::make_shared<CheckupService>(facts, live.support / "Health" / "checkups.json");

@@ -58,6 +58,8 @@ struct VantleLite {
 
         static constexpr std::string_view couldNotMakeSentence =
             "Vantle Lite could not make {folder}: {reason}";
+        static constexpr std::string_view couldNotRestrictSentence =
+            "Vantle Lite could not keep {folder} to its owner alone: {reason}";
         static constexpr std::string_view title = "Vantle Lite could not start";
     };
 

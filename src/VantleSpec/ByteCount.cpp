@@ -8,7 +8,8 @@
 namespace vantle {
 
 std::string formatBytes(std::int64_t bytes, ByteStyle style) {
-    if (bytes == 0) return "Zero KB";
+    // A count of bytes is never below none; a negative one is a wrapped or nonsense reading.
+    if (bytes <= 0) return "Zero KB";
     const double unit = style == ByteStyle::memory ? 1024.0 : 1000.0;
     const bool negative = bytes < 0;
     const double magnitude = std::fabs(static_cast<double>(bytes));

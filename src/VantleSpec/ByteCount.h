@@ -11,7 +11,7 @@ inline constexpr std::uint64_t GiB = 1ull << 30;
 enum class ByteStyle { memory, file };
 
 // "Zero KB", "1 byte", "512 bytes", "12 KB", "1.5 MB", "19.99 GB": bytes whole, KB whole, MB with one
-// decimal, GB and above with two, trailing zeros dropped.
+// decimal, GB and above with two, trailing zeros dropped. Below zero shows as zero.
 std::string formatBytes(std::int64_t bytes, ByteStyle style);
 
 inline std::string memoryBytes(std::int64_t bytes) {

@@ -1,4 +1,5 @@
 #include "VantleSpec/CheckupScoring.h"
+#include "VantleSpec/Figures.h"
 
 #include "VantleSpec/ByteCount.h"
 
@@ -12,14 +13,15 @@ using namespace checkup_points;
 
 namespace {
 
+// Points and figures in the score's lines, through the shared formatters that clamp them.
 std::string n(double v) {
-    auto s = std::to_string(v);
+    auto s = decimalFigure(v, 2, 0, 1e15);
     s.erase(s.find_last_not_of('0') + 1);
     if (s.ends_with('.')) s.pop_back();
     return s;
 }
 std::string pct(double share) {
-    return n(std::round(share * 100)) + "%";
+    return wholePercent(share * 100);
 }
 
 // Points growing from 0 at `fine` to `most` at `worst` (either direction), never outside 0..most.
@@ -79,7 +81,7 @@ CheckupScore::Part performance(const CheckupFacts& f) {
     if (f.load1 && f.cores && *f.cores > 0) {
         double perCore = *f.load1 / *f.cores;
         load = ramp(perCore, 1.0, loadWorstPerCore, performanceMost);
-        line = "Load " + n(std::round(*f.load1 * 100) / 100) + " on " + std::to_string(*f.cores) +
+        line = "Load " + n(std::round(*f.load1 * 100) / 100) + " on " + wholeNumber(double(*f.cores)) +
                (*f.cores == 1 ? " core" : " cores");
     }
     if (f.thermal) {

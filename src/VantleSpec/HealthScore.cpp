@@ -1,6 +1,7 @@
 #include "VantleSpec/HealthScore.h"
 
 #include "VantleSpec/ByteCount.h"
+#include "VantleSpec/Figures.h"
 #include "VantleSpec/Sentence.h"
 
 #include <algorithm>
@@ -89,10 +90,6 @@ constexpr std::string_view diskRow = "{a} under {x}% free, {b} under {y}%, {c} u
 constexpr std::string_view batteryRow =
     "On a MacBook, when its battery holds under {N}% of what it held new.";
 } // namespace say
-
-std::string wholeNumber(double n) {
-    return std::to_string(std::lround(n));
-}
 
 // A busy fraction as the score reads it: at most 1, and a negative one means nothing.
 double busy(double fraction) {
@@ -214,7 +211,7 @@ Part diskPart(const HealthScore::Reading& now) {
     for (auto step : diskSteps)
         if (free < step.freeBelow) points = step.points;
     if (points == 0) return {};
-    auto line = fillIn(say::diskLine, {{"N", std::to_string(int(std::floor(100 * free)))},
+    auto line = fillIn(say::diskLine, {{"N", wholeNumber(std::floor(100 * free))},
                                        {"available", diskBytes(available)},
                                        {"total", diskBytes(*now.diskTotal)}});
     if (free < diskOnlyBelow) line.insert(0, say::diskOnly);

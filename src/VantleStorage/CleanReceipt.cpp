@@ -1,5 +1,7 @@
 #include "VantleStorage/CleanReceipt.h"
 
+#include "VantleSpec/TerminalText.h"
+
 #include "VantleSpec/ByteCount.h"
 #include "VantleSpec/Sentence.h"
 
@@ -16,7 +18,7 @@ std::string receiptText(const CleanReceipt& receipt, const std::vector<bool>& co
     std::string out;
     for (const auto& o : receipt.outcomes) {
         if (o.words.empty()) continue;
-        out += "  " + o.item.name + " (" + o.item.id + "): " + o.words + "\n";
+        out += "  " + terminalSafe(o.item.name) + " (" + o.item.id + "): " + o.words + "\n";
     }
     const bool holds = std::ranges::any_of(receipt.plan.items,
                                            [](const auto& i) { return i.action == CleanPlan::Action::hold; });

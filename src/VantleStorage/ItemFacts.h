@@ -53,6 +53,15 @@ struct ItemFacts {
 VANTLE_RECORD_JSON(ItemFacts, kind, identity, tally, modified, added, ownersRecord, wasInspected, opened,
                    isEncryptedImage, born)
 
+// The item's last change: the newest of its own change and of everything written inside it; none
+// when no date was read.
+inline std::optional<TimePoint> lastChangeOf(const ItemFacts& facts) {
+    std::optional<TimePoint> out;
+    for (const auto& d : {facts.modified, facts.tally.newestWrite, facts.tally.newestFolderChange})
+        if (d && (!out || *d > *out)) out = d;
+    return out;
+}
+
 } // namespace vantle
 
 template <> struct std::hash<vantle::FileIdentity> {

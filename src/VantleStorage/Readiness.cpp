@@ -20,13 +20,6 @@ constexpr std::string_view loginAboutItem =
 constexpr std::string_view tooYoungWords =
     "It was opened or changed {ago}; it is left alone for {days} days after that.";
 
-std::optional<TimePoint> latestOf(std::initializer_list<std::optional<TimePoint>> dates) {
-    std::optional<TimePoint> out;
-    for (const auto& d : dates)
-        if (d && (!out || *d > *out)) out = d;
-    return out;
-}
-
 std::string agoWords(TimePoint then, TimePoint now) {
     auto days = std::chrono::duration_cast<std::chrono::days>(now - then).count();
     if (days <= 0) return "today";
@@ -152,7 +145,7 @@ Readiness checkReadiness(const Rule& rule, const ItemNow& item, const RunningApp
     if (facts.isEncryptedImage) return found(InUse::encryptedImage, ofTheRest);
     if (t.cloudOnlyFolders > 0) return found(InUse::cloudOnly, ofTheRest);
 
-    auto lastChange = latestOf({facts.modified, t.newestWrite, t.newestFolderChange});
+    auto lastChange = lastChangeOf(facts);
     if (!lastChange) return found(InUse::ageUnreadable, ofTheRest);
     if (now - *lastChange < quietTime) return found(InUse::writtenRecently, ofTheRest);
     if (rule.takesUnknownFolders && facts.kind == EntryKind::folder &&
@@ -160,18 +153,7 @@ Readiness checkReadiness(const Rule& rule, const ItemNow& item, const RunningApp
         return found(InUse::unknownOwnerChangedToday, ofTheRest);
 
     if (!pre.minimumAgeDays) return Readiness::ready();
-    std::optional<TimePoint> since;
-    switch (pre.ageSignal) {
-    case Precondition::AgeSignal::modified:
-        since = lastChange;
-        break;
-    case Precondition::AgeSignal::added:
-        since = latestOf({facts.added, facts.opened, lastChange});
-        break;
-    case Precondition::AgeSignal::xcodeLastAccessed:
-        since = facts.ownersRecord;
-        break;
-    }
+    auto since = pre.ageSince(facts);
     if (!since) return found(InUse::ageUnreadable, ofTheRest);
     if (now - *since >= std::chrono::days(*pre.minimumAgeDays)) return Readiness::ready();
     Readiness young =

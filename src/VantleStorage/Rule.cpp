@@ -6,6 +6,23 @@
 
 namespace vantle {
 
+std::optional<TimePoint> Precondition::ageSince(const ItemFacts& facts) const {
+    auto lastChange = lastChangeOf(facts);
+    switch (ageSignal) {
+    case AgeSignal::modified:
+        return lastChange;
+    case AgeSignal::added: {
+        std::optional<TimePoint> out = lastChange;
+        for (const auto& d : {facts.added, facts.opened})
+            if (d && (!out || *d > *out)) out = d;
+        return out;
+    }
+    case AgeSignal::xcodeLastAccessed:
+        return facts.ownersRecord;
+    }
+    return std::nullopt;
+}
+
 std::string_view heading(SafetyClass safety) {
     switch (safety) {
     case SafetyClass::a:

@@ -3,6 +3,8 @@
 // function here is pure and may be called from any thread.
 #pragma once
 #include "VantleSpec/Json.h"
+#include "VantleSpec/Time.h"
+#include "VantleStorage/ItemFacts.h"
 
 #include <cstddef>
 #include <optional>
@@ -77,6 +79,11 @@ struct Precondition {
     Owner owner;
     std::optional<int> minimumAgeDays;
     AgeSignal ageSignal = AgeSignal::modified;
+
+    // The date the minimum age is counted from, by `ageSignal`: the item's last change; the newest
+    // of its arrival, last opening and last change; or its owner's own record of last use. None when
+    // the facts do not hold that date. The scan's report and the cleaner's check both count from it.
+    std::optional<TimePoint> ageSince(const ItemFacts& facts) const;
 
     // The clauses that state this precondition, in their fixed order.
     std::vector<std::string> clauses() const;

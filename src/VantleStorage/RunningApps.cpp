@@ -56,6 +56,36 @@ std::string withoutScriptEnding(std::string name) {
     return name;
 }
 
+// The process's real owner from its status. The owner of its /proc folder is not it: the kernel
+// gives the folder of a process that made itself undumpable (ssh-agent, gpg-agent, keyrings) to
+// root, whoever runs it.
+uid_t ownerOf(int processFd, uid_t folderOwner) {
+    auto status = readSmall(processFd, "status");
+    auto at = status.find("\nUid:");
+    if (at == std::string::npos) return folderOwner;
+    at += 5;
+    while (at < status.size() && (status[at] == '\t' || status[at] == ' '))
+        ++at;
+    uid_t uid = 0;
+    auto [end, error] = std::from_chars(status.data() + at, status.data() + status.size(), uid);
+    return error == std::errc() ? uid : folderOwner;
+}
+
+// Whether a process whose open files could not be listed leaves the in-use check blind.
+// - Another person's process (or the home owner's, when someone else runs the clean) may work in
+//   this home, and nothing about it can be seen: it counts.
+// - The system's own services keep their lists private and do not work in a person's home: passed
+//   over.
+// - A process of our own that we still cannot list made itself undumpable, which is what key agents
+//   and keyrings do to keep their memory from the user's other programs. Its name stays readable, so
+//   the check that an item's app is running still sees it; its descriptors are sockets and its own
+//   small files, not the caches and build folders a clean frees. Counting it would stop every clean
+//   on an ordinary desktop, where such an agent always runs, so it is passed over.
+bool hidesFromUs(uid_t processOwner, uid_t reader, uid_t homeOwner) {
+    if (processOwner == reader) return false;
+    return processOwner == homeOwner || (processOwner >= firstPersonUid && processOwner != nobodyUid);
+}
+
 bool isPid(std::string_view name) {
     return !name.empty() && std::ranges::all_of(name, [](char c) { return c >= '0' && c <= '9'; });
 }
@@ -97,6 +127,7 @@ RunningApps RunningApps::read(const std::filesystem::path& procRoot, uid_t homeO
         return out;
     }
     const std::string self = std::to_string(::getpid());
+    const uid_t us = ::geteuid();
     DirectoryReader reader(proc.get());
     DirectoryReader::Entry entry;
     while (reader.next(entry)) {
@@ -148,9 +179,8 @@ RunningApps RunningApps::read(const std::filesystem::path& procRoot, uid_t homeO
             }
             if (fdReader.error() == EACCES || fdReader.error() == EPERM) listed = false;
         }
-        bool aPerson =
-            owner.st_uid == homeOwner || (owner.st_uid >= firstPersonUid && owner.st_uid != nobodyUid);
-        if (!listed && aPerson) out.seesOpenFiles = false;
+        if (!listed && hidesFromUs(ownerOf(process.get(), owner.st_uid), us, homeOwner))
+            out.seesOpenFiles = false;
     }
     if (reader.error() != 0) out.seesOpenFiles = false;
     out.settle();

@@ -24,9 +24,9 @@ struct RunningApps {
     std::optional<std::string> holdsInside(std::string_view path) const;
 
     // Reads the process table under `procRoot`, leaving out this process itself (whose descriptors
-    // are the cleaner's own). Processes of `homeOwner`, and of other people (ordinary accounts), whose
-    // open files cannot be listed make seesOpenFiles false; system services that keep their lists
-    // private are passed over, as they do not work in a person's home.
+    // are the cleaner's own). Another person's processes (or `homeOwner`'s, when someone else reads)
+    // whose open files cannot be listed make seesOpenFiles false; system services that keep their
+    // lists private, and our own undumpable agents, are passed over (RunningApps.cpp says why).
     static RunningApps read(const std::filesystem::path& procRoot, uid_t homeOwner);
 
     // Puts `folded` and the order of `openPaths` right after the lists were filled by hand.

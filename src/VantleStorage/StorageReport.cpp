@@ -4,6 +4,8 @@
 #include "Platform/KeptFile.h"
 #include "Platform/SystemError.h"
 #include "VantleSpec/ByteCount.h"
+#include "VantleSpec/Figures.h"
+#include "VantleSpec/TerminalText.h"
 
 #include <cerrno>
 
@@ -16,17 +18,6 @@ using namespace std::chrono_literals;
 constexpr auto quietTime = 10min;
 constexpr auto unknownOwnerQuietTime = 24h;
 
-std::optional<TimePoint> latestOf(std::initializer_list<std::optional<TimePoint>> dates) {
-    std::optional<TimePoint> out;
-    for (const auto& d : dates)
-        if (d && (!out || *d > *out)) out = d;
-    return out;
-}
-
-std::string countWords(std::int64_t n, std::string_view one, std::string_view many) {
-    return std::to_string(n) + " " + std::string(n == 1 ? one : many);
-}
-
 } // namespace
 
 bool preconditionHoldsOnDisk(const Rule& rule, const ItemFacts& facts, TimePoint now) {
@@ -35,7 +26,7 @@ bool preconditionHoldsOnDisk(const Rule& rule, const ItemFacts& facts, TimePoint
     if (!facts.wasInspected || t.isPartial() || t.meetingPoints > 0 || !t.keepsakes.empty() ||
         t.cloudOnlyFolders > 0 || facts.isEncryptedImage)
         return false;
-    auto lastChange = latestOf({facts.modified, t.newestWrite, t.newestFolderChange});
+    auto lastChange = lastChangeOf(facts);
     if (!lastChange) return false;
     if (now - *lastChange < quietTime) return false;
     if (rule.takesUnknownFolders && facts.kind == EntryKind::folder &&
@@ -44,18 +35,7 @@ bool preconditionHoldsOnDisk(const Rule& rule, const ItemFacts& facts, TimePoint
     const auto& pre = rule.precondition;
     if (!pre.minimumAgeDays) return true;
     const auto minimumAge = std::chrono::days(*pre.minimumAgeDays);
-    std::optional<TimePoint> since;
-    switch (pre.ageSignal) {
-    case Precondition::AgeSignal::modified:
-        since = lastChange;
-        break;
-    case Precondition::AgeSignal::added:
-        since = latestOf({facts.added, facts.opened, lastChange});
-        break;
-    case Precondition::AgeSignal::xcodeLastAccessed:
-        since = facts.ownersRecord;
-        break;
-    }
+    auto since = pre.ageSince(facts);
     return since && now - *since >= minimumAge;
 }
 
@@ -114,12 +94,14 @@ StorageReport makeStorageReport(const StorageScan& scan, const RuleTable& table,
 
 std::string storageReportText(const StorageReport& report) {
     using R = StorageReport;
-    std::string out = "Storage of " + report.home + "\n";
+    // Names come from disk and may hold line breaks or escape sequences: each is escaped here, so a
+    // name stays on its own line whoever prints the text.
+    std::string out = "Storage of " + terminalSafe(report.home) + "\n";
     if (!report.complete) out += std::string(R::stoppedEarly) + "\n";
 
     auto itemLines = [&](const std::vector<R::Item>& items) {
         for (const auto& item : items)
-            out += "  " + item.id + "  " + item.path + "  " + fileBytes(item.bytes) + "\n";
+            out += "  " + item.id + "  " + terminalSafe(item.path) + "  " + fileBytes(item.bytes) + "\n";
     };
 
     for (auto safety : allCases<SafetyClass>()) {
@@ -178,9 +160,10 @@ std::string storageReportText(const StorageReport& report) {
     if (!report.gaps.empty()) {
         out += "\n";
         for (const auto& gap : report.gaps) {
-            out += "  " + gap.path + " " + std::string(R::couldNotRead) + std::string(R::sizeNotKnown) + ".";
+            out += "  " + terminalSafe(gap.path) + " " + std::string(R::couldNotRead) +
+                   std::string(R::sizeNotKnown) + ".";
             out += gap.reason == ScanGap::Reason::privacy ? " " + std::string(R::privacyRefusal)
-                                                          : " (" + gap.detail + ")";
+                                                          : " (" + terminalSafe(gap.detail) + ")";
             out += "\n";
         }
     }

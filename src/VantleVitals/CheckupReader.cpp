@@ -92,6 +92,21 @@ Asked ask(const fs::path& program, std::vector<std::string> args, std::chrono::m
                       [args = std::move(args), timeout] { return runBounded(args, timeout); });
 }
 
+// Whether `nft list ruleset` holds a chain on the input hook that drops or rejects something: an
+// input chain that accepts everything (as a distribution's empty default table does) is no firewall.
+bool filtersIncoming(std::string_view ruleset) {
+    bool inInput = false;
+    for (auto& line : linesOf(ruleset)) {
+        auto t = trim(line);
+        if (t.starts_with("chain ")) inInput = false;
+        if (t.find("hook input") != std::string::npos) inInput = true;
+        if (inInput && (t.find("policy drop") != std::string::npos || t.ends_with(" drop") || t == "drop" ||
+                        t.find("reject") != std::string::npos))
+            return true;
+    }
+    return false;
+}
+
 // The first line of a program's answer, for a reason shown to the user.
 std::string firstLine(const std::string& text) {
     auto line = trim(text.substr(0, text.find('\n')));
@@ -248,8 +263,16 @@ CheckupFacts CheckupReader::read() {
         ask(o.systemctl, {"--user", "--failed", "--no-legend", "--plain", "--no-pager"}, o.commandTimeout);
     auto firewalls = ask(o.systemctl, {"is-active", "nftables.service", "firewalld.service", "ufw.service"},
                          o.commandTimeout);
+    auto nftRules =
+        o.root ? ask(o.nft, {"list", "ruleset"}, o.commandTimeout) : ask({}, {}, o.commandTimeout);
+    // Without a session and without the user's stored settings gsettings answers with the schema's
+    // default, which says nothing about this machine's screen.
+    const auto dconf = o.configHome / "dconf/user";
+    const bool sessionSettings = !o.desktop.empty() || fs::exists(dconf);
     auto lockSetting =
-        ask(o.gsettings, {"get", "org.gnome.desktop.screensaver", "lock-enabled"}, o.commandTimeout);
+        sessionSettings
+            ? ask(o.gsettings, {"get", "org.gnome.desktop.screensaver", "lock-enabled"}, o.commandTimeout)
+            : ask({}, {}, o.commandTimeout);
     auto dejaDup = ask(o.gsettings, {"get", "org.gnome.DejaDup", "last-backup"}, o.commandTimeout);
     // Only root and the adm and systemd-journal groups read the system journal; ask only when it can answer.
     bool journalReadable = o.root;
@@ -581,6 +604,10 @@ CheckupFacts CheckupReader::read() {
                     if (trim(n) == "filter" &&
                         std::ranges::find(on, "iptables filter rules loaded") == on.end())
                         on.push_back("iptables filter rules loaded");
+        // As root the rules themselves are read: nft lists iptables-nft's tables too.
+        auto rules = nftRules.get();
+        const bool rulesRead = rules && rules->status == 0;
+        if (rulesRead && filtersIncoming(rules->text)) on.push_back("nftables rules filter incoming traffic");
         auto services = firewalls.get();
         bool asked = services && !services->text.empty() &&
                      services->text.find("Failed") == std::string::npos &&
@@ -597,14 +624,19 @@ CheckupFacts CheckupReader::read() {
             for (auto& s : on)
                 how += (how.empty() ? "" : ", ") + s;
             f.firewallHow = how;
+        } else if (rulesRead) {
+            f.firewall = false, f.firewallHow = "no nftables or iptables rule filters incoming traffic";
         } else if (asked) {
             f.firewall = false,
             f.firewallHow =
                 "no nftables, firewalld or ufw service is running, and no iptables filter table is loaded";
         } else {
-            unknown["firewall"] =
-                "nftables rules can be listed only by root, and systemctl could not answer (" +
-                (services ? firstLine(services->text) : services.error()) + ")";
+            const std::string systemctlSaid = "systemctl could not answer (" +
+                                              (services ? firstLine(services->text) : services.error()) + ")";
+            unknown["firewall"] = !o.root ? "nftables rules can be listed only by root, and " + systemctlSaid
+                                          : "nft could not list the rules (" +
+                                                (rules ? firstLine(rules->text) : rules.error()) + "), and " +
+                                                systemctlSaid;
         }
     }
 
@@ -642,6 +674,9 @@ CheckupFacts CheckupReader::read() {
     // security: the screen lock
     if (auto kde = readText(o.configHome / "kscreenlockerrc")) {
         f.screenLock = kde->find("Autolock=false") == std::string::npos;
+    } else if (!sessionSettings) {
+        unknown["screenLock"] = "no desktop session is running and no desktop settings are kept in " +
+                                dconf.string() + ", so only the setting's built-in default could be read";
     } else if (auto gnome = lockSetting.get(); gnome && gnome->status == 0) {
         auto v = trim(gnome->text);
         if (v == "true" || v == "false")

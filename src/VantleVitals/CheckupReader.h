@@ -38,6 +38,9 @@ class CheckupReader : public CheckupFactsSource {
         std::filesystem::path systemctl = "/usr/bin/systemctl";
         std::filesystem::path journalctl = "/usr/bin/journalctl";
         std::filesystem::path gsettings = "/usr/bin/gsettings";
+        std::filesystem::path nft = "/usr/sbin/nft"; // asked only as root: listing rules needs it
+        // The desktop session this process runs in (XDG_CURRENT_DESKTOP), empty when there is none.
+        std::string desktop;
         std::chrono::milliseconds commandTimeout{500};
         bool root = false; // whether this process may read what only root may (the journal)
         Clock clock = systemClock();

@@ -2,6 +2,7 @@
 
 #include "VantleSpec/ByteCount.h"
 #include "VantleSpec/CheckupScoring.h"
+#include "VantleSpec/Figures.h"
 
 #include <algorithm>
 #include <cmath>
@@ -18,14 +19,9 @@ using Kind = CheckupAction::Kind;
 
 constexpr double day = 86400;
 
+// Figures are shown through the shared formatters, which clamp each to what it can mean.
 std::string plural(std::int64_t n, const char* one, const char* many) {
-    return std::to_string(n) + " " + (n == 1 ? one : many);
-}
-
-std::string fixed(double v, int decimals) {
-    char buffer[32];
-    std::snprintf(buffer, sizeof buffer, "%.*f", decimals, v);
-    return buffer;
+    return countWords(n, one, many);
 }
 
 std::string dateOf(TimePoint at) {
@@ -38,11 +34,7 @@ std::string dateOf(TimePoint at) {
 }
 
 std::string age(double seconds) {
-    auto days = std::int64_t(seconds / day);
-    if (days >= 1) return plural(days, "day", "days");
-    auto hours = std::int64_t(seconds / 3600);
-    if (hours >= 1) return plural(hours, "hour", "hours");
-    return plural(std::int64_t(seconds / 60), "minute", "minutes");
+    return durationWords(seconds);
 }
 
 Status worse(Status a, Status b) {
@@ -160,21 +152,23 @@ CheckupSection performanceSection(const CheckupFacts& f, const Opt& o, Findings&
     if (f.load1 && f.cores && *f.cores > 0) {
         double perCore = *f.load1 / *f.cores;
         Status s = perCore > 2 ? Status::attention : perCore > 1 ? Status::note : Status::good;
-        a.reading("load", "Load", fixed(*f.load1, 2) + " on " + plural(*f.cores, "core", "cores"),
-                  "Tasks running or waiting to run, averaged over the last minute.", loadWhy, s,
-                  "/proc/loadavg",
-                  s == Status::good ? std::nullopt : std::optional<Action>(Action{Kind::balanceLoad, {}}));
+        a.reading(
+            "load", "Load", decimalFigure(*f.load1, 2, 0, 1e6) + " on " + plural(*f.cores, "core", "cores"),
+            "Tasks running or waiting to run, averaged over the last minute.", loadWhy, s, "/proc/loadavg",
+            s == Status::good ? std::nullopt : std::optional<Action>(Action{Kind::balanceLoad, {}}));
         if (s != Status::good)
             a.finding("busyProcessor", s, "The processor is overloaded",
-                      "The last minute averaged " + fixed(perCore, 1) + " tasks for each core.", loadWhy,
-                      Action{Kind::balanceLoad, {}});
+                      "The last minute averaged " + decimalFigure(perCore, 1, 0, 1e6) +
+                          " tasks for each core.",
+                      loadWhy, Action{Kind::balanceLoad, {}});
     } else {
         a.unknown("load", "Load", "load1", "Tasks running or waiting to run over the last minute.", loadWhy,
                   "/proc/loadavg");
     }
     if (f.cpuStall) {
         Status s = *f.cpuStall >= 50 ? Status::note : Status::good;
-        a.reading("cpuStall", "Waiting for the processor", fixed(*f.cpuStall, 0) + "% of the last minute",
+        a.reading("cpuStall", "Waiting for the processor",
+                  decimalFigure(*f.cpuStall, 0, 0, 100) + "% of the last minute",
                   "How long some task was ready to run but had to wait.", loadWhy, s, "/proc/pressure/cpu",
                   s == Status::good ? std::nullopt : std::optional<Action>(Action{Kind::showActivity, {}}));
     } else {
@@ -216,7 +210,8 @@ CheckupSection memorySection(const CheckupFacts& f, const Opt& o, Findings& out)
                             : *f.pressure == P::warning ? "Raised"
                                                         : "Normal";
         if (f.memoryStall)
-            value += " (tasks waited " + fixed(*f.memoryStall, 0) + "% of the last ten seconds)";
+            value +=
+                " (tasks waited " + decimalFigure(*f.memoryStall, 0, 0, 100) + "% of the last ten seconds)";
         a.reading("pressure", "Memory pressure", value, "How often tasks had to wait for memory.", why, s,
                   "/proc/pressure/memory",
                   s == Status::good ? std::nullopt : std::optional<Action>(Action{Kind::balanceLoad, {}}));
@@ -273,13 +268,13 @@ CheckupSection storageSection(const CheckupFacts& f, const Opt& o, Findings& out
         Status s = free < 0.10 ? Status::attention : free < 0.20 ? Status::note : Status::good;
         a.reading(id, title,
                   fileBytes(std::int64_t(v.availableBytes)) + " free of " +
-                      fileBytes(std::int64_t(v.totalBytes)) + " (" + percent(free) + ")",
+                      fileBytes(std::int64_t(v.totalBytes)) + " (" + wholePercent(free * 100) + ")",
                   "Space free for you on " + v.path + ".", why, s, "statvfs",
                   s == Status::good ? std::nullopt : std::optional<Action>(Action{Kind::showStorage, {}}));
         if (s != Status::good)
             a.finding(std::string(id) + "Full", s,
-                      std::string(s == Status::attention ? "Only " : "") + percent(free) + " of " + v.path +
-                          " is free",
+                      std::string(s == Status::attention ? "Only " : "") + wholePercent(free * 100) + " of " +
+                          v.path + " is free",
                       "Clean up shows what can go and asks before anything does.", why,
                       Action{Kind::cleanUp, {}});
     };
@@ -326,7 +321,7 @@ CheckupSection batterySection(const CheckupFacts& f, const Opt& o, Findings& out
                   "What the battery holds against what it held new.", why, "/sys/class/power_supply");
     }
     if (f.batteryCycles)
-        a.reading("cycles", "Charge cycles", std::to_string(*f.batteryCycles),
+        a.reading("cycles", "Charge cycles", wholeNumber(double(*f.batteryCycles)),
                   "Full charges the battery has been through.",
                   "Most laptop batteries are made for some 500 to 1000 cycles.", Status::good,
                   "/sys/class/power_supply (cycle_count)");
@@ -350,7 +345,7 @@ CheckupSection energySection(const CheckupFacts& f, const Opt& o, Findings& out)
     Area a(CheckupArea::energy, f, o, out);
     const char* why = "The power drawn sets how long the battery lasts and how warm the machine runs.";
     if (f.watts)
-        a.reading("draw", "Power draw", fixed(*f.watts, 1) + " W",
+        a.reading("draw", "Power draw", decimalFigure(*f.watts, 1, 0, 1e5) + " W",
                   "What the machine draws from its battery now.", why, Status::good,
                   "/sys/class/power_supply (power_now)");
     else
@@ -359,11 +354,11 @@ CheckupSection energySection(const CheckupFacts& f, const Opt& o, Findings& out)
     if (f.onBattery && f.charge) {
         Status s = *f.onBattery && *f.charge < 0.2 ? Status::note : Status::good;
         a.reading("charge", "Charge",
-                  percent(*f.charge) + (*f.onBattery ? ", on battery" : ", on mains power"),
+                  wholePercent(*f.charge * 100) + (*f.onBattery ? ", on battery" : ", on mains power"),
                   "How full the battery is.", "Below a fifth, plug in soon.", s,
                   "/sys/class/power_supply (capacity)");
         if (s != Status::good)
-            a.finding("lowCharge", s, "The battery is at " + percent(*f.charge), "Plug in soon.",
+            a.finding("lowCharge", s, "The battery is at " + wholePercent(*f.charge * 100), "Plug in soon.",
                       "Below a fifth, plug in soon.");
     }
     if (f.powerProfile)
@@ -552,7 +547,8 @@ CheckupSection updatesSection(const CheckupFacts& f, TimePoint now, const Opt& o
         std::int64_t all = std::int64_t(f.upgrades->size());
         Status s = security ? Status::attention : all ? Status::note : Status::good;
         a.reading("pending", "Pending updates",
-                  all ? plural(all, "package", "packages") + " (" + std::to_string(security) + " security)"
+                  all ? plural(all, "package", "packages") + " (" + wholeNumber(double(security)) +
+                            " security)"
                       : "None",
                   "Installed packages with a newer version in the package lists on this machine.", why, s,
                   "/var/lib/dpkg/status, /var/lib/apt/lists",

@@ -1,6 +1,7 @@
 #include "VantleVitals/CheckupService.h"
 
 #include "Platform/AtomicFile.h"
+#include "Platform/KeptFile.h"
 #include "Platform/SystemError.h"
 #include "VantleSpec/Sentence.h"
 #include "VantleVitals/CheckupSections.h"
@@ -14,16 +15,11 @@ CheckupService::CheckupService(std::shared_ptr<CheckupFactsSource> source, std::
                                Clock clock, size_t pointsKept)
     : source_(std::move(source)), file_(std::move(file)), clock_(std::move(clock)),
       pointsKept_(std::max<size_t>(1, pointsKept)) {
-    auto text = readWholeFile(file_);
+    auto text = readKeptFile(file_, largestFile);
     if (!text) {
-        if (text.error() != ENOENT)
-            problem_ = fillIn(unreadableSentence,
-                              {{"file", file_.string()}, {"reason", systemErrorText(text.error())}});
-        return;
-    }
-    if (text->size() > largestFile) {
-        problem_ = fillIn(unreadableSentence,
-                          {{"file", file_.string()}, {"reason", "it is larger than any checkup file"}});
+        if (text.error().what != KeptFileFailure::Case::missing)
+            problem_ =
+                fillIn(unreadableSentence, {{"file", file_.string()}, {"reason", text.error().sentence}});
         return;
     }
     auto decoded = decodeJson<KeptCheckups>(*text);

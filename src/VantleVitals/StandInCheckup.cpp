@@ -1,6 +1,7 @@
 #include "VantleVitals/StandInCheckup.h"
 
 #include "Platform/AtomicFile.h"
+#include "Platform/KeptFile.h"
 #include "Platform/SystemError.h"
 #include "VantleSpec/ByteCount.h"
 #include "VantleSpec/Sentence.h"
@@ -115,7 +116,7 @@ std::vector<CheckupFacts> StandInCheckup::madeUpTable(TimePoint from) {
 
 StandInCheckup::StandInCheckup(std::filesystem::path dataFolder, Clock clock)
     : file_(std::move(dataFolder) / fileName), clock_(std::move(clock)) {
-    auto text = readWholeFile(file_);
+    auto text = readKeptFile(file_);
     if (text) {
         auto decoded = decodeJson<Record>(*text);
         if (decoded && !decoded->table.empty()) {
@@ -125,10 +126,9 @@ StandInCheckup::StandInCheckup(std::filesystem::path dataFolder, Clock clock)
         keep_ = false;
         problem_ = fillIn(unreadableSentence, {{"file", file_.string()},
                                                {"reason", decoded ? "its table is empty" : decoded.error()}});
-    } else if (text.error() != ENOENT) {
+    } else if (text.error().what != KeptFileFailure::Case::missing) {
         keep_ = false;
-        problem_ =
-            fillIn(unreadableSentence, {{"file", file_.string()}, {"reason", systemErrorText(text.error())}});
+        problem_ = fillIn(unreadableSentence, {{"file", file_.string()}, {"reason", text.error().sentence}});
     }
     record_.datesFrom = toMilliseconds(clock_());
     record_.table = madeUpTable(record_.datesFrom);

@@ -40,7 +40,12 @@ struct Undoable {
         std::filesystem::path former; // where it came from
         bool operator==(const Startup&) const = default;
     };
-    std::variant<Trash, Startup> what;
+    // Items a clean set aside in the holding folder, put back by their held ids.
+    struct Storage {
+        std::vector<std::string> heldIds;
+        bool operator==(const Storage&) const = default;
+    };
+    std::variant<Trash, Startup, Storage> what;
     bool operator==(const Undoable&) const = default;
 };
 
@@ -76,6 +81,12 @@ struct LiteSentences {
     static constexpr std::string_view restartCancelled = "Nothing was restarted";
     static constexpr std::string_view restartStandIn = "Restart asked of the sandbox's stand-in Mac";
     static constexpr std::string_view restartAsked = "Restart asked: apps are asked to quit first";
+
+    static constexpr std::string_view cleanTitle = "Delete {count} for good?";
+    static constexpr std::string_view cleanConfirm = "Delete";
+    static constexpr std::string_view setAsideTitle = "Set aside {count}?";
+    static constexpr std::string_view setAsideConfirm = "Set Aside";
+    static constexpr std::string_view cleanCancelled = "Nothing was touched.";
 
     static constexpr std::string_view shownStandIn = "Shown in Finder (a sandbox's stand-in)";
     static constexpr std::string_view shown = "Shown in the file manager";

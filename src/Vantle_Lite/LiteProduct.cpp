@@ -6,11 +6,13 @@
 #include "VantleSpec/ByteCount.h"
 #include "VantleSpec/Sentence.h"
 
+#include <algorithm>
+#include <cctype>
 #include <thread>
 
 namespace vantle {
 
-std::shared_ptr<LiteProduct> LiteProduct::make(VantleLite live) {
+std::shared_ptr<LiteProduct> LiteProduct::make(VantleLite live, Lifetime lifetime) {
     auto settings = std::make_unique<FileSettingsStore>(live.support / "Library" / "home.json");
     auto product = std::make_shared<LiteProduct>(std::move(live), std::move(settings));
     if (!product->live().processes)
@@ -25,7 +27,11 @@ std::shared_ptr<LiteProduct> LiteProduct::make(VantleLite live) {
                 return std::unexpected(std::string("It is still open: it may be asking about unsaved work."));
             return {};
         };
-    product->recording_ = product->settings().boolean(std::string(HealthRecorder::settingsKey)).value_or(false);
+    product->recording_ =
+        product->settings().boolean(std::string(HealthRecorder::settingsKey)).value_or(false);
+    // The recorder runs even while the choice is off: it reads the choice at every tick, so turning
+    // the record on later starts it without anyone starting it again.
+    if (lifetime == Lifetime::program) product->startHealthRecorder();
     return product;
 }
 
@@ -155,6 +161,85 @@ void LiteProduct::askToRestart() {
     notify();
 }
 
+void LiteProduct::askToClean(CleanPlan plan) {
+    bool hold = !plan.items.empty() && plan.items.front().action == CleanPlan::Action::hold;
+    auto n = plan.items.size();
+    auto counted = count(n) + (n == 1 ? " item" : " items");
+    Confirmation question;
+    question.title =
+        fillIn(hold ? LiteSentences::setAsideTitle : LiteSentences::cleanTitle, {{"count", counted}});
+    for (std::size_t i = 0; i < n && i < namesListed; ++i)
+        question.message += (i ? ", " : "") + plan.items[i].name;
+    if (n > namesListed) question.message += " and " + count(n - namesListed) + " more";
+    question.message += " (" + fileBytes(plan.bytes()) + "). ";
+    if (hold) {
+        question.message += "They move into Vantle's holding folder and keep taking up their space there; "
+                            "Put Back or ⌘Z returns them.";
+    } else {
+        std::vector<std::string> costs;
+        for (const auto& item : plan.items)
+            if (const Rule* rule = live_.storageCleaner->table().find(item.category);
+                rule && rule->cost && std::ranges::find(costs, *rule->cost) == costs.end())
+                costs.push_back(*rule->cost);
+        for (auto& cost : costs) {
+            cost[0] = char(std::toupper(static_cast<unsigned char>(cost[0])));
+            question.message += cost + ". ";
+        }
+        question.message += std::string(CleanReceipt::cannotBeUndoneWords);
+    }
+    for (const auto& left : plan.leftAlone)
+        question.message += "\nLeft alone: " + left.name + ": " + left.reason;
+    question.confirm = hold ? LiteSentences::setAsideConfirm : LiteSentences::cleanConfirm;
+    question.act = [this, plan = std::move(plan)] { return cleanNow(plan); };
+    question.cancelled = [] { return ResultLine{std::string(LiteSentences::cleanCancelled), "info.circle"}; };
+    confirmation_ = std::move(question);
+    notify();
+}
+
+ResultLine LiteProduct::cleanNow(const CleanPlan& plan) {
+    CancelFlag cancel;
+    auto receipt = live_.storageCleaner->carryOut(plan, cancel, live_.holdingShelf.get());
+    if (!receipt) return {receipt.error().message, "exclamationmark.circle"};
+    lastCleanReceipt_ = *receipt;
+    if (!receipt->undo.empty()) undoable_ = Undoable{Undoable::Storage{receipt->undo.heldIds}};
+    std::vector<bool> comesBack;
+    for (const auto& item : plan.items)
+        if (const Rule* rule = live_.storageCleaner->table().find(item.category))
+            comesBack.push_back(rule->comesBack);
+    // The receipt's summary is its last line; the lines above it speak of single items.
+    auto text = receiptText(*receipt, comesBack);
+    while (!text.empty() && (text.back() == '\n' || text.back() == ' '))
+        text.pop_back();
+    auto summary = text.substr(text.rfind('\n') == std::string::npos ? 0 : text.rfind('\n') + 1);
+    bool didSomething = std::ranges::any_of(
+        receipt->outcomes, [](const auto& o) { return o.result != CleanReceipt::ItemResult::leftAlone; });
+    return {summary, didSomething ? (receipt->undo.empty() ? "trash" : "tray.and.arrow.down")
+                                  : "exclamationmark.circle"};
+}
+
+ResultLine LiteProduct::putBackHeld(const std::vector<std::string>& heldIds) {
+    auto back = live_.holdingShelf->putBack(heldIds);
+    if (back.putBack.empty()) {
+        std::string why;
+        for (const auto& failure : back.failures)
+            why += (why.empty() ? "" : " ") + failure;
+        return finish(
+            {why.empty() ? std::string(LiteSentences::nothingPutBack) : why, "exclamationmark.circle"});
+    }
+    // What went back by hand is no longer the last clean's to undo.
+    if (undoable_ && std::holds_alternative<Undoable::Storage>(undoable_->what)) {
+        auto& ids = std::get<Undoable::Storage>(undoable_->what).heldIds;
+        std::erase_if(ids, [&](const std::string& id) {
+            return std::ranges::find(back.putBack, id) != back.putBack.end();
+        });
+        if (ids.empty()) undoable_.reset();
+    }
+    auto n = back.putBack.size();
+    return finish({n == 1 ? std::string(LiteSentences::putBackOne)
+                          : fillIn(LiteSentences::putBackMany, {{"count", count(n)}}),
+                   "arrow.uturn.backward"});
+}
+
 std::optional<ResultLine> LiteProduct::answer(bool yes) {
     if (!confirmation_) return std::nullopt;
     // Cleared before acting, so a listener told of the result never sees the old question.
@@ -200,6 +285,15 @@ std::optional<ResultLine> LiteProduct::undoLast() {
             return finish({std::string(LiteSentences::nothingPutBack), "exclamationmark.circle"});
         return finish({back.size() == 1 ? std::string(LiteSentences::putBackOne)
                                         : fillIn(LiteSentences::putBackMany, {{"count", count(back.size())}}),
+                       "arrow.uturn.backward"});
+    }
+    if (auto* storage = std::get_if<Undoable::Storage>(&undo.what)) {
+        auto back = live_.holdingShelf->putBack(storage->heldIds);
+        if (back.putBack.empty())
+            return finish({std::string(LiteSentences::nothingPutBack), "exclamationmark.circle"});
+        return finish({back.putBack.size() == 1
+                           ? std::string(LiteSentences::putBackOne)
+                           : fillIn(LiteSentences::putBackMany, {{"count", count(back.putBack.size())}}),
                        "arrow.uturn.backward"});
     }
     auto& startup = std::get<Undoable::Startup>(undo.what);

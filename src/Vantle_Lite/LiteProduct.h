@@ -22,8 +22,15 @@ class LiteProduct {
     LiteProduct(VantleLite live, std::unique_ptr<SettingsStore> settings)
         : live_(std::move(live)), settings_(std::move(settings)) {}
 
-    // Builds the product over the live services, with the settings file in their data folder.
-    static std::shared_ptr<LiteProduct> make(VantleLite live);
+    // How long the product lives: for as long as the program runs (the desktop app), or for one
+    // command of the `vantle` tool.
+    enum class Lifetime { program, oneCommand };
+
+    // Builds the product over the live services, with the settings file in their data folder. A
+    // product that lives as long as the program keeps the health record while the user's choice is on;
+    // one made for a single command does not, since its few seconds would be written as a minute of
+    // their own, over the minute the running app is recording.
+    static std::shared_ptr<LiteProduct> make(VantleLite live, Lifetime lifetime = Lifetime::program);
 
     VantleLite& live() { return live_; }
     const VantleLite& live() const { return live_; }
@@ -42,8 +49,9 @@ class LiteProduct {
     // `recording_`, never the settings store, which belongs to the main thread.
     bool keepsHealthRecord() const { return recording_.load(); }
     void setKeepsHealthRecord(bool on);
-    // Starts feeding the health record once a minute while the choice is on; the desktop app does this
-    // for as long as it runs. Stopped (with the open minute written) when the product goes away.
+    // Starts feeding the health record once a minute while the choice is on (make does this for a
+    // product that lives as long as the program). Stopped, with the open minute written, when the
+    // product goes away. Does nothing when already started.
     void startHealthRecorder();
 
     // Listeners are told after the question, the undoable action or the result line changed.
@@ -55,6 +63,15 @@ class LiteProduct {
     std::optional<ResultLine> askToTrash(const std::vector<std::filesystem::path>& files);
     std::optional<ResultLine> askToTurnOff(const std::filesystem::path& agent);
     void askToRestart();
+    // Asks before carrying out a clean plan the user was shown: deleting whole categories for good, or
+    // setting chosen items aside. The yes carries the plan out on the answering thread (the app
+    // answers off its UI thread), keeps what was set aside for Undo, and ends with the receipt's words.
+    void askToClean(CleanPlan plan);
+    // Puts items set aside earlier back where they were; the result line counts them, or gives the
+    // shelf's sentence when none could go back.
+    ResultLine putBackHeld(const std::vector<std::string>& heldIds);
+    const std::optional<CleanReceipt>& lastCleanReceipt() const { return lastCleanReceipt_; }
+
     // Runs (yes) or cancels (no) the question being asked and clears it; none when nothing is asked.
     std::optional<ResultLine> answer(bool yes);
     const std::optional<Confirmation>& confirmation() const { return confirmation_; }
@@ -85,6 +102,7 @@ class LiteProduct {
     ResultLine finish(ResultLine line);
     void notify();
     ResultLine trashNow(const std::vector<std::filesystem::path>& files);
+    ResultLine cleanNow(const CleanPlan& plan);
 
     VantleLite live_;
     std::unique_ptr<SettingsStore> settings_;
@@ -95,6 +113,7 @@ class LiteProduct {
     std::optional<Undoable> undoable_;
     std::optional<ResultLine> result_;
     std::optional<HomeTrash::Receipt> lastReceipt_;
+    std::optional<CleanReceipt> lastCleanReceipt_;
     std::map<int, std::function<void()>> listeners_;
     int nextListener_ = 0;
 };

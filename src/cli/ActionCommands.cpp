@@ -22,12 +22,16 @@ std::string shown(const std::filesystem::path& path) {
     return shown(path.string());
 }
 
-// Shows the question, takes the yes (or --yes), and prints the result line.
-std::optional<ResultLine> askAndAnswer(LiteProduct& product, bool yes) {
+// Shows the question and takes the yes (or --yes). A "no", or no terminal to ask on, cancels the
+// question and refuses with the action's own cancel line; none is given back then.
+std::optional<ResultLine> askAndAnswer(CliContext& ctx, LiteProduct& product, bool yes) {
     const auto& question = *product.confirmation();
     std::cerr << question.title << "\n" << question.message << "\n";
-    bool agreed = yes || askYes(question.confirm + "?");
-    return product.answer(agreed);
+    std::string declined = question.cancelled ? question.cancelled().text : "Nothing was touched.";
+    bool agreed = confirmChange(ctx, question.confirm + "?", yes, declined);
+    auto line = product.answer(agreed);
+    if (!agreed) return std::nullopt;
+    return line;
 }
 
 Json receiptJson(const HomeTrash::Receipt& receipt) {
@@ -56,7 +60,8 @@ void addTrash(CLI::App& app, CliContext& ctx) {
             ctx.refuse(at->text);
             return;
         }
-        auto line = askAndAnswer(*product, bool(*yes));
+        auto line = askAndAnswer(ctx, *product, bool(*yes));
+        if (!line) return;
         const auto& receipt = product->lastReceipt();
         if (*json && receipt) printJson(receiptJson(*receipt));
         if (!*json) {
@@ -118,7 +123,8 @@ void addStartup(CLI::App& app, CliContext& ctx) {
         auto* product = ctx.product();
         if (!product) return;
         product->askToTurnOff(*file);
-        auto line = askAndAnswer(*product, bool(*yes));
+        auto line = askAndAnswer(ctx, *product, bool(*yes));
+        if (!line) return;
         auto* undo =
             product->undoable() ? std::get_if<Undoable::Startup>(&product->undoable()->what) : nullptr;
         if (!undo || line->symbol == "info.circle" || line->symbol == "exclamationmark.circle") {
@@ -134,10 +140,15 @@ void addStartup(CLI::App& app, CliContext& ctx) {
     auto held = std::make_shared<std::string>(), former = std::make_shared<std::string>();
     on->add_option("HELD", *held, "Where the file lies now")->required();
     on->add_option("FORMER", *former, "Where it came from")->required();
-    on->callback([&ctx, held, former] {
+    auto* onYes = on->add_flag("--yes")->description("Turn it back on without asking");
+    on->callback([&ctx, held, former, onYes] {
         auto* live = ctx.live();
         if (!live) return;
         auto name = LiteProduct::startupName(*former);
+        std::cerr << "Will move " << shown(*held) << " back to " << shown(*former) << "\n";
+        if (!confirmChange(ctx, "Turn " + shown(name) + " back on?", bool(*onYes),
+                           fillIn("{name} stays off", {{"name", name}})))
+            return;
         if (live->startup->turnBackOn(*held, *former))
             std::cout << fillIn(LiteSentences::backOn, {{"name", name}}) << "\n";
         else
@@ -153,7 +164,8 @@ void addRestart(CLI::App& app, CliContext& ctx) {
         auto* product = ctx.product();
         if (!product) return;
         product->askToRestart();
-        auto line = askAndAnswer(*product, bool(*yes));
+        auto line = askAndAnswer(ctx, *product, bool(*yes));
+        if (!line) return;
         if (line->symbol == "exclamationmark.circle") return ctx.refuse(line->text);
         std::cout << line->text << "\n";
     });
@@ -191,10 +203,7 @@ void addHealthRecordCommands(CLI::App& health, CliContext& ctx) {
         auto* product = ctx.product();
         if (!product) return;
         std::cerr << "Erase Health's record?\nEverything it kept about this machine is erased for good.\n";
-        if (!bool(*yes) && !askYes("Erase?")) {
-            std::cout << "Nothing was erased\n";
-            return;
-        }
+        if (!confirmChange(ctx, "Erase?", bool(*yes), "Nothing was erased")) return;
         product->live().healthRecord->erase();
         std::cout << "Health's record is erased\n";
     });

@@ -64,11 +64,7 @@ void addBalanceCommands(CLI::App& app, CliContext& ctx) {
                 std::cout << "Nothing is ticked, so nothing was changed.\n";
             return;
         }
-        if (!bool(*yes) && !askYes("Balance the load?")) {
-            if (!*json) std::cout << "Nothing was changed.\n";
-            ctx.exitCode = exitRefused;
-            return;
-        }
+        if (!confirmChange(ctx, "Balance the load?", bool(*yes), "Nothing was changed.")) return;
         auto balanced = carryOut(
             before, chosen, *live->balance, timing, [&] { return readNow(*live, timing); },
             [](std::chrono::milliseconds d) { std::this_thread::sleep_for(d); });

@@ -24,17 +24,23 @@ VantleLite* CliContext::live() {
 
 LiteProduct* CliContext::product() {
     if (!product_ && live()) {
-        product_ = LiteProduct::make(std::move(*live_));
+        product_ = LiteProduct::make(std::move(*live_), LiteProduct::Lifetime::oneCommand);
         live_.reset();
     }
     return product_.get();
 }
 
-bool askYes(const std::string& question) {
+bool confirmChange(CliContext& ctx, const std::string& question, bool yes, std::string_view declined) {
+    if (yes) return true;
+    if (::isatty(STDIN_FILENO) != 1) {
+        ctx.refuse(std::string(noTerminalSentence));
+        return false;
+    }
     std::cerr << question << " [y/N] " << std::flush;
-    std::string line;
-    if (!std::getline(std::cin, line)) return false;
-    return !line.empty() && (line[0] == 'y' || line[0] == 'Y');
+    std::string answer;
+    if (std::getline(std::cin, answer) && (answer == "y" || answer == "Y" || answer == "yes")) return true;
+    ctx.refuse(std::string(declined));
+    return false;
 }
 
 void CliContext::refuse(const std::string& sentence) {

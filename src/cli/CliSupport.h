@@ -12,6 +12,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace vantle::cli {
 
@@ -48,9 +49,13 @@ bool stderrIsTerminal();
 // A count the user gives (--limit): a whole number from 1 to `most`, refused in one short sentence.
 CLI::Validator countFromOneTo(int most);
 
-// Asks a yes-or-no question on the terminal; true only for an answer starting with "y". Without
-// --yes, a closed input answers no.
-bool askYes(const std::string& question);
+// Every command that changes the disk or the machine asks here before it acts; true to go ahead.
+// `yes` (the command's --yes) answers for the person. Without a terminal on standard input there is
+// no one to ask, and a yes is never read from a pipe or a file: the change is refused. A refusal or
+// a "no" sets exit code 1 with its sentence on stderr (`declined` for a no).
+bool confirmChange(CliContext& ctx, const std::string& question, bool yes, std::string_view declined);
+inline constexpr std::string_view noTerminalSentence =
+    "Nothing was touched: there is no terminal to ask on. Add --yes to go ahead with what was shown.";
 
 // A single progress line on stderr, rewritten in place; silent when stderr is not a terminal.
 class ProgressLine {

@@ -243,7 +243,7 @@ void addFilesSearchCommands(CLI::App& files, CliContext& ctx) {
         files.add_subcommand("sources", "Group downloaded files by the site, mail or app they came from");
     auto* sourcesJson = addJsonFlag(sources);
     sources->callback([&ctx, sourcesJson] {
-        withCatalog(ctx, [&](VantleLite* live, Catalog::Result* read, CancelFlag& cancel) {
+        withCatalog(ctx, [&](VantleLite* live, Catalog::Result* read, CancelFlag&) {
             auto groups = Sources::groups(read->snapshot->facts, live->library->options().samples);
             if (*sourcesJson)
                 printJson(Json(groups));

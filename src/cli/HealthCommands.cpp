@@ -6,6 +6,7 @@
 #include "VantleSpec/TerminalText.h"
 
 #include "VantleSpec/ByteCount.h"
+#include "VantleSpec/Figures.h"
 #include "VantleSpec/HealthScoreKeeper.h"
 
 #include <algorithm>
@@ -27,17 +28,7 @@ std::string rate(double bytesPerSecond) {
 }
 
 std::string duration(double seconds) {
-    // A stand-in's uptime may say anything; shown, it is never below zero nor past a century.
-    if (!std::isfinite(seconds) || seconds < 0) seconds = 0;
-    seconds = std::min(seconds, 100.0 * 365 * 86'400);
-    auto total = std::int64_t(seconds) / 60;
-    std::int64_t days = total / 1440, hours = total / 60 % 24, minutes = total % 60;
-    auto unit = [](std::int64_t n, const char* word) {
-        return std::to_string(n) + " " + word + (n == 1 ? "" : "s");
-    };
-    if (days > 0) return unit(days, "day") + " " + unit(hours, "hour");
-    if (hours > 0) return unit(hours, "hour") + " " + unit(minutes, "minute");
-    return unit(minutes, "minute");
+    return durationInTwoUnits(seconds);
 }
 
 std::string processList(const std::vector<VitalsSnapshot::Process>& processes, bool byMemory) {
@@ -54,10 +45,10 @@ void printVitals(const VitalsSnapshot& s) {
     auto row = [](const char* title, const std::string& text) {
         std::cout << "  " << title << std::string(10 - std::string_view(title).size(), ' ') << text << "\n";
     };
-    std::string processor = percent(std::clamp(s.cpu.total, 0.0, 1.0)) + " busy";
+    std::string processor = wholePercent(s.cpu.total * 100) + " busy";
     if (s.cpu.performanceCores && s.cpu.efficiencyCores)
-        processor += " (performance cores " + percent(*s.cpu.performanceCores) + ", efficiency cores " +
-                     percent(*s.cpu.efficiencyCores) + ")";
+        processor += " (performance cores " + wholePercent(*s.cpu.performanceCores * 100) +
+                     ", efficiency cores " + wholePercent(*s.cpu.efficiencyCores * 100) + ")";
     processor +=
         ", " + std::to_string(s.cpu.perCore.size()) + (s.cpu.perCore.size() == 1 ? " core" : " cores");
     row("Processor", processor);
@@ -70,7 +61,7 @@ void printVitals(const VitalsSnapshot& s) {
         row("Disk", fileBytes(std::int64_t(s.disk.availableBytes)) + " of " +
                         fileBytes(std::int64_t(s.disk.totalBytes)) + " available");
     if (s.power.hasBattery) {
-        std::string battery = s.power.charge ? percent(*s.power.charge) : "charge unknown";
+        std::string battery = s.power.charge ? wholePercent(*s.power.charge * 100) : "charge unknown";
         battery += s.power.isCharging ? ", charging" : s.power.onAC ? ", on power" : ", on battery";
         if (s.power.battery)
             if (auto health = s.power.battery->health())

@@ -6,6 +6,7 @@
 #include "VantleSpec/TerminalText.h"
 
 #include "VantleSpec/ByteCount.h"
+#include "VantleSpec/Figures.h"
 #include "VantleSpec/Sentence.h"
 #include "VantleVitals/HealthHistory.h"
 
@@ -60,7 +61,7 @@ std::string withThousands(std::size_t n) {
 }
 
 std::string busyWithPeak(double average, double peak) {
-    return percent(average) + " (peak " + percent(peak) + ")";
+    return wholePercent(average * 100) + " (peak " + wholePercent(peak * 100) + ")";
 }
 
 void printRows(Span span, const std::vector<HealthPoint>& rows) {
@@ -73,8 +74,8 @@ void printRows(Span span, const std::vector<HealthPoint>& rows) {
                   << busyWithPeak(row.cpu, row.cpuPeak) << std::setw(17)
                   << busyWithPeak(row.memory, row.memoryPeak) << std::setw(10) << nameOf(row.pressure)
                   << std::setw(9) << nameOf(row.thermal) << std::setw(11)
-                  << memoryBytes(std::int64_t(row.swapBytes)) << (row.charge ? percent(*row.charge) : "")
-                  << "\n";
+                  << memoryBytes(std::int64_t(row.swapBytes))
+                  << (row.charge ? wholePercent(*row.charge * 100) : "") << "\n";
     }
 }
 
@@ -82,8 +83,8 @@ void printOverall(Span span, const HealthPoint& overall) {
     std::cout << "\nOver the " << nameOf(span) << ": processor " << busyWithPeak(overall.cpu, overall.cpuPeak)
               << ", memory " << busyWithPeak(overall.memory, overall.memoryPeak);
     if (overall.pressure != VitalsSnapshot::Pressure::normal)
-        std::cout << ", under pressure " << percent(overall.pressureShare) << " of the time (at worst "
-                  << nameOf(overall.pressure) << ")";
+        std::cout << ", under pressure " << wholePercent(overall.pressureShare * 100)
+                  << " of the time (at worst " << nameOf(overall.pressure) << ")";
     if (overall.thermal != VitalsSnapshot::Thermal::nominal)
         std::cout << ", heat at worst " << nameOf(overall.thermal);
     std::cout << ".\n";
@@ -92,7 +93,7 @@ void printOverall(Span span, const HealthPoint& overall) {
         for (std::size_t i = 0; i < overall.apps.size(); ++i) {
             const auto& app = overall.apps[i];
             // An app's share is of one core, as the activity list shows it.
-            std::cout << (i ? ", " : "") << terminalSafe(app.name) << " " << std::lround(app.cpu) << "%";
+            std::cout << (i ? ", " : "") << terminalSafe(app.name) << " " << percent(app.cpu / 100);
         }
         std::cout << "\n";
     }

@@ -5,19 +5,17 @@
 
 #include "VantleSpec/ByteCount.h"
 #include "VantleSpec/Sentence.h"
+#include "VantleSpec/TerminalText.h"
 #include "VantleStorage/ItemId.h"
 #include "VantleStorage/StorageReport.h"
 
 #include <iostream>
 #include <memory>
-#include <unistd.h>
 
 namespace vantle::cli {
 
 namespace {
 
-constexpr std::string_view needsTerminalSentence =
-    "Nothing was touched: there is no terminal to ask on. Add --yes to go ahead with what was shown.";
 constexpr std::string_view declinedSentence = "Nothing was touched.";
 constexpr std::string_view scanStoppedSentence =
     "The storage scan was stopped before it finished. Nothing was touched.";
@@ -38,19 +36,6 @@ struct Choice {
     bool yes = false;
     bool json = false;
 };
-
-bool ask(const std::string& question, CliContext& ctx) {
-    if (::isatty(STDIN_FILENO) != 1) {
-        ctx.refuse(std::string(needsTerminalSentence));
-        return false;
-    }
-    std::cerr << question << " [y/N] " << std::flush;
-    std::string answer;
-    std::getline(std::cin, answer);
-    if (answer == "y" || answer == "Y" || answer == "yes") return true;
-    ctx.refuse(std::string(declinedSentence));
-    return false;
-}
 
 std::optional<StorageScan> scanFor(VantleLite& live, const std::set<std::string>& rules, CliContext& ctx) {
     CancelFlag cancel;
@@ -84,11 +69,13 @@ void printPlan(const CleanPlan& plan, const RuleTable& table, bool hold) {
     std::cout << (hold ? "Will move into Vantle's holding folder, from where it can be put back:\n"
                        : "Will delete for good:\n");
     for (const auto& item : plan.items)
-        std::cout << "  " << item.id << "  " << item.path << "  " << fileBytes(item.bytes) << "\n";
+        std::cout << "  " << item.id << "  " << terminalSafe(item.path) << "  " << fileBytes(item.bytes)
+                  << "\n";
     if (!plan.leftAlone.empty()) {
         std::cout << "Left alone:\n";
         for (const auto& left : plan.leftAlone)
-            std::cout << "  " << left.name << " (" << left.category << "): " << left.reason << "\n";
+            std::cout << "  " << terminalSafe(left.name) << " (" << left.category
+                      << "): " << terminalSafe(left.reason) << "\n";
     }
     std::cout << "In all: " << fileBytes(plan.bytes()) << ".";
     if (!hold) {
@@ -97,9 +84,11 @@ void printPlan(const CleanPlan& plan, const RuleTable& table, bool hold) {
             if (const Rule* rule = table.find(item.category);
                 rule && rule->cost && std::ranges::find(costs, *rule->cost) == costs.end())
                 costs.push_back(*rule->cost);
-        for (const auto& cost : costs)
-            std::cout << " " << static_cast<char>(std::toupper(static_cast<unsigned char>(cost[0])))
-                      << cost.substr(1) << ".";
+        // A cost is a clause that may begin with a tool's own lower-case name ("npm downloads
+        // again…"): it is led in, never capitalised.
+        for (std::size_t i = 0; i < costs.size(); ++i)
+            std::cout << (i == 0 ? " What freeing costs: " : "; ") << costs[i];
+        if (!costs.empty()) std::cout << ".";
     }
     std::cout << "\n";
 }
@@ -176,7 +165,9 @@ void addStorageCleanCommands(CLI::App& storage, CliContext& ctx) {
         if (plan->items.empty())
             return ctx.refuse(fillIn(nothingToFreeSentence, {{"list", leftAloneList(*plan)}}));
         printPlan(*plan, cleaner.table(), false);
-        if (!choice->yes && !ask("Delete these for good? This cannot be undone.", ctx)) return;
+        if (!confirmChange(ctx, "Delete these for good? This cannot be undone.", choice->yes,
+                           declinedSentence))
+            return;
         carryOut(*live, *plan, *choice, ctx);
     });
 
@@ -198,7 +189,7 @@ void addStorageCleanCommands(CLI::App& storage, CliContext& ctx) {
         if (plan->items.empty())
             return ctx.refuse(fillIn(nothingToSetAsideSentence, {{"list", leftAloneList(*plan)}}));
         printPlan(*plan, live->storageCleaner->table(), true);
-        if (!choice->yes && !ask("Set these aside?", ctx)) return;
+        if (!confirmChange(ctx, "Set these aside?", choice->yes, declinedSentence)) return;
         carryOut(*live, *plan, *choice, ctx);
     });
 
@@ -221,8 +212,9 @@ void addStorageCleanCommands(CLI::App& storage, CliContext& ctx) {
         }
         std::cout << "Will put back:\n";
         for (const auto& id : choice->ids)
-            if (auto entry = shelf.find(id)) std::cout << "  " << id << "  " << entry->path << "\n";
-        if (!choice->yes && !ask("Put these back?", ctx)) return;
+            if (auto entry = shelf.find(id))
+                std::cout << "  " << id << "  " << terminalSafe(entry->path) << "\n";
+        if (!confirmChange(ctx, "Put these back?", choice->yes, declinedSentence)) return;
         auto result = shelf.putBack(choice->ids);
         if (choice->json) {
             Json out;
@@ -242,7 +234,7 @@ void addStorageCleanCommands(CLI::App& storage, CliContext& ctx) {
         for (const auto& f : result.failures)
             std::cerr << f << "\n";
         if (auto still = heldList(shelf); !still.empty() && !choice->json)
-            std::cout << fillIn(stillHeldSentence, {{"list", still}}) << "\n";
+            std::cout << terminalSafe(fillIn(stillHeldSentence, {{"list", still}})) << "\n";
         if (!result.failures.empty()) ctx.exitCode = exitRefused;
     });
 }

@@ -223,6 +223,12 @@ TEST(KeptSummary, RoundTripsThroughItsFileAndSurvivesABadOne) {
     EXPECT_FALSE(KeptSummary{stored}.summary());
     data.write("Library/summary.json", R"({"something": "else"})");
     EXPECT_FALSE(KeptSummary{stored}.summary());
+
+    // Regression: the summary was read through a link, which could lead to a FIFO or /dev/zero.
+    KeptSummary{data / "elsewhere.json"}.keep(full);
+    std::filesystem::remove(stored);
+    std::filesystem::create_symlink(data / "elsewhere.json", stored);
+    EXPECT_FALSE(KeptSummary{stored}.summary()) << "a link in the summary's place is not followed";
 }
 
 TEST(KeptSummary, AFailedSaveSaysWhyAndKeepsTheSummaryInMemory) {

@@ -228,3 +228,41 @@ TEST(LoadBalance, TheStandInRecordsEachRequestAndTheReportSaysWhatChanged) {
     EXPECT_EQ(events[1].act, "quit");
     EXPECT_EQ(again.putBack(10).error(), ProcessControls::Failure::gone) << "a new run holds no moves";
 }
+
+TEST(LoadBalance, NoAppWasEverAQuitCandidateOnLinuxForWantOfALastUsedTime) {
+    // The scheduler's "last ran" stamps: this process runs now; the editor's main thread last ran
+    // 45 minutes ago, the player's a minute ago, and the third app's file is not there.
+    TempDir proc;
+    auto sched = [&](const std::string& who, double ms) {
+        proc.write(who + "/sched", "app (" + who +
+                                       ", #threads: 3)\n-------\nse.exec_start                "
+                                       "                :      " +
+                                       std::to_string(ms) + "\nse.vruntime : 1.0\n");
+    };
+    const double now = 90'000'000.5;
+    sched("self", now);
+    sched("4242", now - 45 * 60'000);
+    sched("4343", now - 60'000);
+    ActivitySample sample;
+    for (int pid : {4242, 4343, 4444}) {
+        ProcessRow row;
+        row.pid = pid;
+        row.name = "app" + std::to_string(pid);
+        row.kind = ProcessKind::app;
+        row.isOwn = true;
+        row.memory = 700'000'000;
+        row.cpuPercent = 0.5;
+        sample.rows.push_back(row);
+    }
+    auto reading = LoadReading::of(sample, VitalsSnapshot{}, 1000, proc.path());
+    ASSERT_EQ(reading.apps.size(), 3u);
+    ASSERT_TRUE(reading.apps[0].unusedMinutes);
+    EXPECT_NEAR(*reading.apps[0].unusedMinutes, 45, 0.01);
+    EXPECT_NEAR(reading.apps[1].unusedMinutes.value_or(-1), 1, 0.01);
+    EXPECT_FALSE(reading.apps[2].unusedMinutes) << "unknown where the kernel keeps no stamp";
+
+    auto found = findCandidates(reading);
+    ASSERT_EQ(found.candidates.size(), 1u);
+    EXPECT_EQ(found.candidates[0].pid, 4242);
+    EXPECT_EQ(found.candidates[0].action, BalanceCandidate::Action::quit);
+}

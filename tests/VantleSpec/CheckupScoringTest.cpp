@@ -64,8 +64,11 @@ TEST(CheckupScore, AQuietMachineScoresFullAndUnreadFactsTakeNothing) {
     auto blind = scoreCheckup(nothing, now);
     EXPECT_EQ(blind.value, 100);
     EXPECT_EQ(blind.parts[0].area, CheckupArea::performance) << "parts come in the areas' order";
-    for (auto& p : blind.parts)
-        if (p.area == CheckupArea::storage) EXPECT_EQ(p.line, "Free space not read: statvfs failed");
+    for (auto& p : blind.parts) {
+        if (p.area == CheckupArea::storage) {
+            EXPECT_EQ(p.line, "Free space not read: statvfs failed");
+        }
+    }
 }
 
 TEST(CheckupScore, NeverRisesAsAnyReadingWorsens) {

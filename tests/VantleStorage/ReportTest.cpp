@@ -241,3 +241,14 @@ TEST(StorageReportKept, RoundTripsThroughTheDataFolderAndRefusesABrokenFile) {
     ASSERT_FALSE(broken.has_value());
     EXPECT_NE(broken.error().find("could not be read"), std::string::npos);
 }
+
+TEST(StorageReportText, ANameHoldingANewlineWasSplitAcrossTwoLines) {
+    auto report =
+        makeStorageReport(scanOf({item("old_installers", "Downloads/two\nlines\x1b[2J.dmg", 5'000)}), table,
+                          StorageAbilities{true, true, true}, now);
+    auto text = storageReportText(report);
+    EXPECT_NE(text.find("/home/u/Downloads/two$'\\n'lines$'\\033'[2J.dmg  "), std::string::npos) << text;
+    EXPECT_EQ(text.find('\x1b'), std::string::npos);
+    for (std::size_t at = 0; (at = text.find('\n', at)) != std::string::npos; ++at)
+        EXPECT_FALSE(text.compare(at + 1, 6, "lines") == 0) << "no line begins with the name's second half";
+}

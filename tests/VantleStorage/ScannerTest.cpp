@@ -11,6 +11,8 @@
 #include <regex>
 #include <set>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
 #include <unordered_set>
 
 using namespace vantle;
@@ -416,4 +418,27 @@ TEST_F(ScannerTest, ReadsXcodesOwnRecordOfWhenABuildFolderWasLastUsed) {
     ASSERT_TRUE(app && other);
     EXPECT_EQ(app->facts.ownersRecord, parseIsoDate("2026-01-02T03:04:05Z"));
     EXPECT_FALSE(other->facts.ownersRecord);
+}
+
+TEST_F(ScannerTest, AHugeSparseFileOrADeviceAsXcodesRecordWasReadWhole) {
+    // A 20 GB sparse file (and a character device, a FIFO where the system lets us make them) in the
+    // place of a build folder's info.plist used to be read whole before any size check.
+    write("Library/Developer/Xcode/DerivedData/Huge-abc/Build/x.o", 100);
+    auto huge = dir.write("home/Library/Developer/Xcode/DerivedData/Huge-abc/info.plist", "");
+    ASSERT_EQ(::truncate(huge.c_str(), 20'000'000'000LL), 0);
+    write("Library/Developer/Xcode/DerivedData/Fifo-def/Build/y.o", 100);
+    auto fifo = home / "Library/Developer/Xcode/DerivedData/Fifo-def/info.plist";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    write("Library/Developer/Xcode/DerivedData/Zero-123/Build/z.o", 100);
+    auto device = home / "Library/Developer/Xcode/DerivedData/Zero-123/info.plist";
+    bool madeDevice = ::mknod(device.c_str(), S_IFCHR | 0600, ::makedev(1, 5)) == 0; // /dev/zero
+
+    auto result = scan(ScanDepth::rules);
+    for (std::string project : {"Huge-abc", "Fifo-def", "Zero-123"}) {
+        if (project == "Zero-123" && !madeDevice) continue;
+        auto item = itemAt(result, (home / "Library/Developer/Xcode/DerivedData" / project).string());
+        ASSERT_TRUE(item) << project;
+        EXPECT_FALSE(item->facts.ownersRecord) << project;
+    }
+    if (!madeDevice) GTEST_SKIP() << "the device case needs mknod, which this system refused";
 }

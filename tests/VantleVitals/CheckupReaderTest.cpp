@@ -398,3 +398,75 @@ TEST(BoundedCommand, AnswersInTimeOrIsStopped) {
     ASSERT_FALSE(missing);
     EXPECT_TRUE(missing.error().find("could not be started") != std::string::npos) << missing.error();
 }
+
+TEST(CheckupReader, ScreenLockFromTheSchemaDefaultWithoutASessionWasShownAsOn) {
+    Machine m;
+    auto o = m.options();
+    o.gsettings = m.program("gsettings", "true\n");
+    auto f = CheckupReader(o).read();
+    EXPECT_FALSE(f.screenLock) << "with no session and no stored settings, gsettings gives its default";
+    EXPECT_NE(f.unknown["screenLock"].find("no desktop session is running"), std::string::npos)
+        << f.unknown["screenLock"];
+
+    m.dir.write("home/.config/dconf/user", "GVariant");
+    EXPECT_EQ(CheckupReader(o).read().screenLock, true) << "the user's stored settings are read";
+    m.dir.write("home/.config/kscreenlockerrc", "[Daemon]\nAutolock=false\n");
+    EXPECT_EQ(CheckupReader(o).read().screenLock, false);
+
+    Machine session;
+    auto inSession = session.options();
+    inSession.gsettings = session.program("gsettings", "false\n");
+    inSession.desktop = "GNOME";
+    EXPECT_EQ(CheckupReader(inSession).read().screenLock, false);
+}
+
+TEST(CheckupReader, FirewallSaidItNeedsRootWhenRunningAsRoot) {
+    Machine m;
+    auto o = m.options();
+    o.root = true;
+    o.nft = m.program("nft", "table inet filter {\n\tchain input {\n\t\ttype filter hook input priority "
+                             "filter; policy accept;\n\t\tct state established,related accept\n"
+                             "\t\ttcp dport 22 accept\n\t\tcounter packets 3 bytes 180 drop\n\t}\n"
+                             "\tchain output {\n\t\ttype filter hook output priority filter; policy "
+                             "accept;\n\t}\n}\n");
+    auto f = CheckupReader(o).read();
+    EXPECT_EQ(f.firewall, true) << f.unknown["firewall"];
+    EXPECT_EQ(f.firewallHow, "nftables rules filter incoming traffic");
+
+    // A distribution's empty default table accepts everything: rules were read, and none filters.
+    o.nft = m.program("nft2", "table inet filter {\n\tchain input {\n\t\ttype filter hook input priority "
+                              "filter; policy accept;\n\t}\n\tchain output {\n\t\ttype filter hook output "
+                              "priority filter; policy drop;\n\t}\n}\n");
+    EXPECT_EQ(CheckupReader(o).read().firewall, false);
+
+    o.nft = m.program("nft3", "Operation not permitted\n", 1);
+    auto unread = CheckupReader(o).read();
+    EXPECT_FALSE(unread.firewall);
+    EXPECT_NE(unread.unknown["firewall"].find("nft could not list the rules (Operation not permitted)"),
+              std::string::npos)
+        << unread.unknown["firewall"];
+    EXPECT_EQ(unread.unknown["firewall"].find("only by root"), std::string::npos);
+}
+
+TEST(CheckupSections, OutOfRangeReadingsWereShownAsNonsenseFigures) {
+    // A stand-in table may say anything; shown, each figure keeps to what it can mean.
+    CheckupFacts f;
+    f.uptimeSeconds = -1800;
+    f.cpuStall = 1e308;
+    f.load1 = -3;
+    f.cores = 4;
+    f.watts = std::numeric_limits<double>::quiet_NaN();
+    f.onBattery = true;
+    f.charge = 7.5;
+    auto checkup = buildCheckup(f, now);
+    auto valueOf = [&](CheckupArea area, std::string_view key) {
+        for (auto& r : section(checkup, area).readings)
+            if (r.id == key) return r.value;
+        return std::string("(no reading)");
+    };
+    EXPECT_EQ(valueOf(CheckupArea::stability, "uptime"), "0 minutes");
+    EXPECT_EQ(valueOf(CheckupArea::performance, "cpuStall"), "100% of the last minute");
+    EXPECT_EQ(valueOf(CheckupArea::performance, "load").substr(0, 12), "0.00 on 4 co");
+    EXPECT_EQ(valueOf(CheckupArea::energy, "draw"), "0.0 W");
+    EXPECT_EQ(valueOf(CheckupArea::energy, "charge").substr(0, 4), "100%");
+}

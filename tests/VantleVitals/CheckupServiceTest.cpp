@@ -11,6 +11,7 @@
 using namespace vantle;
 using vantle::testing::TempDir;
 using namespace std::chrono;
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -122,4 +123,26 @@ TEST(StandInCheckup, AnEditedTableShowsWhatItSaysAndAnUnreadableOneIsLeftAlone) 
     ASSERT_TRUE(broken.problem());
     broken.read();
     EXPECT_EQ(vantle::testing::readFile(file), "not json");
+}
+
+TEST(CheckupService, KeptCheckupFilesWereReadThroughLinksWithoutABound) {
+    // A link in the data folder's place is followed by no kept-file reader: it could lead to a FIFO
+    // or /dev/zero. Both checkup files are refused with a sentence instead of read.
+    TempDir dir;
+    SteppingClock time;
+    auto elsewhere = dir / "elsewhere/checkups.json";
+    { CheckupService(std::make_shared<Worsening>(), elsewhere, time.clock()).run(); }
+    dir.mkdir("data/Health");
+    fs::create_symlink(elsewhere, dir / "data/Health/checkups.json");
+    CheckupService service(std::make_shared<Worsening>(), dir / "data/Health/checkups.json", time.clock());
+    ASSERT_TRUE(service.problem());
+    EXPECT_NE(service.problem()->find("is not a regular file"), std::string::npos) << *service.problem();
+    EXPECT_TRUE(service.kept().points.empty());
+
+    dir.write("table/stand-in-checkup.json", R"({"datesFrom": "2026-11-01T00:00:00.000Z", "next": 0,
+        "table": [{"hasBattery": false}]})");
+    fs::create_symlink(dir / "table/stand-in-checkup.json", dir / "data/stand-in-checkup.json");
+    StandInCheckup standIn(dir / "data");
+    ASSERT_TRUE(standIn.problem());
+    EXPECT_NE(standIn.problem()->find("is not a regular file"), std::string::npos) << *standIn.problem();
 }

@@ -6,7 +6,9 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 using vantle::testing::readFile;
 using vantle::testing::TempDir;
@@ -30,7 +32,8 @@ std::string shellQuoted(const std::string& s) {
 // Runs `vantle` with the arguments (each quoted) under a home of the test's own; `redirect` replaces
 // where standard output goes.
 Ran run(const TempDir& dir, const std::vector<std::string>& arguments, const std::string& redirect = "") {
-    std::string command = "HOME=" + shellQuoted((dir / "home").string()) + " XDG_DATA_HOME= " + shellQuoted(VANTLE_CLI);
+    std::string command =
+        "HOME=" + shellQuoted((dir / "home").string()) + " XDG_DATA_HOME= " + shellQuoted(VANTLE_CLI);
     for (const auto& a : arguments)
         command += " " + shellQuoted(a);
     auto out = dir / "stdout", err = dir / "stderr";
@@ -104,8 +107,10 @@ TEST(VantleCommand, ConcurrentSeedWeeksWaitForEachOtherInsteadOfFailing) {
         script += shellQuoted(VANTLE_CLI) + " -sandbox " + box + " health seed-week >/dev/null 2>" +
                   shellQuoted((dir / ("err" + std::to_string(i))).string()) + " & ";
     script += "wait";
-    ASSERT_EQ(std::system(("HOME=" + shellQuoted((dir / "home").string()) + " bash -c " + shellQuoted(script)).c_str()),
-              0);
+    ASSERT_EQ(
+        std::system(
+            ("HOME=" + shellQuoted((dir / "home").string()) + " bash -c " + shellQuoted(script)).c_str()),
+        0);
     for (int i = 0; i < 4; ++i) {
         auto err = readFile(dir / ("err" + std::to_string(i)));
         EXPECT_EQ(err.find("could not be written"), std::string::npos) << err;
@@ -122,4 +127,63 @@ TEST(VantleCommand, ControlCharactersInNamesReachTheTerminalEscaped) {
 
     auto json = run(dir, {"-sandbox", (dir / "box").string(), "files", "search", "pdf", "--json"});
     EXPECT_NE(json.out.find("pwned"), std::string::npos) << "--json keeps the name for programs to read";
+}
+
+TEST(VantleCommand, AChangeWithoutATerminalIsRefusedEvenWhenStandardInputSaysYes) {
+    // Some commands took a "y" piped into them as the person's answer; others refused, or said
+    // "Nothing was erased" and exited 0. Every changing command now refuses alike.
+    TempDir dir;
+    auto box = dir / "box";
+    auto file = dir.write("box/Downloads/old.zip", "zip");
+    auto agent = dir.write("box/Library/LaunchAgents/com.example.helper.plist", "<plist/>");
+    dir.write("answers", "y\nyes\n");
+    const std::string piped =
+        ">" + shellQuoted((dir / "stdout").string()) + " <" + shellQuoted((dir / "answers").string());
+    const std::vector<std::vector<std::string>> changes = {
+        {"trash", file.string()},
+        {"startup", "off", agent.string()},
+        {"startup", "on", (box / ".vantle-lite/Turned Off/com.example.helper.plist").string(),
+         agent.string()},
+        {"restart"},
+        {"health", "record", "erase"},
+    };
+    for (const auto& change : changes) {
+        std::vector<std::string> arguments = {"-sandbox", box.string()};
+        arguments.insert(arguments.end(), change.begin(), change.end());
+        auto ran = run(dir, arguments, piped);
+        EXPECT_EQ(ran.exit, 1) << change[0] << " " << ran.out << ran.err;
+        EXPECT_NE(ran.err.find("Nothing was touched: there is no terminal to ask on. Add --yes"),
+                  std::string::npos)
+            << change[0] << ": " << ran.err;
+    }
+    EXPECT_TRUE(fs::exists(file)) << "the file was not moved to the Trash";
+    EXPECT_TRUE(fs::exists(agent)) << "the startup item was not turned off";
+    auto mac = box / ".vantle-lite/stand-in-mac.json";
+    EXPECT_TRUE(!fs::exists(mac) || readFile(mac).find("restart") == std::string::npos)
+        << "the stand-in Mac was not asked to restart";
+}
+
+TEST(VantleCommand, AnUnreadableDataFolderSaidOnlyTheSystemErrorWithoutNamingIt) {
+    if (::geteuid() != 0) GTEST_SKIP() << "root reads every folder; the case runs as a made-up person";
+    constexpr int person = 61003;
+    TempDir dir;
+    ::chmod(dir.path().c_str(), 0755);
+    auto box = dir / "box";
+    auto data = box / ".vantle-lite";
+    fs::create_directories(data);
+    ::chmod(data.c_str(), 0700); // root's own: the person can neither look inside nor restrict it
+    ASSERT_EQ(::chown(box.c_str(), person, person), 0);
+    auto home = dir.mkdir("home");
+    ASSERT_EQ(::chown(home.c_str(), person, person), 0);
+    std::string command = "setpriv --reuid=" + std::to_string(person) + " --regid=" + std::to_string(person) +
+                          " --clear-groups env HOME=" + shellQuoted(home.string()) + " " +
+                          shellQuoted(VANTLE_CLI) + " -sandbox " + shellQuoted(box.string()) +
+                          " status >/dev/null 2>" + shellQuoted((dir / "stderr").string());
+    int status = std::system(command.c_str());
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 1);
+    auto err = readFile(dir / "stderr");
+    EXPECT_NE(err.find("Vantle Lite could not"), std::string::npos) << err;
+    EXPECT_NE(err.find(data.string()), std::string::npos) << "the folder is named: " << err;
+    EXPECT_EQ(err.find('\n'), err.size() - 1) << "one sentence: " << err;
 }

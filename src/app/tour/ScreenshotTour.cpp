@@ -1,0 +1,141 @@
+// vantle-lite-tour OUTDIR SANDBOX [PREFIX]: opens the app on a sandbox home (a fresh demo home, made by
+// tools/screenshots) and walks it through its pages and states, saving a PNG of the screen at each:
+// the welcome, Home (files, images, a search with chips, duplicates, sources, the Trash question),
+// Storage (a scan, the report, a clean's question, its receipt). Run under an X server (Xvfb): the
+// questions are windows of their own, so the screen is what is captured. Changes the sandbox.
+#include "Vantle_Lite/LiteLaunch.h"
+#include "app/bridge/ProductBridge.h"
+#include "app/design/ResultBar.h"
+#include "app/design/Symbols.h"
+#include "app/pages/home/FileListModel.h"
+#include "app/pages/home/HomePage.h"
+#include "app/pages/storage/StoragePage.h"
+#include "app/shell/MainWindow.h"
+
+#include <QAbstractButton>
+#include <QApplication>
+#include <QMessageBox>
+#include <QScreen>
+#include <QTest>
+#include <QTreeWidget>
+
+#include <cstdio>
+
+using namespace vantle;
+using namespace vantle::app;
+
+namespace {
+
+QString outDir;
+QString prefix;
+int failures = 0;
+
+void shoot(MainWindow& window, const QString& name) {
+    QTest::qWait(400); // let thumbnails and layouts settle
+    QApplication::processEvents();
+    auto* screen = window.screen();
+    auto frame = window.frameGeometry();
+    // A question is a window of its own; the screen holds both.
+    auto pixmap = screen->grabWindow(0, frame.x(), frame.y(), frame.width(), frame.height());
+    if (pixmap.isNull()) pixmap = window.grab();
+    auto file = outDir + "/" + prefix + name + ".png";
+    if (!pixmap.save(file)) {
+        std::fprintf(stderr, "could not save %s\n", qPrintable(file));
+        ++failures;
+    } else {
+        std::printf("%s\n", qPrintable(file));
+    }
+}
+
+bool waitFor(const std::function<bool()>& done, const char* what, int ms = 60000) {
+    if (QTest::qWaitFor(done, ms)) return true;
+    std::fprintf(stderr, "gave up waiting for %s\n", what);
+    ++failures;
+    return false;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    QApplication app(argc, argv);
+    if (argc < 3) {
+        std::fprintf(stderr, "usage: vantle-lite-tour OUTDIR SANDBOX [PREFIX]\n");
+        return 2;
+    }
+    outDir = argv[1];
+    prefix = argc > 3 ? argv[3] : "";
+    chooseIconTheme();
+    applyAppearance();
+    MainWindow window(LiteLaunch::parse({"vantle-lite", "-sandbox", argv[2]}));
+    window.show();
+    if (!waitFor([&] { return window.phase() != MainWindow::Phase::starting; }, "start-up")) return 1;
+    if (window.phase() == MainWindow::Phase::welcome) shoot(window, "01-welcome");
+    window.leaveWelcome();
+    if (window.phase() != MainWindow::Phase::shell) return 1;
+
+    auto* home = window.homePage();
+    waitFor([&] { return !home->reading() && home->files()->rowCount() > 0; }, "the files");
+    shoot(window, "02-home-files");
+
+    home->showKind(LibraryKind::images);
+    waitFor(
+        [&] {
+            return home->files()->rowCount() > 0 &&
+                   home->files()->items().front().kind == LibraryKind::images;
+        },
+        "the images");
+    QTest::qWait(1500); // thumbnails are made on workers
+    shoot(window, "03-home-images");
+
+    home->search("screenshots older than 6 months");
+    waitFor([&] { return !home->chips().isEmpty(); }, "the search's chips");
+    shoot(window, "04-home-search-chips");
+
+    home->showView(HomePage::View::duplicates);
+    home->findDuplicates();
+    waitFor([&] { return home->duplicatesTree()->topLevelItemCount() > 0; }, "the duplicates");
+    shoot(window, "05-home-duplicates");
+
+    home->showView(HomePage::View::sources);
+    waitFor([&] { return home->sourcesTree()->topLevelItemCount() > 0; }, "the sources");
+    shoot(window, "06-home-sources");
+
+    home->showKind(std::nullopt);
+    waitFor([&] { return home->files()->rowCount() > 1; }, "the files again");
+    home->select(qt(home->files()->items().front().path));
+    home->trashSelection();
+    waitFor([&] { return window.questionBox() != nullptr; }, "the Trash question");
+    shoot(window, "07-trash-question");
+    if (window.questionBox()) window.questionBox()->reject();
+    QTest::qWait(300);
+
+    window.showPage("storage");
+    auto* storage = window.storagePage();
+    bool scanningShot = false;
+    QObject::connect(storage, &StoragePage::scanProgress, [&](const QString&) {
+        if (scanningShot) return;
+        scanningShot = true;
+        shoot(window, "08-storage-scanning");
+    });
+    storage->scan();
+    waitFor([&] { return storage->state() == StoragePage::State::report; }, "the storage report");
+    shoot(window, "09-storage-report");
+
+    // Tick every category that can be deleted whole, then ask.
+    int ticked = 0;
+    for (const auto& category : storage->report()->categories)
+        if (category.safety == SafetyClass::a && category.systemFrees &&
+            category.method == FreeMethod::remove && ticked < 3 && storage->tick(qt(category.id)))
+            ++ticked;
+    storage->cleanTicked();
+    if (waitFor([&] { return window.questionBox() != nullptr; }, "the clean's question")) {
+        shoot(window, "10-storage-clean-question");
+        for (auto* button : window.questionBox()->buttons())
+            if (button->objectName() == "confirm") button->click();
+        waitFor([&] { return window.bridge()->pending() == 0 && !window.resultBar()->text().isEmpty(); },
+                "the receipt");
+        waitFor([&] { return storage->state() == StoragePage::State::report; }, "the new figures");
+        shoot(window, "11-storage-receipt");
+    }
+    return failures == 0 ? 0 : 1;
+}
