@@ -3,6 +3,7 @@
 #include "Platform/AtomicFile.h"
 #include "VantleLiteLive/StandInRecord.h"
 #include "VantleSpec/ByteCount.h"
+#include "VantleSpec/Figures.h"
 
 #include <algorithm>
 #include <cctype>
@@ -17,15 +18,12 @@ namespace fs = std::filesystem;
 
 namespace {
 
+// Seconds are worth saying below a minute; from there on the shared wording, which also keeps an age
+// read from a nonsense stand-in within what it can mean.
 std::string ago(double seconds) {
-    auto minutes = std::int64_t(seconds / 60);
-    auto unit = [](std::int64_t n, const char* word) {
-        return std::to_string(n) + " " + word + (n == 1 ? "" : "s");
-    };
-    if (minutes >= 1440) return unit(minutes / 1440, "day");
-    if (minutes >= 60) return unit(minutes / 60, "hour");
-    if (minutes >= 1) return unit(minutes, "minute");
-    return unit(std::int64_t(seconds), "second");
+    if (seconds >= 60) return durationWords(seconds);
+    auto whole = seconds > 0 ? std::int64_t(seconds) : 0;
+    return std::to_string(whole) + (whole == 1 ? " second" : " seconds");
 }
 
 // A systemd service's process lives in a ".service" cgroup; an app the user opened lives in an

@@ -154,6 +154,14 @@ TEST(LoadBalance, MoveCandidatesStartAtTwentyPercentOfOneCore) {
               "ago. On "
               "the efficiency cores it keeps working and leaves the fast ones to you.");
 
+    // An age read from a nonsense stand-in is worded within what it can mean, never as a wrapped number.
+    auto ancient = busy(14, 20);
+    ancient.age = 1e308;
+    ancient.cpuSeconds = 1e308;
+    auto why = findCandidates(readingWith({ancient}, {})).candidates.at(0).why;
+    EXPECT_EQ(why.find('-'), std::string::npos) << why;
+    EXPECT_NE(why.find("since it started 36500 days ago"), std::string::npos) << why;
+
     auto brief = busy(12, 80);
     brief.cpuSeconds = 5; // busy only now
     auto system = busy(13, 80);

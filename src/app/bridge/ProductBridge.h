@@ -49,22 +49,10 @@ class ProductBridge : public QObject {
                 if (closing_) return;
                 if constexpr (std::is_void_v<Result>) {
                     work(*product);
-                    QMetaObject::invokeMethod(
-                        this,
-                        [this, apply = std::move(apply)]() mutable {
-                            apply();
-                            finishOne();
-                        },
-                        Qt::QueuedConnection);
+                    applyOnUi(std::move(apply));
                 } else {
                     auto result = std::make_shared<Result>(work(*product));
-                    QMetaObject::invokeMethod(
-                        this,
-                        [this, result, apply = std::move(apply)]() mutable {
-                            apply(std::move(*result));
-                            finishOne();
-                        },
-                        Qt::QueuedConnection);
+                    applyOnUi([result, apply = std::move(apply)]() mutable { apply(std::move(*result)); });
                 }
             },
             Qt::QueuedConnection);
@@ -86,13 +74,7 @@ class ProductBridge : public QObject {
         ++pending_;
         pool_.start([this, cancel, work = std::move(work), apply = std::move(apply)]() mutable {
             auto result = std::make_shared<Result>(work(*cancel));
-            QMetaObject::invokeMethod(
-                this,
-                [this, result, apply = std::move(apply)]() mutable {
-                    apply(std::move(*result));
-                    finishOne();
-                },
-                Qt::QueuedConnection);
+            applyOnUi([result, apply = std::move(apply)]() mutable { apply(std::move(*result)); });
         });
         return cancel;
     }
@@ -125,6 +107,16 @@ class ProductBridge : public QObject {
     void storageUndone();
 
   private:
+    // Runs `apply()` on the UI thread, then counts the handed-out work as done.
+    template <class Apply> void applyOnUi(Apply apply) {
+        QMetaObject::invokeMethod(
+            this,
+            [this, apply = std::move(apply)]() mutable {
+                apply();
+                finishOne();
+            },
+            Qt::QueuedConnection);
+    }
     void finishOne();
     void refresh(); // copies the product's question, undo and result line to the UI thread
 

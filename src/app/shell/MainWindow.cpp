@@ -348,26 +348,28 @@ QWidget* MainWindow::makeShell() {
     return shell;
 }
 
+void MainWindow::addSidebarSection(const QString& text) {
+    auto* item = new QListWidgetItem(text);
+    item->setFlags(Qt::NoItemFlags);
+    auto font = smaller(sidebar_->font());
+    font.setBold(true);
+    item->setFont(font);
+    item->setForeground(palette().color(QPalette::PlaceholderText));
+    item->setSizeHint(QSize(200, 30));
+    sidebar_->addItem(item);
+}
+
+QListWidgetItem* MainWindow::addSidebarRow(const QString& text, const char* icon, const QString& target) {
+    auto* item = new QListWidgetItem(symbolIcon(icon), text);
+    item->setData(targetRole, target);
+    item->setToolTip(target.section(':', 1));
+    item->setSizeHint(QSize(200, 28));
+    sidebar_->addItem(item);
+    return item;
+}
+
 void MainWindow::fillSidebar() {
     sidebar_->clear();
-    auto section = [&](const QString& text) {
-        auto* item = new QListWidgetItem(text);
-        item->setFlags(Qt::NoItemFlags);
-        auto font = smaller(sidebar_->font());
-        font.setBold(true);
-        item->setFont(font);
-        item->setForeground(palette().color(QPalette::PlaceholderText));
-        item->setSizeHint(QSize(200, 30));
-        sidebar_->addItem(item);
-    };
-    auto row = [&](const QString& text, const char* icon, const QString& target) {
-        auto* item = new QListWidgetItem(symbolIcon(icon), text);
-        item->setData(targetRole, target);
-        item->setToolTip(target.section(':', 1));
-        item->setSizeHint(QSize(200, 28));
-        sidebar_->addItem(item);
-        return item;
-    };
     auto* title = new QListWidgetItem("Vantle Lite");
     title->setFlags(Qt::NoItemFlags);
     auto font = sidebar_->font();
@@ -377,62 +379,47 @@ void MainWindow::fillSidebar() {
     title->setSizeHint(QSize(200, 40));
     title->setForeground(palette().color(QPalette::WindowText));
     sidebar_->addItem(title);
-    row("Home", "user-home", "page:home");
-    row("Health", "computer", "page:health");
-    row("Storage", "drive-harddisk", "page:storage");
-    row("Privacy", "security-high", "page:privacy");
+    addSidebarRow("Home", "user-home", "page:home");
+    addSidebarRow("Health", "computer", "page:health");
+    addSidebarRow("Storage", "drive-harddisk", "page:storage");
+    addSidebarRow("Privacy", "security-high", "page:privacy");
 
     const auto home = bridge_->live().home;
-    section("Places");
+    addSidebarSection("Places");
     for (auto [name, icon] :
          {std::pair{"Desktop", "user-desktop"}, std::pair{"Documents", "folder-documents"},
           std::pair{"Downloads", "folder-download"}})
-        row(name, icon, "place:" + qt((home / name).string()));
+        addSidebarRow(name, icon, "place:" + qt((home / name).string()));
 
     // Pins and saved searches are the settings store's; read on the product's thread.
     bridge_->withProduct(
         [](LiteProduct& p) {
             return std::pair{pinnedFolders(p.settings()), savedSearches(p.settings())};
         },
-        [this, home](std::pair<std::vector<std::string>, std::vector<SavedSearch>> kept) {
+        [this](std::pair<std::vector<std::string>, std::vector<SavedSearch>> kept) {
             if (!sidebar_) return;
-            auto section = [&](const QString& text) {
-                auto* item = new QListWidgetItem(text);
-                item->setFlags(Qt::NoItemFlags);
-                auto font = smaller(sidebar_->font());
-                font.setBold(true);
-                item->setFont(font);
-                item->setForeground(palette().color(QPalette::PlaceholderText));
-                item->setSizeHint(QSize(200, 30));
-                sidebar_->addItem(item);
-            };
-            auto add = [&](const QString& text, const char* icon, const QString& target) {
-                auto* item = new QListWidgetItem(symbolIcon(icon), text);
-                item->setData(targetRole, target);
-                item->setSizeHint(QSize(200, 28));
-                sidebar_->addItem(item);
-            };
             // The places are listed above already; a pin of one of them would say it twice.
             std::vector<std::string> pins;
             for (const auto& pin : kept.first)
                 if (pin != "Desktop" && pin != "Documents" && pin != "Downloads") pins.push_back(pin);
             if (!pins.empty()) {
-                section("Pins");
+                addSidebarSection("Pins");
                 for (const auto& pin : pins)
-                    add(qt(std::filesystem::path(pin).filename().string()), "folder", "pin:" + qt(pin));
+                    addSidebarRow(qt(std::filesystem::path(pin).filename().string()), "folder",
+                                  "pin:" + qt(pin));
             }
             if (!kept.second.empty()) {
-                section("Searches");
+                addSidebarSection("Searches");
                 for (const auto& saved : kept.second) {
-                    add(qt(saved.name), "folder-saved-search", "search:" + qt(saved.words));
-                    sidebar_->item(sidebar_->count() - 1)->setData(targetRole + 1, qt(saved.id));
+                    addSidebarRow(qt(saved.name), "folder-saved-search", "search:" + qt(saved.words))
+                        ->setData(targetRole + 1, qt(saved.id));
                 }
             }
             auto* gap = new QListWidgetItem;
             gap->setFlags(Qt::NoItemFlags);
             gap->setSizeHint(QSize(200, 16));
             sidebar_->addItem(gap);
-            add("Settings", "preferences-system", "page:settings");
+            addSidebarRow("Settings", "preferences-system", "page:settings");
             updateHeader();
         });
 }
@@ -565,6 +552,10 @@ void MainWindow::productChanged() {
         question_->setWindowTitle("Vantle Lite");
         question_->setText(question->title);
         question_->setInformativeText(question->message);
+        // A clean's question names items and what is left alone; at the box's own narrow width a
+        // long name breaks every few words.
+        if (auto* detail = question_->findChild<QLabel*>("qt_msgbox_informativelabel"))
+            detail->setMinimumWidth(480);
         auto* yes = question_->addButton(question->confirm, QMessageBox::AcceptRole);
         auto* no = question_->addButton(question->cancel, QMessageBox::RejectRole);
         yes->setObjectName("confirm");

@@ -77,6 +77,8 @@ class MainWindow : public QMainWindow {
     QWidget* makeWelcome();
     QWidget* makeShell();
     void fillSidebar();
+    void addSidebarSection(const QString& text);
+    QListWidgetItem* addSidebarRow(const QString& text, const char* icon, const QString& target);
     void sidebarChosen(QListWidgetItem* item);
     void updateHeader();
     void productChanged();

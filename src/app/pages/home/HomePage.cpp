@@ -14,6 +14,7 @@
 
 #include <QButtonGroup>
 #include <QComboBox>
+#include <QFontMetrics>
 #include <QHBoxLayout>
 #include <QHeaderView>
 #include <QKeySequence>
@@ -39,6 +40,19 @@ namespace {
 constexpr int listLimit = 5000;
 constexpr int pathRole = Qt::UserRole + 1;
 constexpr const char* searchPlaceholder = "Search your files in plain words";
+
+// `text` on at most two lines of `width` pixels, broken between words, the second cut short with an
+// ellipsis if it must: a card's line is read whole far more often than it is hovered for a tooltip.
+QString twoLines(const QFontMetrics& metrics, const QString& text, int width) {
+    if (metrics.horizontalAdvance(text) <= width) return text;
+    qsizetype breakAt = -1;
+    for (auto space = text.indexOf(' '); space > 0; space = text.indexOf(' ', space + 1)) {
+        if (metrics.horizontalAdvance(text.left(space)) > width) break;
+        breakAt = space;
+    }
+    if (breakAt < 0) return metrics.elidedText(text, Qt::ElideRight, width);
+    return text.left(breakAt) + "\n" + metrics.elidedText(text.mid(breakAt + 1), Qt::ElideRight, width);
+}
 
 QString countOf(std::int64_t n, const char* one, const char* many) {
     return QLocale().toString(qlonglong(n)) + " " + (n == 1 ? one : many);
@@ -97,7 +111,7 @@ QPushButton* makeCard(const CleanUpCard& card) {
     auto small = detail->font();
     small.setPointSizeF(small.pointSizeF() - 1);
     detail->setFont(small);
-    detail->setText(detail->fontMetrics().elidedText(qt(card.detail), Qt::ElideRight, 156));
+    detail->setText(twoLines(detail->fontMetrics(), qt(card.detail), 156));
     detail->setToolTip(qt(card.detail));
     column->addLayout(top);
     column->addWidget(figures);
@@ -454,7 +468,10 @@ void HomePage::updateSummary() {
     } else if (!totals_) {
         summary_ = "Counting your files…";
     } else {
-        summary_ = countOf(totals_->first, "file", "files") + ", " + qt(fileBytes(totals_->second));
+        // The title changes with the search, kind, folder or list shown; this line is always the whole
+        // home's, so it says so rather than read as the count of what is listed.
+        summary_ = countOf(totals_->first, "file", "files") + ", " + qt(fileBytes(totals_->second)) +
+                   " in your home folder";
         if (readingFacts_)
             if (auto note = readingFacts_->note()) summary_ += " · " + qt(*note);
     }
@@ -720,10 +737,11 @@ void HomePage::showDuplicates(DuplicateScan scan) {
     if (scan.groups.empty()) {
         duplicatesText_->setText("No duplicates found.");
     } else {
-        auto text = countOf(std::int64_t(scan.groups.size()), "group", "groups") +
-                    " of identical files; moving the extra copies to the Trash would free " +
-                    qt(fileBytes(scan.freeableBytes())) +
-                    ". The oldest copy of each is kept unless you choose another.";
+        auto text =
+            countOf(std::int64_t(scan.groups.size()), "group", "groups") +
+            " of identical files; moving the extra copies to the Trash would free " +
+            qt(fileBytes(scan.freeableBytes())).replace(' ', QChar::Nbsp) + // never "9" and "MB" apart
+            ". The oldest copy of each is kept unless you choose another.";
         duplicatesText_->setText(text);
     }
     if (scan.note) duplicatesText_->setText(duplicatesText_->text() + " " + qt(*scan.note));

@@ -19,6 +19,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <set>
 
 namespace vantle::app {
 
@@ -552,21 +553,8 @@ void StoragePage::cleanTicked() {
     auto ids = tickedIds(false, true);
     if (ids.empty()) return;
     auto cleaner = bridge_.live().storageCleaner;
-    auto scanner = bridge_.live().storageScanner;
-    auto home = bridge_.live().home;
-    auto holding = bridge_.live().holding;
-    auto scan = *scan_;
-    // A plan is made only from a recent scan: an older one is measured again first, those categories only.
-    bridge_.inBackground(
-        [=](CancelFlag& cancel) -> std::expected<CleanPlan, CleanRefusal> {
-            auto plan = cleaner->planRemoval(scan, ids);
-            if (plan || plan.error().kind != CleanRefusal::Kind::staleScan) return plan;
-            auto fresh = scanner->scan(home, ScanDepth::rules, std::set<std::string>(ids.begin(), ids.end()),
-                                       false, holding, cancel);
-            if (!fresh || !fresh->complete) return plan;
-            return cleaner->planRemoval(*fresh, ids);
-        },
-        [this](std::expected<CleanPlan, CleanRefusal> plan) { planned(std::move(plan)); });
+    planFromRecentScan(ids,
+                       [cleaner, ids](const StorageScan& scan) { return cleaner->planRemoval(scan, ids); });
 }
 
 void StoragePage::setAsideTicked() {
@@ -574,23 +562,30 @@ void StoragePage::setAsideTicked() {
     auto ids = tickedIds(false, false);
     if (ids.empty()) return;
     auto cleaner = bridge_.live().storageCleaner;
-    auto scanner = bridge_.live().storageScanner;
     auto shelf = bridge_.live().holdingShelf;
+    planFromRecentScan(ids, [cleaner, shelf, ids](const StorageScan& scan) {
+        return cleaner->planSetAside(scan, ids, *shelf);
+    });
+}
+
+// A plan is made only from a recent scan: when the one shown is too old, the rules the ticked rows
+// belong to (an item's id is "{rule}:{item}") are measured again first, those only.
+void StoragePage::planFromRecentScan(const std::vector<std::string>& ids, PlanFrom plan) {
+    std::set<std::string> rules;
+    for (const auto& id : ids)
+        rules.insert(id.substr(0, id.find(':')));
+    auto scanner = bridge_.live().storageScanner;
     auto home = bridge_.live().home;
     auto holding = bridge_.live().holding;
-    auto scan = *scan_;
     bridge_.inBackground(
-        [=](CancelFlag& cancel) -> std::expected<CleanPlan, CleanRefusal> {
-            auto plan = cleaner->planSetAside(scan, ids, *shelf);
-            if (plan || plan.error().kind != CleanRefusal::Kind::staleScan) return plan;
-            std::set<std::string> rules;
-            for (const auto& id : ids)
-                rules.insert(id.substr(0, id.find(':')));
+        [=, scan = *scan_](CancelFlag& cancel) -> std::expected<CleanPlan, CleanRefusal> {
+            auto first = plan(scan);
+            if (first || first.error().kind != CleanRefusal::Kind::staleScan) return first;
             auto fresh = scanner->scan(home, ScanDepth::rules, rules, false, holding, cancel);
-            if (!fresh || !fresh->complete) return plan;
-            return cleaner->planSetAside(*fresh, ids, *shelf);
+            if (!fresh || !fresh->complete) return first;
+            return plan(*fresh);
         },
-        [this](std::expected<CleanPlan, CleanRefusal> plan) { planned(std::move(plan)); });
+        [this](std::expected<CleanPlan, CleanRefusal> planned) { this->planned(std::move(planned)); });
 }
 
 void StoragePage::putBackTicked() {

@@ -7,8 +7,11 @@
 #include "VantleStorage/StorageReport.h"
 #include "app/design/Page.h"
 
+#include <functional>
 #include <memory>
 #include <optional>
+#include <string>
+#include <vector>
 
 class QLabel;
 class QPushButton;
@@ -59,6 +62,8 @@ class StoragePage : public Page {
     void ticksChanged();
     std::vector<std::string> tickedIds(bool heldItems, bool categories) const;
     void planned(std::expected<CleanPlan, CleanRefusal> plan);
+    using PlanFrom = std::function<std::expected<CleanPlan, CleanRefusal>(const StorageScan&)>;
+    void planFromRecentScan(const std::vector<std::string>& ids, PlanFrom plan);
 
     ProductBridge& bridge_;
     QString summary_;
