@@ -213,6 +213,10 @@ SearchResult finished(SearchResult result, QueryAnswer answer, const Reading& re
     result.items = std::move(answer.items);
     result.total = answer.total;
     result.note = reading.note();
+    if (reading.mediaPending && usesMediaFacts(result.parsed.query)) {
+        auto pending = std::string(Reading::mediaPendingSentence);
+        result.note = result.note ? *result.note + " " + pending : pending;
+    }
     auto elapsed = std::chrono::steady_clock::now() - started;
     result.parsed.milliseconds =
         static_cast<int>(std::lround(std::chrono::duration<double, std::milli>(elapsed).count()));
@@ -220,6 +224,12 @@ SearchResult finished(SearchResult result, QueryAnswer answer, const Reading& re
 }
 
 } // namespace
+
+bool usesMediaFacts(const FileQuery& query) {
+    bool byDate = (query.after || query.before) && (query.dateField == FileQuery::DateField::any ||
+                                                    query.dateField == FileQuery::DateField::created);
+    return query.camera || query.minLength || query.maxLength || byDate;
+}
 
 QueryAnswer runQuery(const FileQuery& query, std::span<const Facts> facts) {
     Prepared prepared(query);

@@ -1,6 +1,7 @@
 #include "VantleLibrary/MediaIndex.h"
 
 #include "Platform/AtomicFile.h"
+#include "Platform/IoPriority.h"
 #include "Platform/UserEntryOpen.h"
 #include "VantleSpec/Sentence.h"
 
@@ -132,55 +133,85 @@ void MediaIndex::load() {
     if (auto entries = decode(*bytes)) entries_ = std::move(*entries);
 }
 
-MediaIndex::Filled MediaIndex::fill(std::vector<Facts>& facts, const CancelFlag& cancel, unsigned workers) {
+void MediaIndex::Filled::applyTo(std::vector<Facts>& facts) const {
+    for (const auto& [at, media] : found)
+        if (at < facts.size()) apply(media, facts[at]);
+}
+
+MediaIndex::Filled MediaIndex::fill(const std::vector<Facts>& facts, const CancelFlag& cancel,
+                                    Progress* progress, unsigned workers) {
     load();
     Filled filled;
     struct Job {
-        Facts* facts;
+        std::size_t at;
         Key key;
         MediaFacts read;
         bool done = false;
     };
     std::vector<Job> jobs;
     std::unordered_map<std::string, Entry> next;
-    for (auto& f : facts) {
+    bool whole = true;
+    for (std::size_t at = 0; at < facts.size(); ++at) {
+        const auto& f = facts[at];
         if (f.isFolder || !mayCarryMediaFacts(f.contentType)) continue;
+        // The files' times are looked at again here; a stop between them must come quickly.
+        if ((at & 1023) == 0 && cancel.isCancelled()) {
+            whole = false;
+            break;
+        }
         auto key = keyOf(f.path);
         if (!key) continue;
         if (auto it = entries_.find(f.path); it != entries_.end() && it->second.key == *key) {
-            apply(it->second.facts, f);
-            next.emplace(f.path, std::move(it->second));
+            filled.found.emplace_back(at, it->second.facts);
+            next.emplace(f.path, it->second);
             ++filled.kept;
             continue;
         }
-        jobs.push_back({&f, *key, {}});
+        jobs.push_back({at, *key, {}});
     }
+    if (progress) progress->toRead = jobs.size();
 
     std::atomic<std::size_t> cursor{0};
     auto work = [&] {
+        // Behind the walk, nobody waits on each file: the disk goes first to whatever someone does.
+        IdleIoPriority idle;
         for (std::size_t i; (i = cursor.fetch_add(1)) < jobs.size();) {
             if (cancel.isCancelled()) return;
             auto& job = jobs[i];
-            auto fd = openUserEntry(AT_FDCWD, job.facts->path.c_str(), O_RDONLY);
+            const auto& f = facts[job.at];
+            // Non-blocking, so a pipe put where the file was cannot hold the reader up.
+            auto fd = openUserEntry(AT_FDCWD, f.path.c_str(), O_RDONLY | O_NONBLOCK);
             if (!fd) continue;
-            job.read = readMediaFacts(fd->get(), job.facts->name, job.facts->contentType);
+            job.read = readMediaFacts(fd->get(), f.name, f.contentType);
             job.done = true;
+            if (progress) ++progress->read;
         }
     };
-    {
+    if (whole) {
         std::vector<std::jthread> threads;
         for (unsigned t = 1; t < std::max(1u, workers) && t < jobs.size(); ++t)
             threads.emplace_back(work);
         work();
     }
+    whole = whole && !cancel.isCancelled();
     for (auto& job : jobs) {
         if (!job.done) continue;
-        apply(job.read, *job.facts);
-        next.emplace(job.facts->path, Entry{job.key, std::move(job.read)});
+        filled.found.emplace_back(job.at, job.read);
+        const auto& path = facts[job.at].path;
+        // A stopped fill adds what it read and forgets nothing: the rest is read next time.
+        if (whole)
+            next.insert_or_assign(path, Entry{job.key, std::move(job.read)});
+        else
+            entries_.insert_or_assign(path, Entry{job.key, std::move(job.read)});
         ++filled.read;
     }
-    changed_ = changed_ || filled.read > 0 || next.size() != entries_.size();
-    entries_ = std::move(next);
+    changed_ = changed_ || filled.read > 0;
+    if (whole) {
+        // Files no longer there (or no longer of a kind that carries these facts) are dropped.
+        changed_ = changed_ || next.size() != entries_.size();
+        entries_ = std::move(next);
+    }
+    filled.whole = whole;
     return filled;
 }
 

@@ -6,6 +6,7 @@
 #include "VantleLibrary/MediaFacts.h"
 #include "VantleSpec/CancelFlag.h"
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <expected>
@@ -13,6 +14,7 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 namespace vantle {
@@ -32,15 +34,29 @@ class MediaIndex {
     struct Filled {
         std::size_t kept = 0; // files answered from the kept entries
         std::size_t read = 0; // files opened and read
+        bool whole = true;    // false when stopped before every file was looked at
+        // What each file carries, by its place in the list filled.
+        std::vector<std::pair<std::size_t, MediaFacts>> found;
+        // Sets those facts in the same list (or a copy of it).
+        void applyTo(std::vector<Facts>& facts) const;
+    };
+    // How far a fill has come, for someone waiting on another thread.
+    struct Progress {
+        std::atomic<std::size_t> toRead{0}; // files that must be opened
+        std::atomic<std::size_t> read{0};
     };
 
     // `file` is where the entries are kept between runs; none keeps them in memory only.
     explicit MediaIndex(std::optional<std::filesystem::path> file) : file_(std::move(file)) {}
 
-    // Sets the media facts of every file in `facts` whose kind can carry them: from a kept entry when
-    // the file is unchanged, else read now (opened with O_NOATIME, in `workers` threads). Entries of
-    // files no longer in `facts` are dropped. A cancelled fill leaves the rest unread.
-    Filled fill(std::vector<Facts>& facts, const CancelFlag& cancel, unsigned workers = 4);
+    // The media facts of every file in `facts` whose kind can carry them: from a kept entry when the
+    // file is unchanged, else read now (opened with O_NOATIME, in `workers` threads at idle disk
+    // priority). `facts` is only looked at, so a shared snapshot can be filled without a copy
+    // until the end. After a whole fill, entries of files no longer in `facts` are dropped; a
+    // stopped one keeps every entry and adds what it read. `progress`, when given, is updated as
+    // files are read.
+    Filled fill(const std::vector<Facts>& facts, const CancelFlag& cancel, Progress* progress = nullptr,
+                unsigned workers = 4);
     static constexpr std::string_view keepFailedSentence =
         "What was read from photos, songs and videos could not be saved, so it is read again next time: "
         "{reason}.";

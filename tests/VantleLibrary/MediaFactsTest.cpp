@@ -1,6 +1,7 @@
 #include "VantleLibrary/MediaFacts.h"
 #include "VantleLibrary/Catalog.h"
 #include "VantleLibrary/FileQueryRunner.h"
+#include "VantleLibrary/Library.h"
 #include "VantleLibrary/MediaIndex.h"
 #include "VantleLibrary/SearchParser.h"
 
@@ -9,6 +10,7 @@
 #include <exiv2/exiv2.hpp>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstdint>
 #include <fcntl.h>
 #include <fstream>
@@ -68,9 +70,17 @@ const Facts* factsFor(const Snapshot& snapshot, const fs::path& file) {
     return nullptr;
 }
 
+std::vector<std::string> namesFound(const SearchResult& result) {
+    std::vector<std::string> out;
+    for (const auto& item : result.items)
+        out.push_back(item.name);
+    return out;
+}
+
 } // namespace
 
-TEST(MediaFacts, APhotosCameraAndCaptureDateAreFoundByTheirWordsWithoutMovingItsAccessTime) {
+TEST(MediaFacts,
+     APhotosCameraAndCaptureDateArriveAfterTheWalkAndAreFoundByTheirWordsWithoutMovingItsAccessTime) {
     TempDir home, data;
     auto photo = home.mkdir("Pictures") / "IMG_0001.jpg";
     writePhoto(photo, "Canon", "Canon EOS R6");
@@ -81,7 +91,20 @@ TEST(MediaFacts, APhotosCameraAndCaptureDateAreFoundByTheirWordsWithoutMovingIts
     options.indexFile = data / "catalog.index";
     Catalog catalog(options);
     CancelFlag cancel;
-    auto read = catalog.read(cancel);
+    SearchParser parser(systemClock(), Calendar::fixed(0s), home.path());
+
+    // The walk's own snapshot comes first, without the facts, and a search by camera says so.
+    auto walked = catalog.read(cancel);
+    EXPECT_TRUE(walked.reading.mediaPending);
+    ASSERT_NE(factsFor(*walked.snapshot, photo), nullptr);
+    EXPECT_FALSE(factsFor(*walked.snapshot, photo)->cameraMake);
+    EXPECT_EQ(searchFiles(parser, "camera canon", *walked.snapshot, walked.reading).note,
+              std::string(Reading::mediaPendingSentence));
+    EXPECT_FALSE(searchFiles(parser, "pictures", *walked.snapshot, walked.reading).note)
+        << "a search that asks nothing of them is whole";
+
+    auto read = catalog.readWithMediaFacts(cancel);
+    EXPECT_FALSE(read.reading.mediaPending);
     const Facts* f = factsFor(*read.snapshot, photo);
     ASSERT_NE(f, nullptr);
     EXPECT_EQ(f->cameraMake, "Canon");
@@ -92,14 +115,13 @@ TEST(MediaFacts, APhotosCameraAndCaptureDateAreFoundByTheirWordsWithoutMovingIts
     const Facts* plain = factsFor(*read.snapshot, home / "Pictures/plain.jpg");
     ASSERT_NE(plain, nullptr);
     EXPECT_FALSE(plain->cameraMake) << "a damaged file carries nothing";
+    EXPECT_EQ(catalog.latest()->snapshot, read.snapshot) << "the filled snapshot is the one in hand";
 
     // The words find it: the files' own dates are all of today, so only the capture date is old.
-    SearchParser parser(systemClock(), Calendar::fixed(0s), home.path());
     auto names = [&](std::string_view words) {
-        std::vector<std::string> out;
-        for (const auto& item : runQuery(parser.parse(words).query, read.snapshot->facts).items)
-            out.push_back(item.name);
-        return out;
+        auto result = searchFiles(parser, words, *read.snapshot, read.reading);
+        EXPECT_FALSE(result.note) << words;
+        return namesFound(result);
     };
     EXPECT_EQ(names("camera canon"), std::vector<std::string>{"IMG_0001.jpg"});
     EXPECT_EQ(names("photos taken with a canon"), std::vector<std::string>{"IMG_0001.jpg"});
@@ -107,61 +129,98 @@ TEST(MediaFacts, APhotosCameraAndCaptureDateAreFoundByTheirWordsWithoutMovingIts
     EXPECT_EQ(names("photos older than 3 months"), std::vector<std::string>{"IMG_0001.jpg"});
 }
 
-TEST(MediaFacts, ASongsLengthIsRead) {
+TEST(MediaFacts, ASongsLengthIsReadAndFoundByALengthWord) {
     TempDir home;
     auto song = home.mkdir("Music") / "tone.wav";
     writeWav(song, 8000, 20'000); // 2.5 seconds
-    auto fd = ::open(song.c_str(), O_RDONLY | O_NOATIME);
-    ASSERT_GE(fd, 0);
-    auto facts = readMediaFacts(fd, "tone.wav", "audio/x-wav");
-    EXPECT_EQ(facts.duration, 2.5);
-    ::close(fd);
+    home.write("Music/notes.txt", "words");
 
     Catalog catalog(Catalog::Options{LibraryScope{home.path(), {}}});
     CancelFlag cancel;
-    auto read = catalog.read(cancel);
+    auto read = catalog.readWithMediaFacts(cancel);
     const Facts* f = factsFor(*read.snapshot, song);
     ASSERT_NE(f, nullptr);
     EXPECT_EQ(toFileItem(*f).length, 2.5);
+    SearchParser parser(systemClock(), Calendar::fixed(0s), home.path());
+    EXPECT_EQ(namesFound(searchFiles(parser, "songs shorter than 3 seconds", *read.snapshot, read.reading)),
+              std::vector<std::string>{"tone.wav"});
+    EXPECT_TRUE(
+        namesFound(searchFiles(parser, "longer than 3 seconds", *read.snapshot, read.reading)).empty());
 }
 
-TEST(MediaFacts, AFileIsReadOnceUntilItsSizeTimeOrInodeChangesAndTheEntriesOutliveTheRun) {
+// Changing a photo's bytes in place while putting its time back leaves size, time and inode as
+// they were: only a file opened again would show the new camera.
+TEST(MediaFacts, ASecondWalkOfAnUnchangedHomeOpensNoFileAgain) {
     TempDir home, data;
     auto photo = home.mkdir("Pictures") / "a.jpg";
-    writePhoto(photo, "FUJIFILM", "X-T5");
-    auto song = home.path() / "b.wav";
+    writePhoto(photo, "Canon", "EOS");
+    auto song = home.mkdir("Music") / "b.wav";
     writeWav(song, 8000, 8000);
-    auto walk = [&] {
-        std::vector<Facts> facts(2);
-        facts[0].path = photo.string(), facts[0].name = "a.jpg", facts[0].contentType = "image/jpeg";
-        facts[1].path = song.string(), facts[1].name = "b.wav", facts[1].contentType = "audio/x-wav";
-        return facts;
+    Catalog::Options options{LibraryScope{home.path(), {}}};
+    options.indexFile = data / "catalog.index";
+    options.walkFreshness = 0s; // every read walks again
+    auto cameraAfterARun = [&] {
+        Catalog catalog(options);
+        CancelFlag cancel;
+        auto read = catalog.readWithMediaFacts(cancel);
+        EXPECT_EQ(factsFor(*read.snapshot, song)->duration, 1.0);
+        return factsFor(*read.snapshot, photo)->cameraMake.value_or("none");
     };
-    CancelFlag cancel;
-    MediaIndex index(data / "media.index");
-    auto facts = walk();
-    auto first = index.fill(facts, cancel);
-    EXPECT_EQ(first.read, 2u);
-    ASSERT_TRUE(index.keep());
+    ASSERT_EQ(cameraAfterARun(), "Canon");
 
-    MediaIndex nextRun(data / "media.index");
-    facts = walk();
-    auto second = nextRun.fill(facts, cancel);
-    EXPECT_EQ(second.read, 0u);
-    EXPECT_EQ(second.kept, 2u);
-    EXPECT_EQ(facts[0].cameraModel, "X-T5");
-    EXPECT_EQ(facts[1].duration, 1.0);
+    struct stat st {};
+    ASSERT_EQ(::stat(photo.c_str(), &st), 0);
+    auto bytes = vantle::testing::readFile(photo);
+    auto at = bytes.find("Canon");
+    ASSERT_NE(at, std::string::npos);
+    {
+        std::fstream out(photo, std::ios::in | std::ios::out | std::ios::binary);
+        out.seekp(static_cast<std::streamoff>(at));
+        out.write("Nikon", 5);
+    }
+    timespec times[2] = {{0, UTIME_OMIT}, st.st_mtim};
+    ASSERT_EQ(::utimensat(AT_FDCWD, photo.c_str(), times, 0), 0);
+    EXPECT_EQ(cameraAfterARun(), "Canon") << "the kept entry answered, the photo was not opened";
+
+    timespec later[2] = {{0, UTIME_OMIT}, {st.st_mtim.tv_sec + 1, 0}};
+    ASSERT_EQ(::utimensat(AT_FDCWD, photo.c_str(), later, 0), 0);
+    EXPECT_EQ(cameraAfterARun(), "Nikon") << "a new time reads it again";
 
     // Replaced by another file of the same size and time: a new inode, so it is read again.
-    auto moved = home.path() / "tmp.wav";
-    writeWav(moved, 8000, 16'000);
-    fs::rename(moved, song);
-    facts = walk();
-    auto third = nextRun.fill(facts, cancel);
-    EXPECT_EQ(third.read, 1u);
-    EXPECT_EQ(facts[1].duration, 2.0);
+    auto other = home.path() / "c.wav";
+    writeWav(other, 8000, 8000);
+    ASSERT_EQ(::stat(song.c_str(), &st), 0);
+    ::utimensat(AT_FDCWD, other.c_str(), std::array{timespec{0, UTIME_OMIT}, st.st_mtim}.data(), 0);
+    CancelFlag cancel;
+    MediaIndex index(data / "media.index");
+    std::vector<Facts> facts(1);
+    facts[0].path = song.string(), facts[0].name = "b.wav", facts[0].contentType = "audio/x-wav";
+    EXPECT_EQ(index.fill(facts, cancel).read, 0u);
+    fs::rename(other, song);
+    EXPECT_EQ(index.fill(facts, cancel).read, 1u);
+}
 
-    EXPECT_FALSE(MediaIndex::decode("VLMEDIA1\x05")) << "a torn file reads as none";
+// A run that ends before the facts are read keeps its walk marked as owing them; the next run's
+// search, answered from that kept walk, must not go without them.
+TEST(MediaFacts, AWalkKeptBeforeItsFactsWereReadGetsThemInTheNextRun) {
+    TempDir home, data;
+    auto photo = home.mkdir("Pictures") / "IMG_0002.jpg";
+    writePhoto(photo, "FUJIFILM", "X-T5");
+    CancelFlag cancel;
+    auto walk = DiskWalk{LibraryScope{home.path(), {}}, 1000, systemClock()() + 60s}.run(cancel);
+    walk.reading.mediaPending = true;
+    ASSERT_TRUE(CatalogIndex(data / "Library/catalog.index").keep(walk.snapshot, walk.reading));
+
+    Library::Options options;
+    options.catalogFile = data / "Library/catalog.index";
+    Library library(LibraryScope{home.path(), {}}, options);
+    SearchParser parser(systemClock(), Calendar::fixed(0s), home.path());
+    Catalog::MediaProgressFn quiet = [](std::size_t, std::size_t) {};
+    auto result = library.search(parser, "camera fujifilm", 10, cancel, {}, &quiet);
+    ASSERT_TRUE(result);
+    EXPECT_EQ(namesFound(*result), std::vector<std::string>{"IMG_0002.jpg"});
+    EXPECT_FALSE(result->note);
+    EXPECT_EQ(library.catalog().latest()->snapshot->at, walk.snapshot.at) << "the kept walk, not a new one";
 }
 
 TEST(MediaFacts, LengthWordsFindSongsAndVideosByTheirPlayingTime) {
