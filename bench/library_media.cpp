@@ -1,7 +1,9 @@
-// What reading photos' EXIF and songs' and videos' lengths adds to the catalog's walk: the walk
-// alone, the walk with every media file read (a first walk, no kept entries), and the walk with the
-// entries kept from the first (a second walk). Warm cache for all three. Also times TagLib's length
-// reading over the home's audio and video files.
+// What reading photos' EXIF and songs' and videos' lengths costs beside the catalog's walk. The
+// catalog publishes the walk's snapshot first and reads these facts behind it, so "walk-alone" is
+// what a user waits for and the other two are the work done afterwards on a worker: every media file
+// read (a first walk, nothing kept) and the entries kept from the first (a second walk, nothing
+// changed). Warm cache for all three. Also times TagLib's length reading over the home's audio and
+// video files.
 //
 //   bench_library_media --home DIR [google benchmark flags]
 //

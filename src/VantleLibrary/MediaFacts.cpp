@@ -17,12 +17,12 @@ namespace vantle {
 
 namespace {
 
-bool startsWith(std::string_view text, std::string_view head) {
+bool typeStartsWith(std::string_view text, std::string_view head) {
     return text.substr(0, head.size()) == head;
 }
 
 bool isPhotoType(std::string_view type) {
-    if (!startsWith(type, "image/")) return false;
+    if (!typeStartsWith(type, "image/")) return false;
     // Formats with no EXIF of their own.
     for (auto none : {"image/gif", "image/bmp", "image/svg+xml", "image/x-icon", "image/vnd.microsoft.icon",
                       "image/x-xcf", "image/vnd.adobe.photoshop"})
@@ -31,13 +31,14 @@ bool isPhotoType(std::string_view type) {
 }
 
 bool isAudioType(std::string_view type) {
-    return startsWith(type, "audio/") && type != "audio/midi";
+    return typeStartsWith(type, "audio/") && type != "audio/midi";
 }
 
-// The containers TagLib reads a playing time from: MPEG-4 and QuickTime (with a sound track) and Ogg.
+// The video containers TagLib reads a playing time from: MPEG-4 by its extension, and QuickTime and
+// 3GPP by their content when they open with an ftyp box (as phones and current cameras write them).
+// An Ogg video starts with its picture stream, which TagLib does not read, so it is not opened.
 bool isVideoType(std::string_view type) {
-    return type == "video/mp4" || type == "video/x-m4v" || type == "video/quicktime" ||
-           type == "video/3gpp" || type == "video/ogg";
+    return type == "video/mp4" || type == "video/x-m4v" || type == "video/quicktime" || type == "video/3gpp";
 }
 
 // A read-only private mapping of the whole file. Pages are read only as the parser touches them, and
@@ -68,7 +69,7 @@ class Mapping {
     std::size_t size_ = 0;
 };
 
-std::optional<std::string> trimmed(const std::string& text) {
+std::optional<std::string> trimmedText(const std::string& text) {
     auto begin = text.find_first_not_of(" \t\r\n");
     if (begin == std::string::npos) return std::nullopt;
     auto end = text.find_last_not_of(" \t\r\n");
@@ -117,7 +118,7 @@ void readExif(int fd, MediaFacts& out) {
         auto text = [&](const char* key) -> std::optional<std::string> {
             auto it = exif.findKey(Exiv2::ExifKey(key));
             if (it == exif.end()) return std::nullopt;
-            return trimmed(it->toString());
+            return trimmedText(it->toString());
         };
         auto taken = text("Exif.Photo.DateTimeOriginal");
         if (!taken) taken = text("Exif.Photo.DateTimeDigitized");
@@ -168,7 +169,7 @@ class DescriptorStream : public TagLib::IOStream {
     long position_ = 0;
 };
 
-std::optional<double> seconds(double value) {
+std::optional<double> positiveSeconds(double value) {
     if (!std::isfinite(value) || value <= 0) return std::nullopt;
     return value;
 }
@@ -183,7 +184,7 @@ std::optional<double> lengthByTagLib(int fd, std::string_view name) {
     DescriptorStream stream(fd, std::string(name));
     TagLib::FileRef ref(&stream, true, TagLib::AudioProperties::Fast);
     if (ref.isNull() || !ref.audioProperties()) return std::nullopt;
-    return seconds(ref.audioProperties()->lengthInMilliseconds() / 1000.0);
+    return positiveSeconds(ref.audioProperties()->lengthInMilliseconds() / 1000.0);
 }
 
 MediaFacts readMediaFacts(int fd, std::string_view name, std::string_view contentType) {

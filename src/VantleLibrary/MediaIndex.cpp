@@ -15,19 +15,24 @@ namespace vantle {
 
 namespace {
 
-constexpr std::string_view magic = "VLMEDIA1";
+constexpr std::string_view mediaMagic = "VLMEDIA1";
 
-enum Present : std::uint8_t { hasDate = 1, hasMake = 2, hasModel = 4, hasDuration = 8 };
+enum MediaPresent : std::uint8_t {
+    mediaHasDate = 1,
+    mediaHasMake = 2,
+    mediaHasModel = 4,
+    mediaHasDuration = 8
+};
 
-template <class T> void put(std::string& out, T value) {
+template <class T> void putRaw(std::string& out, T value) {
     out.append(reinterpret_cast<const char*>(&value), sizeof value);
 }
-void putText(std::string& out, std::string_view text) {
-    put(out, static_cast<std::uint32_t>(text.size()));
+void putMediaText(std::string& out, std::string_view text) {
+    putRaw(out, static_cast<std::uint32_t>(text.size()));
     out.append(text);
 }
 
-struct Cursor {
+struct MediaCursor {
     std::string_view rest;
     template <class T> bool get(T& value) {
         if (rest.size() < sizeof value) return false;
@@ -44,7 +49,7 @@ struct Cursor {
     }
 };
 
-std::optional<MediaIndex::Key> keyOf(const std::string& path) {
+std::optional<MediaIndex::Key> mediaKeyOf(const std::string& path) {
     struct statx st {};
     if (::statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW | AT_STATX_DONT_SYNC,
                 STATX_TYPE | STATX_SIZE | STATX_MTIME | STATX_INO, &st) != 0 ||
@@ -55,7 +60,7 @@ std::optional<MediaIndex::Key> keyOf(const std::string& path) {
         static_cast<std::int64_t>(st.stx_mtime.tv_sec) * 1'000'000'000 + st.stx_mtime.tv_nsec, st.stx_ino};
 }
 
-void apply(const MediaFacts& media, Facts& f) {
+void applyMedia(const MediaFacts& media, Facts& f) {
     f.contentCreated = media.contentCreated;
     f.cameraMake = media.cameraMake;
     f.cameraModel = media.cameraModel;
@@ -65,29 +70,29 @@ void apply(const MediaFacts& media, Facts& f) {
 } // namespace
 
 std::string MediaIndex::encode(const std::unordered_map<std::string, Entry>& entries) {
-    std::string out(magic);
-    put(out, static_cast<std::uint64_t>(entries.size()));
+    std::string out(mediaMagic);
+    putRaw(out, static_cast<std::uint64_t>(entries.size()));
     for (const auto& [path, e] : entries) {
-        putText(out, path);
-        put(out, e.key.size);
-        put(out, e.key.modified);
-        put(out, e.key.inode);
+        putMediaText(out, path);
+        putRaw(out, e.key.size);
+        putRaw(out, e.key.modified);
+        putRaw(out, e.key.inode);
         const auto& m = e.facts;
-        std::uint8_t present = (m.contentCreated ? hasDate : 0) | (m.cameraMake ? hasMake : 0) |
-                               (m.cameraModel ? hasModel : 0) | (m.duration ? hasDuration : 0);
-        put(out, present);
+        std::uint8_t present = (m.contentCreated ? mediaHasDate : 0) | (m.cameraMake ? mediaHasMake : 0) |
+                               (m.cameraModel ? mediaHasModel : 0) | (m.duration ? mediaHasDuration : 0);
+        putRaw(out, present);
         if (m.contentCreated)
-            put(out, static_cast<std::int64_t>(m.contentCreated->time_since_epoch().count()));
-        if (m.cameraMake) putText(out, *m.cameraMake);
-        if (m.cameraModel) putText(out, *m.cameraModel);
-        if (m.duration) put(out, *m.duration);
+            putRaw(out, static_cast<std::int64_t>(m.contentCreated->time_since_epoch().count()));
+        if (m.cameraMake) putMediaText(out, *m.cameraMake);
+        if (m.cameraModel) putMediaText(out, *m.cameraModel);
+        if (m.duration) putRaw(out, *m.duration);
     }
     return out;
 }
 
 std::optional<std::unordered_map<std::string, MediaIndex::Entry>> MediaIndex::decode(std::string_view bytes) {
-    if (!bytes.starts_with(magic)) return std::nullopt;
-    Cursor c{bytes.substr(magic.size())};
+    if (!bytes.starts_with(mediaMagic)) return std::nullopt;
+    MediaCursor c{bytes.substr(mediaMagic.size())};
     std::uint64_t count = 0;
     if (!c.get(count) || count > c.rest.size()) return std::nullopt;
     std::unordered_map<std::string, Entry> out;
@@ -99,20 +104,20 @@ std::optional<std::unordered_map<std::string, MediaIndex::Entry>> MediaIndex::de
         if (!c.text(path) || !c.get(e.key.size) || !c.get(e.key.modified) || !c.get(e.key.inode) ||
             !c.get(present))
             return std::nullopt;
-        if (present & hasDate) {
+        if (present & mediaHasDate) {
             std::int64_t at = 0;
             if (!c.get(at)) return std::nullopt;
             e.facts.contentCreated = TimePoint(TimePoint::duration(at));
         }
-        if (present & hasMake) {
+        if (present & mediaHasMake) {
             e.facts.cameraMake.emplace();
             if (!c.text(*e.facts.cameraMake)) return std::nullopt;
         }
-        if (present & hasModel) {
+        if (present & mediaHasModel) {
             e.facts.cameraModel.emplace();
             if (!c.text(*e.facts.cameraModel)) return std::nullopt;
         }
-        if (present & hasDuration) {
+        if (present & mediaHasDuration) {
             double d = 0;
             if (!c.get(d)) return std::nullopt;
             e.facts.duration = d;
@@ -135,7 +140,7 @@ void MediaIndex::load() {
 
 void MediaIndex::Filled::applyTo(std::vector<Facts>& facts) const {
     for (const auto& [at, media] : found)
-        if (at < facts.size()) apply(media, facts[at]);
+        if (at < facts.size()) applyMedia(media, facts[at]);
 }
 
 MediaIndex::Filled MediaIndex::fill(const std::vector<Facts>& facts, const CancelFlag& cancel,
@@ -159,7 +164,7 @@ MediaIndex::Filled MediaIndex::fill(const std::vector<Facts>& facts, const Cance
             whole = false;
             break;
         }
-        auto key = keyOf(f.path);
+        auto key = mediaKeyOf(f.path);
         if (!key) continue;
         if (auto it = entries_.find(f.path); it != entries_.end() && it->second.key == *key) {
             filled.found.emplace_back(at, it->second.facts);
