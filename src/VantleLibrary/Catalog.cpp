@@ -8,7 +8,14 @@
 
 namespace vantle {
 
-Catalog::Catalog(Options options) : options_(std::move(options)) {}
+Catalog::Catalog(Options options)
+    : options_(std::move(options)),
+      media_(options_.indexFile ? std::optional(options_.indexFile->parent_path() / "media.index")
+                                : std::nullopt) {}
+
+Catalog::~Catalog() {
+    stopFilling();
+}
 
 Catalog::Next Catalog::decide(Walk walks, std::optional<TimePoint> walkedAt, bool stale, TimePoint now,
                               std::chrono::seconds freshness) {
@@ -51,15 +58,20 @@ std::optional<Catalog::Result> Catalog::latest() const {
     return walked_;
 }
 
-void Catalog::loadIndexLocked() {
-    if (std::exchange(indexLoaded_, true) || walked_ || !options_.indexFile) return;
+bool Catalog::loadIndexLocked() {
+    if (std::exchange(indexLoaded_, true) || walked_ || !options_.indexFile) return false;
     // A missing or damaged index is simply not there: the walk that follows writes a new one.
     auto kept = CatalogIndex(*options_.indexFile).load();
-    if (!kept) return;
+    if (!kept) return false;
+    // A run that ended before the facts were read leaves the walk without them: they are read now.
+    kept->reading.mediaPending = kept->reading.mediaPending && options_.readMediaFacts;
     walked_ = Result{std::make_shared<const Snapshot>(std::move(kept->snapshot)), std::move(kept->reading)};
+    if (!walked_->reading.mediaPending) return false;
+    fillFor_ = walked_->snapshot;
+    return true;
 }
 
-std::optional<CatalogIndex::Kept> Catalog::readKept(const CatalogIndex::Each& each) {
+std::optional<CatalogIndex::Kept> Catalog::readKept(const CatalogIndex::Each& each, bool needsMediaFacts) {
     std::lock_guard lock(mutex_);
     if (walked_ || indexLoaded_ || walks_ == Walk::running || !options_.indexFile) return std::nullopt;
     const bool stale = changes_ > 0 || cancelledWalk_;
@@ -67,8 +79,11 @@ std::optional<CatalogIndex::Kept> Catalog::readKept(const CatalogIndex::Each& ea
     auto kept = CatalogIndex(*options_.indexFile)
                     .stream(
                         [&](const CatalogIndex::Kept& walk, std::size_t) {
-                            fresh = decide(Walk::ready, walk.snapshot.at, stale, options_.now(),
-                                           options_.walkFreshness) == Next::use;
+                            // One still owing its media facts is loaded instead, so that they are read.
+                            fresh =
+                                decide(Walk::ready, walk.snapshot.at, stale, options_.now(),
+                                       options_.walkFreshness) == Next::use &&
+                                !(needsMediaFacts && walk.reading.mediaPending && options_.readMediaFacts);
                             return fresh;
                         },
                         each);
@@ -81,7 +96,12 @@ std::optional<CatalogIndex::Kept> Catalog::readKept(const CatalogIndex::Each& ea
 
 Catalog::Result Catalog::read(const CancelFlag& cancel, const DiskWalk::ProgressFn& progress) {
     std::unique_lock lock(mutex_);
-    loadIndexLocked();
+    if (loadIndexLocked() && nextLocked() == Next::use) {
+        auto kept = *walked_;
+        lock.unlock();
+        startFilling(kept);
+        return kept;
+    }
     switch (nextLocked()) {
     case Next::use:
         return *walked_;
@@ -99,12 +119,18 @@ Catalog::Result Catalog::read(const CancelFlag& cancel, const DiskWalk::Progress
     walks_ = Walk::running;
     auto changesBefore = changes_;
     lock.unlock();
+    // The facts still being read belong to the walk this one replaces: stopped (what they read is
+    // kept), so they do not slow this walk down.
+    stopFilling();
     // The lock is not held while walking, so changes heard meanwhile are counted and the state can
     // be asked for; only this call writes walked_.
     DiskWalk walk{options_.scope, options_.walkLimit, options_.now() + options_.walkTimeLimit, options_.now};
     Result result;
     try {
         auto outcome = walk.run(cancel, progress);
+        // Read behind the walk, never in it: most files carry nothing, and the walk's snapshot is
+        // what the user waits for.
+        outcome.reading.mediaPending = options_.readMediaFacts && !cancel.isCancelled();
         result = {std::make_shared<const Snapshot>(std::move(outcome.snapshot)), std::move(outcome.reading)};
     } catch (const std::bad_alloc&) {
         // Out of memory with a huge home: answer with nothing rather than leave waiters hanging.
@@ -124,10 +150,98 @@ Catalog::Result Catalog::read(const CancelFlag& cancel, const DiskWalk::Progress
     changes_ -= changesBefore;
     cancelledWalk_ = result.reading.stop == Reading::Stop::cancelled;
     walked_ = result;
+    fillFor_ = result.reading.mediaPending ? result.snapshot : nullptr;
     walks_ = Walk::ready;
     ++generation_;
     walkEnded_.notify_all();
+    lock.unlock();
+    startFilling(result);
     return result;
+}
+
+void Catalog::stopFilling() {
+    std::lock_guard lock(filling_);
+    if (!filler_.joinable()) return;
+    stopFill_.cancel();
+    filler_.join();
+    stopFill_.reset();
+}
+
+void Catalog::startFilling(const Result& from) {
+    if (!from.reading.mediaPending) return;
+    std::lock_guard lock(filling_);
+    if (filler_.joinable()) {
+        stopFill_.cancel();
+        filler_.join();
+        stopFill_.reset();
+    }
+    filler_ = std::jthread([this, from] { fill(from); });
+}
+
+void Catalog::fill(Result from) {
+    mediaProgress_.read = 0;
+    mediaProgress_.toRead = 0;
+    auto found = media_.fill(from.snapshot->facts, stopFill_, &mediaProgress_);
+    // Kept even when stopped, so the next run reads only what is left.
+    auto keptMedia = media_.keep();
+    auto stillInHand = [&] { return walked_ && walked_->snapshot == from.snapshot; };
+    auto ended = [&] {
+        std::lock_guard state(mutex_);
+        if (fillFor_ == from.snapshot) fillFor_.reset();
+        mediaRead_.notify_all();
+    };
+    if (!found.whole) return ended();
+
+    // Copied only now, so a fill stopped at the end of a short run costs no copy of a large home;
+    // and only when some file carries something, so a home without photos keeps its snapshot.
+    bool carries =
+        std::ranges::any_of(found.found, [](const auto& each) { return each.second != MediaFacts{}; });
+    Result result{from.snapshot, from.reading};
+    if (carries) {
+        Snapshot filled = *from.snapshot;
+        found.applyTo(filled.facts);
+        result.snapshot = std::make_shared<const Snapshot>(std::move(filled));
+    }
+    result.reading.mediaPending = false;
+    if (!keptMedia) result.reading.notKept = keptMedia.error();
+    // The index is replaced under keeping_, with the check first, so a walk that ends meanwhile
+    // writes after this one and its newer index stands.
+    std::lock_guard keeping(keeping_);
+    {
+        std::lock_guard state(mutex_);
+        if (!stillInHand()) {
+            if (fillFor_ == from.snapshot) fillFor_.reset();
+            mediaRead_.notify_all();
+            return;
+        }
+    }
+    if (options_.indexFile && result.reading.stop != Reading::Stop::cancelled)
+        if (auto kept = CatalogIndex(*options_.indexFile).keep(*result.snapshot, result.reading); !kept)
+            result.reading.notKept = kept.error();
+    std::lock_guard state(mutex_);
+    if (stillInHand()) walked_ = result;
+    if (fillFor_ == from.snapshot) fillFor_.reset();
+    mediaRead_.notify_all();
+}
+
+Catalog::Result Catalog::readWithMediaFacts(const CancelFlag& cancel, const DiskWalk::ProgressFn& progress,
+                                            const MediaProgressFn& mediaProgress) {
+    auto result = read(cancel, progress);
+    if (!result.reading.mediaPending) return result;
+    std::unique_lock lock(mutex_);
+    auto done = [&] {
+        return !walked_->reading.mediaPending || (walks_ == Walk::ready && fillFor_ != walked_->snapshot);
+    };
+    while (!done() && !cancel.isCancelled()) {
+        if (mediaProgress) {
+            std::size_t read = mediaProgress_.read, toRead = mediaProgress_.toRead;
+            lock.unlock();
+            mediaProgress(read, toRead);
+            lock.lock();
+        }
+        mediaRead_.wait_for(lock, std::chrono::milliseconds(100), done);
+    }
+    return *walked_;
 }
 
 LibrarySummary summaryOf(const Snapshot& snapshot, const Reading& reading, int samples) {

@@ -1,10 +1,13 @@
 // The catalog: which files the user has and the facts about each, read by a disk walk (Linux has
 // no metadata index) and reused while fresh. Only one walk runs at a time; a request that arrives
-// during a walk waits for that walk's snapshot. An actor: every public operation may be called from
-// any thread. Snapshots are shared, immutable, and live as long as their holders keep them.
+// during a walk waits for that walk's snapshot. Photos' and media facts are read behind the walk on
+// a thread of the catalog's own, and arrive as a later snapshot of the same walk. An actor: every
+// public operation may be called from any thread. Snapshots are shared, immutable, and live as long
+// as their holders keep them.
 #pragma once
 #include "VantleLibrary/CatalogIndex.h"
 #include "VantleLibrary/DiskWalk.h"
+#include "VantleLibrary/MediaIndex.h"
 #include "VantleSpec/CancelFlag.h"
 #include "VantleSpec/LibraryRecords.h"
 #include "VantleSpec/Time.h"
@@ -13,9 +16,11 @@
 #include <condition_variable>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <thread>
 
 namespace vantle {
 
@@ -41,6 +46,10 @@ class Catalog {
         // Where the latest walk is kept between runs (Library/catalog.index in the data folder); none
         // keeps it only in memory. A kept walk answers like a walk of this run, by the same freshness.
         std::optional<std::filesystem::path> indexFile;
+        // Read photos' capture dates and cameras and the playing time of songs and videos after each
+        // walk, behind it, once per file: kept in media.index beside the index file (in memory
+        // without one). The walk's snapshot is published first, marked mediaPending.
+        bool readMediaFacts = true;
     };
 
     struct Result {
@@ -49,6 +58,10 @@ class Catalog {
     };
 
     explicit Catalog(Options options);
+    // Stops the reading of media facts, keeping what it had read for the next run.
+    ~Catalog();
+    Catalog(const Catalog&) = delete;
+    Catalog& operator=(const Catalog&) = delete;
 
     // The snapshot to answer from: the one in hand while fresh, the running walk's, or a new walk's.
     // `cancel` and `progress` apply only when this call walks; a cancelled walk's partial snapshot is
@@ -59,7 +72,17 @@ class Catalog {
     // nothing read yet in this run, no walk running, and the kept walk fresh by the same rule. `each`
     // sees every entry in turn (see CatalogIndex::stream); the answer is how that walk went, without
     // its facts. nullopt when read() must be asked instead (then whatever `each` saw is void).
-    std::optional<CatalogIndex::Kept> readKept(const CatalogIndex::Each& each);
+    // `needsMediaFacts` refuses a kept walk whose media facts were never read (its run ended first),
+    // so that read() loads it and reads them.
+    std::optional<CatalogIndex::Kept> readKept(const CatalogIndex::Each& each, bool needsMediaFacts = false);
+
+    // The latest reading once its photos' and media facts have been read, waiting for that when it is
+    // under way; for a caller whose answer depends on them and who would rather wait than be told
+    // it may be missing files. `progress` sees how many files are read of how many, about ten
+    // times a second. Stopped by `cancel`, it answers the reading in hand, still mediaPending.
+    using MediaProgressFn = std::function<void(std::size_t read, std::size_t toRead)>;
+    Result readWithMediaFacts(const CancelFlag& cancel, const DiskWalk::ProgressFn& progress = {},
+                              const MediaProgressFn& mediaProgress = {});
 
     Next next() const;
     // A change was heard under the scope: the snapshot in hand is stale.
@@ -77,7 +100,12 @@ class Catalog {
 
   private:
     Next nextLocked() const;
-    void loadIndexLocked();
+    // True when the kept walk it loaded still owes its media facts.
+    bool loadIndexLocked();
+    // Starts reading the media facts of `from` behind it (the one running before is stopped first).
+    void startFilling(const Result& from);
+    void stopFilling();
+    void fill(Result from);
 
     const Options options_;
     mutable std::mutex mutex_;
@@ -90,6 +118,18 @@ class Catalog {
     std::optional<Result> walked_;
     bool indexLoaded_ = false; // tried once, on the first request
     std::mutex keeping_;       // one write of the index at a time
+
+    // The media facts' reader: one thread at a time, started and stopped under filling_ (never
+    // taken while mutex_ is held). media_ is touched only by that thread.
+    std::mutex filling_;
+    std::jthread filler_;
+    CancelFlag stopFill_;
+    MediaIndex media_;
+    MediaIndex::Progress mediaProgress_;
+    std::condition_variable mediaRead_; // with mutex_: a fill ended, whether or not it published
+    // With mutex_: the snapshot whose media facts are owed (being read, or about to be); none when
+    // the one in hand has them or its fill was stopped.
+    std::shared_ptr<const Snapshot> fillFor_;
 };
 
 // The library at a glance from one reading: counts and bytes per kind (kinds without files left

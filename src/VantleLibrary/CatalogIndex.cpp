@@ -17,7 +17,7 @@ namespace vantle {
 
 namespace {
 
-constexpr std::string_view magic = "VLCATIX2";
+constexpr std::string_view magic = "VLCATIX3";
 constexpr std::string_view endMark = "VLCATEND";
 constexpr std::size_t headerBytes = 8 + 8 + 8; // magic, body length, checksum
 
@@ -126,6 +126,7 @@ std::string CatalogIndex::encode(const Snapshot& snapshot, const Reading& readin
     w.put(static_cast<std::uint8_t>(reading.isComplete));
     w.put(static_cast<std::uint8_t>(reading.readDisk));
     w.put(static_cast<std::uint8_t>(reading.stop));
+    w.put(static_cast<std::uint8_t>(reading.mediaPending));
     w.put(reading.entries);
     w.put(reading.seconds);
     w.put(static_cast<std::uint32_t>(reading.missedContents.size()));
@@ -217,9 +218,9 @@ std::expected<CatalogIndex::Kept, CatalogIndex::Problem> readEntries(std::string
     auto& reading = kept.reading;
     Reader r(body.substr(0, body.size() - endMark.size()));
     std::int64_t at = 0;
-    std::uint8_t isWhole = 0, isComplete = 0, readDisk = 0, stop = 0;
+    std::uint8_t isWhole = 0, isComplete = 0, readDisk = 0, stop = 0, mediaPending = 0;
     std::uint32_t missed = 0;
-    r.get(at), r.get(isWhole), r.get(isComplete), r.get(readDisk), r.get(stop);
+    r.get(at), r.get(isWhole), r.get(isComplete), r.get(readDisk), r.get(stop), r.get(mediaPending);
     r.get(reading.entries), r.get(reading.seconds), r.get(missed);
     if (!r.ok() || stop > static_cast<std::uint8_t>(Reading::Stop::cancelled) || missed > r.left())
         return unreadable;
@@ -228,6 +229,7 @@ std::expected<CatalogIndex::Kept, CatalogIndex::Problem> readEntries(std::string
     reading.isComplete = isComplete != 0;
     reading.readDisk = readDisk != 0;
     reading.stop = static_cast<Reading::Stop>(stop);
+    reading.mediaPending = mediaPending != 0;
     reading.missedContents.resize(missed);
     for (auto& path : reading.missedContents)
         r.text(path);

@@ -49,6 +49,10 @@ struct Reading {
     double seconds = 0;
     // Why the walk could not be kept for the next run, when it could not; the reading itself is whole.
     std::optional<std::string> notKept;
+    // Photos' capture dates and cameras and songs' and videos' playing times are still being read
+    // behind this reading: a later one of the same walk carries them. Only searches by those facts
+    // can miss files meanwhile, so note() leaves it out and the search says it (mediaPendingSentence).
+    bool mediaPending = false;
 
     // Why the reading may be incomplete, for the user; none when it is complete.
     std::optional<std::string> note() const;
@@ -61,6 +65,9 @@ struct Reading {
     static constexpr std::string_view missedOneSentence = "The folder {path} could not be read.";
     static constexpr std::string_view missedManySentence =
         "{count} folders could not be read, among them {path}.";
+    static constexpr std::string_view mediaPendingSentence =
+        "Cameras, capture dates and playing times are still being read, so some files they would "
+        "match may be missing.";
 };
 
 // "300,000": counts in sentences are grouped by thousands.

@@ -75,7 +75,7 @@ struct Prepared {
             if (!folderPrefix.ends_with('/')) folderPrefix += '/';
         }
         nameOnly = !terms.empty() && q.kinds.empty() && q.extensions.empty() && !q.screenshotsOnly &&
-                   !q.minSize && !q.maxSize && !q.source && !q.camera;
+                   !q.minSize && !q.maxSize && !q.source && !q.camera && !q.minLength && !q.maxLength;
     }
 
     bool inDates(const Facts& f) const {
@@ -118,6 +118,8 @@ struct Prepared {
         if (query.source) {
             if (f.whereFroms.empty() || Sources::sourceKey(f.whereFroms) != *query.source) return false;
         }
+        if (query.minLength && !(f.duration && *f.duration >= *query.minLength)) return false;
+        if (query.maxLength && !(f.duration && *f.duration <= *query.maxLength)) return false;
         if (query.camera) {
             bool byMake = f.cameraMake && containsFolded(*f.cameraMake, *query.camera);
             bool byModel = f.cameraModel && containsFolded(*f.cameraModel, *query.camera);
@@ -211,6 +213,10 @@ SearchResult finished(SearchResult result, QueryAnswer answer, const Reading& re
     result.items = std::move(answer.items);
     result.total = answer.total;
     result.note = reading.note();
+    if (reading.mediaPending && usesMediaFacts(result.parsed.query)) {
+        auto pending = std::string(Reading::mediaPendingSentence);
+        result.note = result.note ? *result.note + " " + pending : pending;
+    }
     auto elapsed = std::chrono::steady_clock::now() - started;
     result.parsed.milliseconds =
         static_cast<int>(std::lround(std::chrono::duration<double, std::milli>(elapsed).count()));
@@ -218,6 +224,12 @@ SearchResult finished(SearchResult result, QueryAnswer answer, const Reading& re
 }
 
 } // namespace
+
+bool usesMediaFacts(const FileQuery& query) {
+    bool byDate = (query.after || query.before) && (query.dateField == FileQuery::DateField::any ||
+                                                    query.dateField == FileQuery::DateField::created);
+    return query.camera || query.minLength || query.maxLength || byDate;
+}
 
 QueryAnswer runQuery(const FileQuery& query, std::span<const Facts> facts) {
     Prepared prepared(query);

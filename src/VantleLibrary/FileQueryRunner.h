@@ -43,8 +43,13 @@ class QueryMatcher {
     std::unique_ptr<State> state_;
 };
 
-// Parses `words` and runs the query over the reading, timing both. A reading that was not complete
-// makes the result say so in its note.
+// Whether the query asks about what is read from photos, songs and videos behind the walk: a camera,
+// a playing time, or dates (which a photo's capture date can meet).
+bool usesMediaFacts(const FileQuery& query);
+
+// Parses `words` and runs the query over the reading, timing both. A reading that was not complete,
+// or whose media facts are still being read when the query needs them, makes the result say so in
+// its note.
 SearchResult searchFiles(const SearchParser& parser, std::string_view words, const Snapshot& snapshot,
                          const Reading& reading, int limit = 100);
 

@@ -69,9 +69,12 @@ class Library {
 
     // A search in plain words over the catalog. While the kept index is fresh it is searched entry by
     // entry without being loaded (the fast answer of a new run); otherwise over the reading read()
-    // gives. nullopt when the user stopped the walk that reading needed.
+    // gives. nullopt when the user stopped the walk that reading needed. A search by camera, playing
+    // time or date while those facts are still being read says so in its note; with
+    // `waitForMediaFacts` it waits for them instead (a one-shot answer, which is read once).
     std::optional<SearchResult> search(const SearchParser& parser, std::string_view words, int limit,
-                                       const CancelFlag& cancel, const DiskWalk::ProgressFn& progress = {});
+                                       const CancelFlag& cancel, const DiskWalk::ProgressFn& progress = {},
+                                       const Catalog::MediaProgressFn* waitForMediaFacts = nullptr);
 
     // The summary of the current reading, kept in Library/summary.json when the reading is new. A
     // summary that could not be kept says so in its note.

@@ -195,6 +195,8 @@ struct SearchParser::State {
     std::optional<std::string> folder;
     std::optional<std::string> source;
     std::optional<std::string> camera;
+    std::optional<double> minLength, maxLength; // playing time, seconds
+    std::optional<std::string> lengthLabel;
     std::optional<Sort> sort;
     bool downloaded = false;
     size_t lastKindEnd = std::string::npos;
@@ -638,6 +640,77 @@ void readCamera(State& s) {
     }
 }
 
+// Playing time: "longer than 10 minutes", "shorter than 30 seconds", "over an hour long",
+// "at most 3 minutes long". Without "longer"/"shorter" the trailing "long" is needed, so "over 2
+// hours" stays free for the date words.
+void readLengths(State& s) {
+    struct Unit {
+        std::initializer_list<std::string_view> words;
+        double seconds;
+        std::string_view one, many;
+    };
+    static const Unit units[] = {{{"s", "sec", "secs", "second", "seconds"}, 1, "second", "seconds"},
+                                 {{"min", "mins", "minute", "minutes"}, 60, "minute", "minutes"},
+                                 {{"h", "hr", "hrs", "hour", "hours"}, 3600, "hour", "hours"}};
+    auto unitOf = [&](std::string_view word) -> const Unit* {
+        for (const auto& u : units)
+            if (isOneOf(word, u.words)) return &u;
+        return nullptr;
+    };
+    // An amount at token i: "10 minutes", "10min", "an hour", "1.5 hours". Seconds, words, tokens.
+    auto amountAt = [&](size_t i) -> std::optional<std::tuple<double, std::string, size_t>> {
+        auto word = s.at(i);
+        if (word.empty()) return std::nullopt;
+        double count = 0;
+        const Unit* unit = nullptr;
+        size_t taken = 2;
+        if (isOneOf(word, {"a", "an", "one"})) {
+            count = 1, unit = unitOf(s.at(i + 1));
+        } else {
+            auto split = word.find_first_not_of("0123456789.");
+            if (split == 0) return std::nullopt;
+            auto number = decimal(word.substr(0, split));
+            if (!number) return std::nullopt;
+            count = *number;
+            if (split == std::string_view::npos) {
+                unit = unitOf(s.at(i + 1));
+            } else {
+                unit = unitOf(word.substr(split));
+                taken = 1;
+            }
+        }
+        if (!unit || count <= 0 || count > 100'000) return std::nullopt;
+        auto text =
+            count == 1 ? "1 " + std::string(unit->one) : numberWords(count) + " " + std::string(unit->many);
+        if (isOneOf(word, {"a", "an"})) text = std::string(word) + " " + std::string(unit->one);
+        return std::tuple(count * unit->seconds, text, taken);
+    };
+    for (size_t i = 0; i < s.size(); ++i) {
+        auto word = s.at(i);
+        if (word.empty()) continue;
+        size_t lead = 0;
+        bool atLeast = true, needsLong = false;
+        if (isOneOf(word, {"longer", "shorter"}) && s.at(i + 1) == "than") {
+            lead = 2, atLeast = word == "longer";
+        } else if (isOneOf(word, {"over", "under"})) {
+            lead = 1, atLeast = word == "over", needsLong = true;
+        } else if (word == "at" && isOneOf(s.at(i + 1), {"least", "most"})) {
+            lead = 2, atLeast = s.at(i + 1) == "least", needsLong = true;
+        } else {
+            continue;
+        }
+        auto amount = amountAt(i + lead);
+        if (!amount) continue;
+        auto [seconds, text, taken] = *amount;
+        size_t end = i + lead + taken;
+        bool saysLong = s.at(end) == "long";
+        if (needsLong && !saysLong) continue;
+        (atLeast ? s.minLength : s.maxLength) = seconds;
+        s.lengthLabel = (atLeast ? "Longer than " : "Shorter than ") + text;
+        s.take(i, lead + taken + (saysLong ? 1 : 0));
+    }
+}
+
 void readSizes(State& s) {
     // A size at token i: "10mb", "10 mb", "1.5 gb". Returns bytes and tokens.
     auto sizeAt = [&](size_t i) -> std::optional<std::pair<std::int64_t, size_t>> {
@@ -808,6 +881,7 @@ ParsedSearch SearchParser::parse(std::string_view words, int limit) const {
     // "from gmail" a source, "at least 10mb" a size).
     readCamera(s);
     readSources(s);
+    readLengths(s);
     readDates(s, dates);
     readSizes(s);
     readPlaces(s, home_);
@@ -837,6 +911,8 @@ ParsedSearch SearchParser::parse(std::string_view words, int limit) const {
     q.folder = s.folder;
     q.source = s.source;
     q.camera = s.camera;
+    q.minLength = s.minLength;
+    q.maxLength = s.maxLength;
     q.limit = limit;
     q.terms = s.quoted;
     bool understood = std::ranges::find(s.used, true) != s.used.end();
@@ -859,6 +935,7 @@ ParsedSearch SearchParser::parse(std::string_view words, int limit) const {
     chips = s.kindLabels;
     if (s.dateLabel) chips.push_back(*s.dateLabel);
     if (s.sizeLabel) chips.push_back(*s.sizeLabel);
+    if (s.lengthLabel) chips.push_back(*s.lengthLabel);
     if (s.folderLabel) chips.push_back(*s.folderLabel);
     if (s.sourceLabel) chips.push_back(*s.sourceLabel);
     if (s.camera) chips.push_back("Camera: " + *s.camera);

@@ -233,6 +233,8 @@ struct FileQuery {
     std::optional<std::string> folder; // absolute path
     std::optional<std::string> source; // source family key
     std::optional<std::string> camera; // make or model contains it
+    std::optional<double> minLength;   // playing time in seconds, at least
+    std::optional<double> maxLength;   // playing time in seconds, at most
     Sort sort = Sort::newest;
     int limit = 100;
     bool operator==(const FileQuery&) const = default;
@@ -241,7 +243,7 @@ VANTLE_ENUM_NAMES(FileQuery::Sort, "newest", "oldest", "largest", "name", "relev
                   "nameDescending", "kind", "kindDescending")
 VANTLE_ENUM_NAMES(FileQuery::DateField, "any", "created", "modified", "added", "opened")
 VANTLE_RECORD_JSON(FileQuery, kinds, extensions, terms, screenshotsOnly, after, before, dateField, minSize,
-                   maxSize, folder, source, camera, sort, limit)
+                   maxSize, folder, source, camera, minLength, maxLength, sort, limit)
 
 // What the search parser made of the user's words.
 struct ParsedSearch {

@@ -210,10 +210,21 @@ void addFilesSearchCommands(CLI::App& files, CliContext& ctx) {
         const auto& options = live->library->options();
         SearchParser parser(options.now, options.calendar, live->home);
         // A fresh kept index is searched in place; only a stale one costs a walk, with its progress.
+        // A search by camera, playing time or date waits for those facts when they are still being
+        // read: this one answer is all the command gives, so it should not be missing files.
         ThrottledLine line;
-        auto result = live->library->search(parser, text, *limit, cancel, [&](const DiskWalk::Progress& p) {
-            line.show([&] { return "Reading the home folder: " + groupedCount(p.entries) + " items…"; });
-        });
+        Catalog::MediaProgressFn mediaProgress = [&](std::size_t read, std::size_t toRead) {
+            line.show([&] {
+                return "Reading photos, songs and videos: " + groupedCount(static_cast<std::int64_t>(read)) +
+                       " of " + groupedCount(static_cast<std::int64_t>(toRead)) + "…";
+            });
+        };
+        auto result = live->library->search(
+            parser, text, *limit, cancel,
+            [&](const DiskWalk::Progress& p) {
+                line.show([&] { return "Reading the home folder: " + groupedCount(p.entries) + " items…"; });
+            },
+            &mediaProgress);
         line.clear();
         if (!result) return ctx.refuse(std::string(walkStoppedSentence));
         if (*searchJson)
