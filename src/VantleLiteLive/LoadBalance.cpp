@@ -4,6 +4,7 @@
 #include "VantleLiteLive/StandInRecord.h"
 #include "VantleSpec/ByteCount.h"
 #include "VantleSpec/Figures.h"
+#include "VantleSpec/HealthScoreKeeper.h"
 
 #include <algorithm>
 #include <cctype>
@@ -310,6 +311,20 @@ LoadBalanced::Figures figuresOf(const LoadReading& r) {
     return {r.performance.value_or(r.processor), r.processor, r.memoryUsed, r.memoryTotal, r.pressure};
 }
 } // namespace
+
+ScoredReading readForBalance(ActivitySource& activity, VitalsReader& vitals, int ownPid, const fs::path& proc,
+                             std::chrono::milliseconds span,
+                             const std::function<void(std::chrono::milliseconds)>& pause) {
+    activity.read();
+    vitals.sample();
+    if (span.count() > 0) pause(span);
+    auto sample = activity.read();
+    auto now = vitals.sample();
+    ScoredReading out{LoadReading::of(sample, now, ownPid, proc), 0};
+    HealthScoreKeeper keeper;
+    out.score = keeper.look(now.at, HealthScore::Reading::of(now)).value;
+    return out;
+}
 
 LoadBalanced carryOut(const ScoredReading& before, const std::vector<BalanceCandidate>& chosen,
                       ProcessControls& controls, const LoadTiming& timing,

@@ -1,0 +1,158 @@
+// The Health page driven offscreen over sandbox homes made by each test: the live readings follow the
+// window's visibility, a balance goes from its candidates through the question to its report and
+// Undo, and the history says why it is empty until the record holds something.
+#include "app/pages/health/HealthPage.h"
+#include "app/bridge/ProductBridge.h"
+#include "app/design/Gauges.h"
+#include "app/design/ResultBar.h"
+#include "app/shell/MainWindow.h"
+
+#include "support/TempDir.h"
+
+#include <QLabel>
+#include <QMessageBox>
+#include <QPushButton>
+#include <QTest>
+
+#include <gtest/gtest.h>
+
+using namespace vantle;
+using namespace vantle::app;
+using vantle::testing::TempDir;
+
+namespace {
+
+constexpr int waitMs = 20000;
+
+std::unique_ptr<MainWindow> healthOver(const TempDir& dir) {
+    dir.mkdir("home");
+    VantleLite::Options options;
+    options.sandboxRule = SandboxRule{{dir / "home"}};
+    options.offline = true;
+    auto window = std::make_unique<MainWindow>(
+        LiteLaunch::parse({"vantle-lite", "-sandbox", (dir / "box").string()}), options);
+    window->show();
+    EXPECT_TRUE(QTest::qWaitFor([&] { return window->phase() != MainWindow::Phase::starting; }, waitMs));
+    if (window->phase() == MainWindow::Phase::welcome) window->leaveWelcome();
+    window->showPage("health");
+    return window;
+}
+
+HealthPage* healthOf(MainWindow& window) {
+    return window.findChild<HealthPage*>("health");
+}
+
+bool settle(MainWindow& window) {
+    return QTest::qWaitFor([&] { return window.bridge()->pending() == 0; }, waitMs);
+}
+
+QString labelText(QWidget& root, const char* name) {
+    auto* label = root.findChild<QLabel*>(name);
+    return label ? label->text() : QString();
+}
+
+} // namespace
+
+TEST(AppHealth, LiveGaugesStopWhileTheWindowIsHiddenOrThePageIsLeftAndResumeWhenShownAgain) {
+    TempDir dir;
+    auto window = healthOver(dir);
+    auto* page = healthOf(*window);
+    ASSERT_TRUE(page);
+    page->setRefreshInterval(50);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return page->readingsTaken() >= 3; }, waitMs));
+    EXPECT_TRUE(page->readingLive());
+    ASSERT_TRUE(page->score());
+    EXPECT_EQ(page->findChild<Ring*>("scoreRing")->figure(), QString::number(page->score()->value));
+
+    auto stillAfterAWhile = [&] {
+        EXPECT_TRUE(settle(*window)); // a reading already on its way may land
+        int taken = page->readingsTaken();
+        QTest::qWait(400); // eight intervals
+        EXPECT_TRUE(settle(*window));
+        return page->readingsTaken() == taken;
+    };
+    window->hide();
+    EXPECT_FALSE(page->readingLive());
+    EXPECT_TRUE(stillAfterAWhile()) << "nothing is read while the window is hidden";
+
+    window->show();
+    EXPECT_TRUE(page->readingLive());
+    int shown = page->readingsTaken();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return page->readingsTaken() > shown + 1; }, waitMs));
+
+    window->screenLockChanged(true);
+    EXPECT_FALSE(page->readingLive()) << "a locked screen is not looked at";
+    window->screenLockChanged(false);
+    EXPECT_TRUE(page->readingLive());
+
+    window->showPage("storage");
+    EXPECT_FALSE(page->readingLive());
+    EXPECT_TRUE(stillAfterAWhile()) << "nothing is read while another page is shown";
+    window->showPage("health");
+    EXPECT_TRUE(page->readingLive());
+    page->setRefreshInterval(2000);
+    ASSERT_TRUE(settle(*window));
+}
+
+TEST(AppHealth, BalanceAsksForWhatIsTickedThenReportsAndUndoPutsTheMoveBack) {
+    TempDir dir;
+    auto window = healthOver(dir);
+    auto* page = healthOf(*window);
+    ASSERT_TRUE(settle(*window));
+    page->startBalance();
+    ASSERT_TRUE(
+        QTest::qWaitFor([&] { return page->balanceState() == HealthPage::Balance::candidates; }, waitMs));
+    ASSERT_GE(page->candidateCount(), 2) << "the busy stand-in scene offers work to move";
+    for (int i = 1; i < page->candidateCount(); ++i)
+        page->tickCandidate(i, false);
+    ASSERT_TRUE(page->tickCandidate(0, true));
+
+    page->askToBalance();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return window->questionBox() != nullptr; }, waitMs));
+    EXPECT_EQ(window->questionBox()->text(), "Balance the load?");
+    const auto message = window->questionBox()->informativeText();
+    EXPECT_TRUE(message.endsWith(" move to the efficiency cores at low priority, and ⌘Z puts them back on "
+                                 "every core."))
+        << message.toStdString();
+    QTest::mouseClick(window->questionBox()->findChild<QPushButton*>("confirm"), Qt::LeftButton);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return page->balanceState() == HealthPage::Balance::report; }, waitMs));
+    ASSERT_TRUE(settle(*window));
+    const auto moved = page->reportLines().value(0);
+    EXPECT_TRUE(moved.startsWith("Moved to the efficiency cores at low priority: ")) << moved.toStdString();
+    EXPECT_TRUE(page->reportLines().filter("health score").size() == 1) << "the score's change is reported";
+    EXPECT_EQ(window->resultBar()->text(), "Moved 1 process to the efficiency cores · ⌘Z puts it back");
+
+    auto* undo = page->findChild<QPushButton*>("balanceUndo");
+    ASSERT_TRUE(undo && undo->isVisible());
+    QTest::mouseClick(undo, Qt::LeftButton);
+    ASSERT_TRUE(settle(*window));
+    auto name = moved.mid(moved.indexOf(": ") + 2).chopped(1);
+    EXPECT_EQ(window->resultBar()->text(), name + " is back on every core.");
+    EXPECT_FALSE(undo->isVisible());
+}
+
+TEST(AppHealth, TheHistorySaysWhyItIsEmptyUntilTheRecordHoldsSomethingThenDrawsItsRows) {
+    TempDir dir;
+    auto window = healthOver(dir);
+    auto* page = healthOf(*window);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !labelText(*page, "historyEmpty").isEmpty(); }, waitMs));
+    ASSERT_TRUE(settle(*window));
+    EXPECT_TRUE(labelText(*page, "historyEmpty").startsWith("Health keeps no record of this computer yet."));
+    auto* keep = page->findChild<QPushButton*>("keepRecord");
+    ASSERT_TRUE(keep && keep->isVisible());
+    QTest::mouseClick(keep, Qt::LeftButton);
+    ASSERT_TRUE(QTest::qWaitFor(
+        [&] { return labelText(*page, "historyEmpty").startsWith("The record is on."); }, waitMs));
+    EXPECT_FALSE(keep->isVisible());
+
+    // A made-up week, as a sandbox's record may hold: a month shows its days.
+    const auto& live = window->bridge()->live();
+    auto week = HealthHistory::madeUpWeek(systemNow());
+    ASSERT_TRUE(live.healthRecord->seed(week.hours, week.quarters, week.minutes));
+    page->showSpan(HealthHistory::Span::month);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return page->historyRows() >= 7; }, waitMs)) << page->historyRows();
+    EXPECT_FALSE(page->historyEmpty());
+    EXPECT_TRUE(labelText(*page, "historyLine").startsWith("The processor averaged "))
+        << "the span in a sentence";
+    ASSERT_TRUE(settle(*window));
+}
