@@ -411,10 +411,13 @@ std::vector<std::string> reportOf(const LoadBalanced& b) {
         if (b.score->before == b.score->after)
             lines.push_back("Your Mac's health score is " + std::to_string(b.score->after) + ".");
         else
+            // The pressure is named only when it moved: "from normal to normal" says nothing.
             lines.push_back("Your Mac's health score went from " + std::to_string(b.score->before) + " to " +
-                            std::to_string(b.score->after) + ", and its pressure from " +
-                            std::string(nameOf(b.before.pressure)) + " to " +
-                            std::string(nameOf(b.after.pressure)) + ".");
+                            std::to_string(b.score->after) +
+                            (b.before.pressure == b.after.pressure
+                                 ? std::string(".")
+                                 : ", and its pressure from " + std::string(nameOf(b.before.pressure)) +
+                                       " to " + std::string(nameOf(b.after.pressure)) + "."));
     }
     lines.insert(lines.end(), b.failures.begin(), b.failures.end());
     return lines;

@@ -342,7 +342,7 @@ ResultLine LiteProduct::balanceNow(const ScoredReading& before, const std::vecto
         auto n = balanced.moved.size();
         return {n == 1 ? std::string(LiteSentences::balanceMovedOne)
                        : fillIn(LiteSentences::balanceMovedMany, {{"count", count(n)}}),
-                "checkmark.circle"};
+                "info.circle"};
     }
     // Only quits, or nothing: the report's first line says which.
     auto lines = reportOf(balanced);

@@ -98,3 +98,39 @@ TEST(LiteProduct, BalanceAsksNamingWhatIsTickedThenUndoPutsTheMovesBackOnEveryCo
     EXPECT_EQ(standIn().size(), 4u);
     EXPECT_FALSE(product->undoable());
 }
+
+TEST(LiteProduct, QuittingABusyProcessAsksWithItsShareOfACoreAndItsMemoryFirst) {
+    TempDir dir;
+    dir.mkdir("home");
+    VantleLite::Options options;
+    options.sandbox = dir / "box";
+    options.sandboxRule = SandboxRule{{dir / "home"}};
+    auto product = LiteProduct::make(*VantleLite::make(options), LiteProduct::Lifetime::oneCommand);
+    auto running = product->live().processes->processes();
+    auto target = std::ranges::find_if(running, [](const StandInProcess& p) { return !p.asksToSave; });
+    ASSERT_NE(target, running.end());
+    ProcessRow row;
+    row.pid = target->pid;
+    row.name = "worker";
+    row.app = "Editor";
+    row.cpuPercent = 149.5; // a share of one core may pass a whole core
+    row.memory = 3ull << 30;
+
+    product->askToQuit(row);
+    ASSERT_TRUE(product->confirmation());
+    EXPECT_EQ(product->confirmation()->title, "Quit Editor?");
+    EXPECT_EQ(
+        product->confirmation()->message,
+        "Editor is using 150% of a core and 3 GB of memory. It quits as its own Quit command does: with "
+        "unsaved work it asks you first.");
+    EXPECT_EQ(product->live().processes->processes().size(), running.size())
+        << "nothing quits before the yes";
+    EXPECT_EQ(product->answer(false)->text, "Editor stays open");
+
+    product->askToQuit(row);
+    auto quit = product->answer(true);
+    ASSERT_TRUE(quit);
+    EXPECT_EQ(quit->text, "Editor is no longer running");
+    EXPECT_EQ(product->live().processes->record().events.size(), 1u) << "asked once, as its own Quit does";
+    EXPECT_FALSE(product->undoable()) << "a quit cannot be undone";
+}

@@ -17,7 +17,9 @@
 #include <QApplication>
 #include <QMessageBox>
 #include <QScreen>
+#include <QSignalSpy>
 #include <QTest>
+#include <QToolButton>
 #include <QTreeWidget>
 
 #include <cstdio>
@@ -148,9 +150,24 @@ int main(int argc, char** argv) {
         waitFor([&] { return health->score() && health->checkup() && health->readingsTaken() > 2; },
                 "the health score and the checkup");
         shoot(window, "12-health-score");
+        if (auto* how = health->findChild<QToolButton*>("howWorkedOut")) {
+            how->click();
+            shoot(window, "12-health-score-explained");
+            how->click();
+        }
         health->scrollTo(HealthPage::Card::history);
         waitFor([&] { return health->historyRows() > 0; }, "the history");
         shoot(window, "13-health-history");
+        // The sandbox's checkups take their made-up rows in turn: the third needs attention.
+        auto attention = [&] {
+            return std::ranges::any_of(health->checkup()->findings,
+                                       [](const auto& f) { return f.status == CheckupStatus::attention; });
+        };
+        for (int i = 0; i < 3 && !attention(); ++i) {
+            QSignalSpy checked(health, &HealthPage::checkupShown);
+            health->runCheckup();
+            waitFor([&] { return checked.count() > 0; }, "a checkup");
+        }
         health->scrollTo(HealthPage::Card::checkup);
         shoot(window, "14-health-checkup");
         health->scrollTo(HealthPage::Card::activity);

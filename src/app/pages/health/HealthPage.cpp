@@ -4,17 +4,19 @@
 #include "VantleSpec/ByteCount.h"
 #include "VantleSpec/Figures.h"
 #include "app/bridge/ProductBridge.h"
-#include "app/design/FlowLayout.h"
 #include "app/design/Gauges.h"
 #include "app/design/Symbols.h"
 #include "app/pages/health/HistoryChart.h"
 
+#include <QApplication>
 #include <QButtonGroup>
 #include <QCheckBox>
 #include <QDateTime>
+#include <QGridLayout>
 #include <QHBoxLayout>
 #include <QHeaderView>
 #include <QLabel>
+#include <QPainter>
 #include <QProgressBar>
 #include <QPushButton>
 #include <QScrollArea>
@@ -120,18 +122,38 @@ QString areaTitle(CheckupArea area) {
     return name;
 }
 
-const char* statusIcon(CheckupStatus status) {
+// A status as a dot, drawn rather than taken from the icon theme, whose symbolic marks vanish on a
+// dark window: the highlight for good, the warning colour for attention, quieter tones between.
+QPixmap statusDot(CheckupStatus status, const QPalette& palette, int side) {
+    QColor colour = status == CheckupStatus::good        ? palette.color(QPalette::Highlight)
+                    : status == CheckupStatus::attention ? warningColor()
+                    : status == CheckupStatus::note      ? palette.color(QPalette::PlaceholderText)
+                                                         : palette.color(QPalette::Mid);
+    qreal ratio = qApp->devicePixelRatio();
+    QPixmap dot(QSize(side, side) * ratio);
+    dot.setDevicePixelRatio(ratio);
+    dot.fill(Qt::transparent);
+    QPainter p(&dot);
+    p.setRenderHint(QPainter::Antialiasing);
+    p.setPen(Qt::NoPen);
+    p.setBrush(colour);
+    double d = side * 0.6;
+    p.drawEllipse(QRectF((side - d) / 2, (side - d) / 2, d, d));
+    return dot;
+}
+
+QString statusWords(CheckupStatus status) {
     switch (status) {
     case CheckupStatus::good:
-        return "emblem-ok";
+        return "Good";
     case CheckupStatus::note:
-        return "dialog-information";
+        return "Worth a look";
     case CheckupStatus::attention:
-        return "dialog-warning";
+        return "Needs attention";
     case CheckupStatus::unknown:
-        return "dialog-question";
+        return "Not known";
     }
-    return "dialog-question";
+    return {};
 }
 
 QString actionWords(const CheckupAction& action) {
@@ -193,8 +215,18 @@ HealthPage::HealthPage(ProductBridge& bridge, QWidget* parent) : Page(parent), b
     auto* column = new QVBoxLayout(content);
     column->setContentsMargins(24, 16, 24, 24);
     column->setSpacing(16);
+    column->addWidget(makeScoreCard());
+    column->addWidget(makeGaugesCard());
+    column->addWidget(makeHistoryCard());
+    column->addWidget(makeActivityCard());
+    column->addWidget(makeBalanceCard());
+    column->addWidget(makeCheckupCard());
+    column->addStretch(1);
+    showBalance();
+}
 
-    // The score: the ring and grade, then what took points off it.
+// The score: the ring and grade, then what took points off it.
+QWidget* HealthPage::makeScoreCard() {
     auto* score = makeCard("scoreCard");
     scoreCard_ = score;
     auto* scoreRow = new QHBoxLayout(score);
@@ -214,10 +246,11 @@ HealthPage::HealthPage(ProductBridge& bridge, QWidget* parent) : Page(parent), b
     reasons->addLayout(penalties_);
     auto* how = new QToolButton;
     how->setText(text(HealthScore::explanationTitle));
+    how->setObjectName("howWorkedOut");
     how->setCheckable(true);
     how->setAutoRaise(true);
     how->setToolButtonStyle(Qt::ToolButtonTextBesideIcon);
-    how->setIcon(symbolIcon("help-about"));
+    how->setArrowType(Qt::RightArrow);
     explanation_ = muted();
     explanation_->setObjectName("explanation");
     explanation_->setTextFormat(Qt::RichText);
@@ -232,14 +265,19 @@ HealthPage::HealthPage(ProductBridge& bridge, QWidget* parent) : Page(parent), b
         explanation_->setText(rows + "</table>");
     }
     explanation_->hide();
-    connect(how, &QToolButton::toggled, explanation_, &QWidget::setVisible);
+    connect(how, &QToolButton::toggled, this, [this, how](bool open) {
+        how->setArrowType(open ? Qt::DownArrow : Qt::RightArrow);
+        explanation_->setVisible(open);
+    });
     reasons->addWidget(how, 0, Qt::AlignLeft);
     reasons->addWidget(explanation_);
     reasons->addStretch(1);
     scoreRow->addLayout(reasons, 1);
-    column->addWidget(score);
+    return score;
+}
 
-    // The gauges: one small ring each, with its line under it.
+// The gauges: one small ring each, with its line under it.
+QWidget* HealthPage::makeGaugesCard() {
     auto* gauges = makeCard("gaugesCard");
     gaugesCard_ = gauges;
     auto* gaugeRow = new QHBoxLayout(gauges);
@@ -269,9 +307,11 @@ HealthPage::HealthPage(ProductBridge& bridge, QWidget* parent) : Page(parent), b
         if (QString(name) == "Battery") batteryGauge_ = holder;
     }
     batteryGauge_->hide();
-    column->addWidget(gauges);
+    return gauges;
+}
 
-    // The history: Day, Month, Year over the chart.
+// The history: Day, Month, Year over the chart.
+QWidget* HealthPage::makeHistoryCard() {
     auto* history = makeCard("historyCard");
     historyCard_ = history;
     auto* historyColumn = new QVBoxLayout(history);
@@ -290,6 +330,11 @@ HealthPage::HealthPage(ProductBridge& bridge, QWidget* parent) : Page(parent), b
         button->setObjectName(QString("span") + words);
         button->setAccessibleName(QString("History of the last ") + QString(words).toLower());
         button->setChecked(span == HealthHistory::Span::day);
+        // The span shown is marked in the highlight, as a segmented control marks its choice.
+        button->setStyleSheet(
+            "QPushButton { border: 1px solid palette(mid); border-radius: 6px; padding: 4px 16px; }"
+            "QPushButton:checked { background: palette(highlight); color: palette(highlighted-text);"
+            " border-color: palette(highlight); }");
         spans_->addButton(button, int(span));
         historyHead->addWidget(button);
     }
@@ -323,11 +368,11 @@ HealthPage::HealthPage(ProductBridge& bridge, QWidget* parent) : Page(parent), b
     emptyRow->addWidget(historyEmpty_, 1);
     emptyRow->addWidget(keepRecord_, 0, Qt::AlignVCenter);
     historyColumn->addLayout(emptyRow);
-    column->addWidget(history);
+    return history;
+}
 
-    // What is busy now, and Balance the load beside it.
-    auto* middle = new QHBoxLayout;
-    middle->setSpacing(16);
+// What is busy now, each with its sentence; Quit asks first.
+QWidget* HealthPage::makeActivityCard() {
     auto* activity = makeCard("activityCard");
     activityCard_ = activity;
     auto* activityColumn = new QVBoxLayout(activity);
@@ -342,11 +387,11 @@ HealthPage::HealthPage(ProductBridge& bridge, QWidget* parent) : Page(parent), b
     activity_->setUniformRowHeights(true);
     activity_->setFrameShape(QFrame::NoFrame);
     activity_->header()->setStretchLastSection(true);
-    activity_->setColumnWidth(0, 170);
-    activity_->setColumnWidth(1, 110);
-    activity_->setColumnWidth(2, 90);
-    activity_->setMinimumHeight(activity_->fontMetrics().lineSpacing() * 12);
-    activityColumn->addWidget(activity_, 1);
+    activity_->setColumnWidth(0, 220);
+    activity_->setColumnWidth(1, 120);
+    activity_->setColumnWidth(2, 100);
+    activity_->setVerticalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
+    activityColumn->addWidget(activity_);
     quit_ = new QPushButton("Quit…");
     quit_->setObjectName("quitProcess");
     quit_->setEnabled(false);
@@ -360,11 +405,13 @@ HealthPage::HealthPage(ProductBridge& bridge, QWidget* parent) : Page(parent), b
         bridge_.withProduct([row = busy_[std::size_t(at)]](LiteProduct& p) { p.askToQuit(row); });
     });
     activityColumn->addWidget(quit_, 0, Qt::AlignRight);
-    middle->addWidget(activity, 3);
+    return activity;
+}
 
+// Balance the load: the line and its button, then the candidates, the wait, and the report.
+QWidget* HealthPage::makeBalanceCard() {
     auto* balance = makeCard("balanceCard");
     balanceCard_ = balance;
-    balance->setMinimumWidth(360);
     auto* balanceColumn = new QVBoxLayout(balance);
     balanceColumn->setContentsMargins(20, 16, 20, 16);
     balanceColumn->setSpacing(8);
@@ -376,7 +423,7 @@ HealthPage::HealthPage(ProductBridge& bridge, QWidget* parent) : Page(parent), b
     idleColumn->setContentsMargins(0, 0, 0, 0);
     auto* line = muted(balanceLine);
     idleColumn->addWidget(line);
-    auto* start = new QPushButton(symbolIcon("view-refresh"), "Balance the Load…");
+    auto* start = new QPushButton("Balance the Load…");
     start->setObjectName("balanceStart");
     connect(start, &QPushButton::clicked, this, &HealthPage::startBalance);
     idleColumn->addSpacing(4);
@@ -447,8 +494,6 @@ HealthPage::HealthPage(ProductBridge& bridge, QWidget* parent) : Page(parent), b
     reportColumn->addLayout(reportButtons);
     balanceStates_->addWidget(reported);
     balanceColumn->addWidget(balanceStates_, 1);
-    middle->addWidget(balance, 2);
-    column->addLayout(middle);
     connect(&bridge_, &ProductBridge::changed, this,
             [this] { balanceUndo_->setVisible(bridge_.undoKind() == "balance"); });
     connect(&bridge_, &ProductBridge::answered, this, [this](bool yes) {
@@ -469,8 +514,11 @@ HealthPage::HealthPage(ProductBridge& bridge, QWidget* parent) : Page(parent), b
                                 showBalance();
                             });
     });
+    return balance;
+}
 
-    // The checkup: the summary and findings, then a card for each area.
+// The checkup: the summary and findings, then a card for each area.
+QWidget* HealthPage::makeCheckupCard() {
     auto* checkup = makeCard("checkupCard");
     checkupCard_ = checkup;
     auto* checkupColumn = new QVBoxLayout(checkup);
@@ -495,13 +543,13 @@ HealthPage::HealthPage(ProductBridge& bridge, QWidget* parent) : Page(parent), b
     findings_ = new QVBoxLayout;
     findings_->setSpacing(10);
     checkupColumn->addLayout(findings_);
-    auto* sectionsHolder = new QWidget;
-    sections_ = new FlowLayout(sectionsHolder, 12);
-    checkupColumn->addWidget(sectionsHolder);
-    column->addWidget(checkup);
-    column->addStretch(1);
-
-    showBalance();
+    // Three across, each as wide as a third: the cards fill the width and a row shares one height.
+    sections_ = new QGridLayout;
+    sections_->setSpacing(12);
+    for (int c = 0; c < sectionColumns; ++c)
+        sections_->setColumnStretch(c, 1);
+    checkupColumn->addLayout(sections_);
+    return checkup;
 }
 
 void HealthPage::setSummary(const QString& words) {
@@ -571,7 +619,7 @@ void HealthPage::apply(const Reading& r) {
     QString cpuLine =
         QString::number(s.cpu.perCore.size()) + (s.cpu.perCore.size() == 1 ? " core" : " cores");
     if (s.cpu.performanceCores)
-        cpuLine = "Performance cores " + whole(*s.cpu.performanceCores) + "\n" + cpuLine;
+        cpuLine = "performance cores " + whole(*s.cpu.performanceCores) + "\n" + cpuLine;
     else
         cpuLine = "busy\n" + cpuLine;
     gauges_[0]->set(s.cpu.total, whole(s.cpu.total), {}, s.cpu.total >= 0.9);
@@ -688,9 +736,11 @@ void HealthPage::showActivity() {
     activity_->clear();
     for (const auto& row : busy_) {
         auto name = QString::fromStdString(row.app.value_or(row.name));
+        // A share of one core, which a process with several threads takes past 100%.
+        auto share = QString::fromStdString(percent(row.cpuPercent / 100));
         auto* item = new QTreeWidgetItem(
             activity_,
-            {name, QString::fromStdString(wholePercent(row.cpuPercent)),
+            {name, share,
              QString::fromStdString(memoryBytes(std::int64_t(row.memory ? row.memory : row.realMemory))),
              QString::fromStdString(busySentence(row, agents_))});
         item->setData(0, Qt::UserRole, row.pid);
@@ -704,6 +754,12 @@ void HealthPage::showActivity() {
         auto* none = new QTreeWidgetItem(activity_, {"Nothing is busy."});
         none->setFlags(Qt::ItemIsEnabled);
         none->setFirstColumnSpanned(true);
+    }
+    // As tall as the most rows it shows, so the cards below stay put as processes come and go.
+    if (activity_->topLevelItemCount() > 0) {
+        int row = activity_->visualItemRect(activity_->topLevelItem(0)).height();
+        if (row > 0)
+            activity_->setFixedHeight(activity_->header()->sizeHint().height() + row * busyShown + 4);
     }
     auto* current = activity_->currentItem();
     int at = current ? activity_->indexOfTopLevelItem(current) : -1;
@@ -848,6 +904,8 @@ void HealthPage::startBalance() {
         [this](std::pair<ScoredReading, BalanceFound> read) {
             if (balance_ != Balance::reading) return;
             before_ = std::move(read.first);
+            // The report's "before" is the score the page shows, not a second reading's.
+            if (keeper_.shown) before_->score = keeper_.shown->value;
             found_ = std::move(read.second);
             balance_ = Balance::candidates;
             showBalance();
@@ -969,13 +1027,15 @@ void HealthPage::showCheckup() {
                           QString("<span style='color:%1'>Checkup score %2 of 100 · read %3</span>")
                               .arg(palette().color(QPalette::PlaceholderText).name())
                               .arg(c.score.value)
-                              .arg(QLocale().toString(read, QLocale::ShortFormat)));
+                              .arg(QLocale().toString(read.date(), QLocale::ShortFormat) + " " +
+                                   read.time().toString("HH:mm")));
     clearLayout(findings_);
     for (const auto& f : c.findings) {
         auto* row = new QHBoxLayout;
         row->setSpacing(12);
         auto* icon = new QLabel;
-        icon->setPixmap(symbolIcon(statusIcon(f.status)).pixmap(20, 20));
+        icon->setPixmap(statusDot(f.status, palette(), 20));
+        icon->setToolTip(statusWords(f.status));
         auto* words = new QVBoxLayout;
         words->setSpacing(2);
         auto* head = new QLabel(QString::fromStdString(f.title));
@@ -999,18 +1059,19 @@ void HealthPage::showCheckup() {
         findings_->addLayout(row);
     }
 
-    sections_->clear();
+    clearLayout(sections_);
+    int at = 0;
     for (const auto& s : c.sections) {
         auto* card = new QFrame;
         card->setObjectName("sectionCard");
         card->setStyleSheet("#sectionCard { border: 1px solid palette(mid); border-radius: 8px; }");
-        card->setFixedWidth(248);
         auto* col = new QVBoxLayout(card);
         col->setContentsMargins(12, 10, 12, 10);
         col->setSpacing(4);
         auto* head = new QHBoxLayout;
         auto* icon = new QLabel;
-        icon->setPixmap(symbolIcon(statusIcon(s.status)).pixmap(16, 16));
+        icon->setPixmap(statusDot(s.status, palette(), 16));
+        icon->setToolTip(statusWords(s.status));
         auto* name = new QLabel(areaTitle(s.area));
         auto font = name->font();
         font.setBold(true);
@@ -1028,10 +1089,15 @@ void HealthPage::showCheckup() {
                                QString::fromStdString(r.value).toHtmlEscaped();
             tips << QString::fromStdString(r.title + ": " + r.value + " — " + r.meaning + " " + r.why);
         }
-        if (!s.items.empty())
-            figures << QString("%1: %2")
-                           .arg(QString::fromStdString(s.listTitle.value_or("Items")).toHtmlEscaped())
-                           .arg(s.items.size());
+        if (!s.items.empty()) {
+            // The list by its first names: its count is often a reading already.
+            QStringList names;
+            for (std::size_t i = 0; i < s.items.size() && i < 3; ++i)
+                names << QString::fromStdString(s.items[i].title).toHtmlEscaped();
+            if (s.items.size() > 3) names.last() += QString(" and %1 more").arg(s.items.size() - 3);
+            figures << QString::fromStdString(s.listTitle.value_or("Items")).toHtmlEscaped() + ": " +
+                           names.join(", ");
+        }
         if (!figures.isEmpty()) {
             auto* list = muted(figures.join("<br>"));
             list->setTextFormat(Qt::RichText);
@@ -1039,7 +1105,8 @@ void HealthPage::showCheckup() {
         }
         col->addStretch(1);
         card->setToolTip(tips.join("\n"));
-        sections_->addWidget(card);
+        sections_->addWidget(card, at / sectionColumns, at % sectionColumns);
+        ++at;
     }
     Q_EMIT checkupShown();
 }
@@ -1119,10 +1186,14 @@ QWidget* HealthPage::card(Card which) const {
 }
 
 void HealthPage::scrollTo(Card which) {
-    auto* target = card(which);
-    // The card's top at the top of the view, as far as the page reaches.
-    scroll_->widget()->adjustSize();
-    scroll_->verticalScrollBar()->setValue(target->y() - 16);
+    // Cards that just grew (new findings, a report) are placed once the layout has run: now, and
+    // again after the scroll area has taken the content's new height.
+    auto place = [this, which] {
+        scroll_->widget()->layout()->activate();
+        scroll_->verticalScrollBar()->setValue(card(which)->y() - 16);
+    };
+    place();
+    QTimer::singleShot(0, this, place);
 }
 
 } // namespace vantle::app

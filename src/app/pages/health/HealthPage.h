@@ -15,6 +15,7 @@
 #include <vector>
 
 class QButtonGroup;
+class QGridLayout;
 class QCheckBox;
 class QLabel;
 class QPushButton;
@@ -29,7 +30,6 @@ namespace vantle::app {
 class ProductBridge;
 class Ring;
 class HistoryChart;
-class FlowLayout;
 
 class HealthPage : public Page {
     Q_OBJECT
@@ -82,6 +82,12 @@ class HealthPage : public Page {
 
   private:
     struct Reading;
+    QWidget* makeScoreCard();
+    QWidget* makeGaugesCard();
+    QWidget* makeHistoryCard();
+    QWidget* makeActivityCard();
+    QWidget* makeBalanceCard();
+    QWidget* makeCheckupCard();
     void updateLive();
     void tick();
     void apply(const Reading& reading);
@@ -149,7 +155,8 @@ class HealthPage : public Page {
     QLabel* checkupLine_;
     QPushButton* checkAgain_;
     QVBoxLayout* findings_;
-    FlowLayout* sections_;
+    QGridLayout* sections_;
+    static constexpr int sectionColumns = 3;
     QLabel* checkupNote_;
 };
 
