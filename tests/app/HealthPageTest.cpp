@@ -22,7 +22,7 @@ using vantle::testing::TempDir;
 
 namespace {
 
-constexpr int waitMs = 20000;
+constexpr int healthWaitMs = 20000;
 
 std::unique_ptr<MainWindow> healthOver(const TempDir& dir) {
     dir.mkdir("home");
@@ -32,7 +32,8 @@ std::unique_ptr<MainWindow> healthOver(const TempDir& dir) {
     auto window = std::make_unique<MainWindow>(
         LiteLaunch::parse({"vantle-lite", "-sandbox", (dir / "box").string()}), options);
     window->show();
-    EXPECT_TRUE(QTest::qWaitFor([&] { return window->phase() != MainWindow::Phase::starting; }, waitMs));
+    EXPECT_TRUE(
+        QTest::qWaitFor([&] { return window->phase() != MainWindow::Phase::starting; }, healthWaitMs));
     if (window->phase() == MainWindow::Phase::welcome) window->leaveWelcome();
     window->showPage("health");
     return window;
@@ -42,11 +43,11 @@ HealthPage* healthOf(MainWindow& window) {
     return window.findChild<HealthPage*>("health");
 }
 
-bool settle(MainWindow& window) {
-    return QTest::qWaitFor([&] { return window.bridge()->pending() == 0; }, waitMs);
+bool settleHealth(MainWindow& window) {
+    return QTest::qWaitFor([&] { return window.bridge()->pending() == 0; }, healthWaitMs);
 }
 
-QString labelText(QWidget& root, const char* name) {
+QString healthLabelText(QWidget& root, const char* name) {
     auto* label = root.findChild<QLabel*>(name);
     return label ? label->text() : QString();
 }
@@ -59,16 +60,16 @@ TEST(AppHealth, LiveGaugesStopWhileTheWindowIsHiddenOrThePageIsLeftAndResumeWhen
     auto* page = healthOf(*window);
     ASSERT_TRUE(page);
     page->setRefreshInterval(50);
-    ASSERT_TRUE(QTest::qWaitFor([&] { return page->readingsTaken() >= 3; }, waitMs));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return page->readingsTaken() >= 3; }, healthWaitMs));
     EXPECT_TRUE(page->readingLive());
     ASSERT_TRUE(page->score());
     EXPECT_EQ(page->findChild<Ring*>("scoreRing")->figure(), QString::number(page->score()->value));
 
     auto stillAfterAWhile = [&] {
-        EXPECT_TRUE(settle(*window)); // a reading already on its way may land
+        EXPECT_TRUE(settleHealth(*window)); // a reading already on its way may land
         int taken = page->readingsTaken();
         QTest::qWait(400); // eight intervals
-        EXPECT_TRUE(settle(*window));
+        EXPECT_TRUE(settleHealth(*window));
         return page->readingsTaken() == taken;
     };
     window->hide();
@@ -78,7 +79,7 @@ TEST(AppHealth, LiveGaugesStopWhileTheWindowIsHiddenOrThePageIsLeftAndResumeWhen
     window->show();
     EXPECT_TRUE(page->readingLive());
     int shown = page->readingsTaken();
-    ASSERT_TRUE(QTest::qWaitFor([&] { return page->readingsTaken() > shown + 1; }, waitMs));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return page->readingsTaken() > shown + 1; }, healthWaitMs));
 
     window->screenLockChanged(true);
     EXPECT_FALSE(page->readingLive()) << "a locked screen is not looked at";
@@ -91,32 +92,33 @@ TEST(AppHealth, LiveGaugesStopWhileTheWindowIsHiddenOrThePageIsLeftAndResumeWhen
     window->showPage("health");
     EXPECT_TRUE(page->readingLive());
     page->setRefreshInterval(2000);
-    ASSERT_TRUE(settle(*window));
+    ASSERT_TRUE(settleHealth(*window));
 }
 
 TEST(AppHealth, BalanceAsksForWhatIsTickedThenReportsAndUndoPutsTheMoveBack) {
     TempDir dir;
     auto window = healthOver(dir);
     auto* page = healthOf(*window);
-    ASSERT_TRUE(settle(*window));
+    ASSERT_TRUE(settleHealth(*window));
     page->startBalance();
-    ASSERT_TRUE(
-        QTest::qWaitFor([&] { return page->balanceState() == HealthPage::Balance::candidates; }, waitMs));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return page->balanceState() == HealthPage::Balance::candidates; },
+                                healthWaitMs));
     ASSERT_GE(page->candidateCount(), 2) << "the busy stand-in scene offers work to move";
     for (int i = 1; i < page->candidateCount(); ++i)
         page->tickCandidate(i, false);
     ASSERT_TRUE(page->tickCandidate(0, true));
 
     page->askToBalance();
-    ASSERT_TRUE(QTest::qWaitFor([&] { return window->questionBox() != nullptr; }, waitMs));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return window->questionBox() != nullptr; }, healthWaitMs));
     EXPECT_EQ(window->questionBox()->text(), "Balance the load?");
     const auto message = window->questionBox()->informativeText();
     EXPECT_TRUE(message.endsWith(" move to the efficiency cores at low priority, and ⌘Z puts them back on "
                                  "every core."))
         << message.toStdString();
     QTest::mouseClick(window->questionBox()->findChild<QPushButton*>("confirm"), Qt::LeftButton);
-    ASSERT_TRUE(QTest::qWaitFor([&] { return page->balanceState() == HealthPage::Balance::report; }, waitMs));
-    ASSERT_TRUE(settle(*window));
+    ASSERT_TRUE(
+        QTest::qWaitFor([&] { return page->balanceState() == HealthPage::Balance::report; }, healthWaitMs));
+    ASSERT_TRUE(settleHealth(*window));
     const auto moved = page->reportLines().value(0);
     EXPECT_TRUE(moved.startsWith("Moved to the efficiency cores at low priority: ")) << moved.toStdString();
     EXPECT_TRUE(page->reportLines().filter("health score").size() == 1) << "the score's change is reported";
@@ -125,7 +127,7 @@ TEST(AppHealth, BalanceAsksForWhatIsTickedThenReportsAndUndoPutsTheMoveBack) {
     auto* undo = page->findChild<QPushButton*>("balanceUndo");
     ASSERT_TRUE(undo && undo->isVisible());
     QTest::mouseClick(undo, Qt::LeftButton);
-    ASSERT_TRUE(settle(*window));
+    ASSERT_TRUE(settleHealth(*window));
     auto name = moved.mid(moved.indexOf(": ") + 2).chopped(1);
     EXPECT_EQ(window->resultBar()->text(), name + " is back on every core.");
     EXPECT_FALSE(undo->isVisible());
@@ -135,14 +137,17 @@ TEST(AppHealth, TheHistorySaysWhyItIsEmptyUntilTheRecordHoldsSomethingThenDrawsI
     TempDir dir;
     auto window = healthOver(dir);
     auto* page = healthOf(*window);
-    ASSERT_TRUE(QTest::qWaitFor([&] { return !labelText(*page, "historyEmpty").isEmpty(); }, waitMs));
-    ASSERT_TRUE(settle(*window));
-    EXPECT_TRUE(labelText(*page, "historyEmpty").startsWith("Health keeps no record of this computer yet."));
+    ASSERT_TRUE(
+        QTest::qWaitFor([&] { return !healthLabelText(*page, "historyEmpty").isEmpty(); }, healthWaitMs));
+    ASSERT_TRUE(settleHealth(*window));
+    EXPECT_TRUE(
+        healthLabelText(*page, "historyEmpty").startsWith("Health keeps no record of this computer yet."));
     auto* keep = page->findChild<QPushButton*>("keepRecord");
     ASSERT_TRUE(keep && keep->isVisible());
     QTest::mouseClick(keep, Qt::LeftButton);
     ASSERT_TRUE(QTest::qWaitFor(
-        [&] { return labelText(*page, "historyEmpty").startsWith("The record is on."); }, waitMs));
+        [&] { return healthLabelText(*page, "historyEmpty").startsWith("The record is on."); },
+        healthWaitMs));
     EXPECT_FALSE(keep->isVisible());
 
     // A made-up week, as a sandbox's record may hold: a month shows its days.
@@ -150,9 +155,10 @@ TEST(AppHealth, TheHistorySaysWhyItIsEmptyUntilTheRecordHoldsSomethingThenDrawsI
     auto week = HealthHistory::madeUpWeek(systemNow());
     ASSERT_TRUE(live.healthRecord->seed(week.hours, week.quarters, week.minutes));
     page->showSpan(HealthHistory::Span::month);
-    ASSERT_TRUE(QTest::qWaitFor([&] { return page->historyRows() >= 7; }, waitMs)) << page->historyRows();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return page->historyRows() >= 7; }, healthWaitMs))
+        << page->historyRows();
     EXPECT_FALSE(page->historyEmpty());
-    EXPECT_TRUE(labelText(*page, "historyLine").startsWith("The processor averaged "))
+    EXPECT_TRUE(healthLabelText(*page, "historyLine").startsWith("The processor averaged "))
         << "the span in a sentence";
-    ASSERT_TRUE(settle(*window));
+    ASSERT_TRUE(settleHealth(*window));
 }

@@ -116,7 +116,6 @@ QString pressureWords(VitalsSnapshot::Pressure pressure) {
 
 QString areaTitle(CheckupArea area) {
     auto name = text(nameOf(area));
-    if (area == CheckupArea::age) return "Age";
     if (area == CheckupArea::startup) return "Startup items";
     name[0] = name[0].toUpper();
     return name;
@@ -830,7 +829,6 @@ void HealthPage::readHistory() {
                                 [this, r = std::move(r)](bool keeping) {
                                     if (r.problem) {
                                         // A record that cannot be opened is not "nothing yet".
-                                        history_.reset();
                                         chart_->setRows(span_, {});
                                         chart_->hide();
                                         historyLine_->hide();
@@ -848,7 +846,6 @@ void HealthPage::readHistory() {
 }
 
 void HealthPage::showHistory(const HealthHistory::Reading& reading, bool keeping) {
-    history_ = reading;
     auto rows = HealthHistory::rows(reading);
     chart_->setRows(span_, rows);
     auto overall = HealthHistory::overall(reading);

@@ -113,7 +113,6 @@ class HealthPage : public Page {
     AgentsReading agents_;
 
     HealthHistory::Span span_ = HealthHistory::Span::day;
-    std::optional<HealthHistory::Reading> history_;
 
     Balance balance_ = Balance::idle;
     std::optional<ScoredReading> before_;
