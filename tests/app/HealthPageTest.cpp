@@ -108,6 +108,18 @@ TEST(AppHealth, BalanceAsksForWhatIsTickedThenReportsAndUndoPutsTheMoveBack) {
         page->tickCandidate(i, false);
     ASSERT_TRUE(page->tickCandidate(0, true));
 
+    // Cancelling the question moves nothing and leaves the ticks as they were.
+    page->askToBalance();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return window->questionBox() != nullptr; }, healthWaitMs));
+    EXPECT_EQ(page->balanceState(), HealthPage::Balance::asking);
+    EXPECT_FALSE(page->tickCandidate(1, true)) << "the ticks are held while the question is open";
+    QTest::keyClick(window->questionBox(), Qt::Key_Escape);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return page->balanceState() == HealthPage::Balance::candidates; },
+                                healthWaitMs));
+    ASSERT_TRUE(settleHealth(*window));
+    EXPECT_EQ(window->resultBar()->text(), "Nothing was changed.");
+    EXPECT_FALSE(window->bridge()->undoable());
+
     page->askToBalance();
     ASSERT_TRUE(QTest::qWaitFor([&] { return window->questionBox() != nullptr; }, healthWaitMs));
     EXPECT_EQ(window->questionBox()->text(), "Balance the load?");

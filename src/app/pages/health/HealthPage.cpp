@@ -456,15 +456,15 @@ QWidget* HealthPage::makeBalanceCard() {
     chooseColumn->addLayout(candidates_);
     chooseColumn->addStretch(1);
     auto* chooseButtons = new QHBoxLayout;
-    auto* cancel = new QPushButton("Cancel");
-    cancel->setObjectName("balanceCancel");
-    connect(cancel, &QPushButton::clicked, this, &HealthPage::closeBalance);
+    balanceCancel_ = new QPushButton("Cancel");
+    balanceCancel_->setObjectName("balanceCancel");
+    connect(balanceCancel_, &QPushButton::clicked, this, &HealthPage::closeBalance);
     balanceGo_ = new QPushButton("Balance…");
     balanceGo_->setObjectName("balanceAsk");
     balanceGo_->setDefault(true);
     connect(balanceGo_, &QPushButton::clicked, this, &HealthPage::askToBalance);
     chooseButtons->addStretch(1);
-    chooseButtons->addWidget(cancel);
+    chooseButtons->addWidget(balanceCancel_);
     chooseButtons->addWidget(balanceGo_);
     chooseColumn->addLayout(chooseButtons);
     balanceStates_->addWidget(choose);
@@ -496,12 +496,10 @@ QWidget* HealthPage::makeBalanceCard() {
     connect(&bridge_, &ProductBridge::changed, this,
             [this] { balanceUndo_->setVisible(bridge_.undoKind() == "balance"); });
     connect(&bridge_, &ProductBridge::answered, this, [this](bool yes) {
-        if (balance_ != Balance::balancing) return;
-        if (!yes) {
-            balance_ = Balance::candidates;
-            showBalance();
-            return;
-        }
+        if (balance_ != Balance::asking) return;
+        balance_ = yes ? Balance::balancing : Balance::candidates;
+        showBalance();
+        if (!yes) return;
         // The product carries the balance out on its own thread; this read queues behind it.
         bridge_.withProduct([](LiteProduct& p) { return p.lastBalance(); },
                             [this](std::optional<LoadBalanced> balanced) {
@@ -888,7 +886,7 @@ void HealthPage::showHistory(const HealthHistory::Reading& reading, bool keeping
 // ---- balance
 
 void HealthPage::startBalance() {
-    if (balance_ == Balance::reading || balance_ == Balance::balancing) return;
+    if (balance_ == Balance::reading || balance_ == Balance::asking || balance_ == Balance::balancing) return;
     balance_ = Balance::reading;
     showBalance();
     const VantleLite* live = &bridge_.live();
@@ -905,6 +903,7 @@ void HealthPage::startBalance() {
             if (keeper_.shown) before_->score = keeper_.shown->value;
             found_ = std::move(read.second);
             balance_ = Balance::candidates;
+            fillCandidates();
             showBalance();
         });
 }
@@ -921,7 +920,7 @@ void HealthPage::askToBalance() {
     for (std::size_t i = 0; i < ticks_.size() && i < found_.candidates.size(); ++i)
         if (ticks_[i]->isChecked()) chosen.push_back(found_.candidates[i]);
     if (chosen.empty()) return;
-    balance_ = Balance::balancing;
+    balance_ = Balance::asking;
     showBalance();
     bridge_.withProduct([before = *before_, chosen = std::move(chosen)](LiteProduct& p) mutable {
         p.askToBalance(std::move(before), std::move(chosen));
@@ -929,9 +928,40 @@ void HealthPage::askToBalance() {
 }
 
 void HealthPage::closeBalance() {
-    if (balance_ == Balance::balancing) return;
+    if (balance_ == Balance::asking || balance_ == Balance::balancing) return;
     balance_ = Balance::idle;
     showBalance();
+}
+
+void HealthPage::fillCandidates() {
+    clearLayout(candidates_);
+    ticks_.clear();
+    nothing_->setText(found_.nothing
+                          ? QString::fromStdString(*found_.nothing)
+                          : "Ticked here is what Vantle would do. Nothing happens until you say yes.");
+    for (const auto& c : found_.candidates) {
+        auto* row = new QHBoxLayout;
+        auto* tick = new QCheckBox;
+        tick->setChecked(c.preferred);
+        tick->setAccessibleName(QString::fromStdString(c.name));
+        auto* why = new QLabel(QString::fromStdString(c.why));
+        why->setWordWrap(true);
+        why->setBuddy(tick);
+        auto* kind = new QLabel;
+        kind->setPixmap(
+            symbolIcon(c.action == BalanceCandidate::Action::quit ? "application-exit" : "go-down")
+                .pixmap(16, 16));
+        kind->setToolTip(c.action == BalanceCandidate::Action::quit ? "Asked to quit"
+                                                                    : "Moved to the efficiency cores");
+        row->addWidget(tick, 0, Qt::AlignTop);
+        row->addWidget(kind, 0, Qt::AlignTop);
+        row->addWidget(why, 1);
+        candidates_->addLayout(row);
+        ticks_.push_back(tick);
+        connect(tick, &QCheckBox::toggled, this, [this] {
+            balanceGo_->setEnabled(std::ranges::any_of(ticks_, [](QCheckBox* t) { return t->isChecked(); }));
+        });
+    }
 }
 
 void HealthPage::showBalance() {
@@ -947,38 +977,15 @@ void HealthPage::showBalance() {
         balanceStatus_->setText("Balancing: the figures are read again after a short pause…");
         balanceStates_->setCurrentIndex(1);
         break;
-    case Balance::candidates: {
-        clearLayout(candidates_);
-        ticks_.clear();
-        nothing_->setText(found_.nothing
-                              ? QString::fromStdString(*found_.nothing)
-                              : "Ticked here is what Vantle would do. Nothing happens until you say yes.");
-        for (const auto& c : found_.candidates) {
-            auto* row = new QHBoxLayout;
-            auto* tick = new QCheckBox;
-            tick->setChecked(c.preferred);
-            tick->setAccessibleName(QString::fromStdString(c.name));
-            auto* why = new QLabel(QString::fromStdString(c.why));
-            why->setWordWrap(true);
-            why->setBuddy(tick);
-            auto* kind = new QLabel;
-            kind->setPixmap(
-                symbolIcon(c.action == BalanceCandidate::Action::quit ? "application-exit" : "go-down")
-                    .pixmap(16, 16));
-            kind->setToolTip(c.action == BalanceCandidate::Action::quit ? "Asked to quit"
-                                                                        : "Moved to the efficiency cores");
-            row->addWidget(tick, 0, Qt::AlignTop);
-            row->addWidget(kind, 0, Qt::AlignTop);
-            row->addWidget(why, 1);
-            candidates_->addLayout(row);
-            ticks_.push_back(tick);
-            connect(tick, &QCheckBox::toggled, this, [this] {
-                balanceGo_->setEnabled(
-                    std::ranges::any_of(ticks_, [](QCheckBox* t) { return t->isChecked(); }));
-            });
-        }
+    case Balance::candidates:
+    case Balance::asking: {
+        bool open = balance_ == Balance::candidates;
+        for (auto* tick : ticks_)
+            tick->setEnabled(open);
+        balanceCancel_->setEnabled(open);
         balanceGo_->setVisible(!found_.candidates.empty());
-        balanceGo_->setEnabled(std::ranges::any_of(ticks_, [](QCheckBox* t) { return t->isChecked(); }));
+        balanceGo_->setEnabled(open &&
+                               std::ranges::any_of(ticks_, [](QCheckBox* t) { return t->isChecked(); }));
         balanceStates_->setCurrentIndex(2);
         break;
     }
@@ -992,6 +999,13 @@ void HealthPage::showBalance() {
         break;
     }
     }
+    // The card is as tall as the state shown, not as the tallest state it has held.
+    for (int i = 0; i < balanceStates_->count(); ++i) {
+        bool current = i == balanceStates_->currentIndex();
+        balanceStates_->widget(i)->setSizePolicy(current ? QSizePolicy::Preferred : QSizePolicy::Ignored,
+                                                 current ? QSizePolicy::Preferred : QSizePolicy::Ignored);
+    }
+    balanceStates_->updateGeometry();
     Q_EMIT balanceChanged();
 }
 

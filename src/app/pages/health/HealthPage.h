@@ -53,7 +53,8 @@ class HealthPage : public Page {
     // The busy processes shown: name and sentence, in the list's order.
     std::vector<std::pair<QString, QString>> busyRows() const;
 
-    enum class Balance { idle, reading, candidates, balancing, report };
+    // `asking` while the product's question is open: the candidates stay on screen, held.
+    enum class Balance { idle, reading, candidates, asking, balancing, report };
     Balance balanceState() const { return balance_; }
     void startBalance();
     // Ticks or unticks the candidate at `index`; false when there is none.
@@ -95,6 +96,7 @@ class HealthPage : public Page {
     void showActivity();
     void readHistory();
     void showHistory(const HealthHistory::Reading& reading, bool keeping);
+    void fillCandidates();
     void showBalance();
     void showCheckup();
     void act(const CheckupAction& action);
@@ -148,6 +150,7 @@ class HealthPage : public Page {
     QVBoxLayout* candidates_;
     QLabel* nothing_;
     QPushButton* balanceGo_;
+    QPushButton* balanceCancel_;
     QLabel* reportLabel_;
     QPushButton* balanceUndo_;
     QWidget* checkupCard_;
