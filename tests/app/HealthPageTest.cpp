@@ -5,6 +5,7 @@
 #include "app/bridge/ProductBridge.h"
 #include "app/design/Gauges.h"
 #include "app/design/ResultBar.h"
+#include "app/pages/storage/StoragePage.h"
 #include "app/shell/MainWindow.h"
 
 #include "support/TempDir.h"
@@ -172,5 +173,36 @@ TEST(AppHealth, TheHistorySaysWhyItIsEmptyUntilTheRecordHoldsSomethingThenDrawsI
     EXPECT_FALSE(page->historyEmpty());
     EXPECT_TRUE(healthLabelText(*page, "historyLine").startsWith("The processor averaged "))
         << "the span in a sentence";
+    ASSERT_TRUE(settleHealth(*window));
+}
+
+TEST(AppHealth, AFindingsButtonLeadsWhereItSaysBalanceHereCleanUpOnTheStoragePage) {
+    TempDir dir;
+    auto window = healthOver(dir);
+    auto* page = healthOf(*window);
+    // The sandbox's checkups take their made-up rows in turn; the third needs attention.
+    auto actionNamed = [&](const QString& words) -> QPushButton* {
+        for (auto* button : page->findChildren<QPushButton*>("findingAction"))
+            if (button->text() == words) return button;
+        return nullptr;
+    };
+    for (int i = 0; i < 4 && !actionNamed("Clean Up…"); ++i) {
+        ASSERT_TRUE(settleHealth(*window));
+        page->runCheckup();
+        ASSERT_TRUE(settleHealth(*window));
+    }
+    ASSERT_TRUE(actionNamed("Clean Up…")) << "the stand-in's attention row offers Clean Up";
+
+    QTest::mouseClick(actionNamed("Balance the Load…"), Qt::LeftButton);
+    EXPECT_EQ(page->balanceState(), HealthPage::Balance::reading);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return page->balanceState() == HealthPage::Balance::candidates; },
+                                healthWaitMs));
+    EXPECT_EQ(window->pageShown(), "health");
+
+    QTest::mouseClick(actionNamed("Clean Up…"), Qt::LeftButton);
+    EXPECT_EQ(window->pageShown(), "storage");
+    EXPECT_NE(window->storagePage()->state(), StoragePage::State::before) << "Clean Up starts the scan";
+    ASSERT_TRUE(QTest::qWaitFor([&] { return window->storagePage()->state() == StoragePage::State::report; },
+                                healthWaitMs));
     ASSERT_TRUE(settleHealth(*window));
 }
