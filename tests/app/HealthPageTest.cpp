@@ -65,6 +65,12 @@ TEST(AppHealth, LiveGaugesStopWhileTheWindowIsHiddenOrThePageIsLeftAndResumeWhen
     EXPECT_TRUE(page->readingLive());
     ASSERT_TRUE(page->score());
     EXPECT_EQ(page->findChild<Ring*>("scoreRing")->figure(), QString::number(page->score()->value));
+    // The busy list words each process as the panel does: the stand-in's browser is an open app.
+    QStringList sentences;
+    for (const auto& [name, sentence] : page->busyRows())
+        sentences << name + ": " + sentence;
+    EXPECT_TRUE(sentences.contains("Web Browser: An app you have open."))
+        << sentences.join(" | ").toStdString();
 
     auto stillAfterAWhile = [&] {
         EXPECT_TRUE(settleHealth(*window)); // a reading already on its way may land
