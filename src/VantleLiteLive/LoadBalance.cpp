@@ -4,6 +4,7 @@
 #include "VantleLiteLive/StandInRecord.h"
 #include "VantleSpec/ByteCount.h"
 #include "VantleSpec/Figures.h"
+#include "VantleSpec/HealthScoreKeeper.h"
 
 #include <algorithm>
 #include <cctype>
@@ -311,6 +312,20 @@ LoadBalanced::Figures figuresOf(const LoadReading& r) {
 }
 } // namespace
 
+ScoredReading readForBalance(ActivitySource& activity, VitalsReader& vitals, int ownPid, const fs::path& proc,
+                             std::chrono::milliseconds span,
+                             const std::function<void(std::chrono::milliseconds)>& pause) {
+    activity.read();
+    vitals.sample();
+    if (span.count() > 0) pause(span);
+    auto sample = activity.read();
+    auto now = vitals.sample();
+    ScoredReading out{LoadReading::of(sample, now, ownPid, proc), 0};
+    HealthScoreKeeper keeper;
+    out.score = keeper.look(now.at, HealthScore::Reading::of(now)).value;
+    return out;
+}
+
 LoadBalanced carryOut(const ScoredReading& before, const std::vector<BalanceCandidate>& chosen,
                       ProcessControls& controls, const LoadTiming& timing,
                       const std::function<ScoredReading()>& readAgain,
@@ -396,10 +411,13 @@ std::vector<std::string> reportOf(const LoadBalanced& b) {
         if (b.score->before == b.score->after)
             lines.push_back("Your Mac's health score is " + std::to_string(b.score->after) + ".");
         else
+            // The pressure is named only when it moved: "from normal to normal" says nothing.
             lines.push_back("Your Mac's health score went from " + std::to_string(b.score->before) + " to " +
-                            std::to_string(b.score->after) + ", and its pressure from " +
-                            std::string(nameOf(b.before.pressure)) + " to " +
-                            std::string(nameOf(b.after.pressure)) + ".");
+                            std::to_string(b.score->after) +
+                            (b.before.pressure == b.after.pressure
+                                 ? std::string(".")
+                                 : ", and its pressure from " + std::string(nameOf(b.before.pressure)) +
+                                       " to " + std::string(nameOf(b.after.pressure)) + "."));
     }
     lines.insert(lines.end(), b.failures.begin(), b.failures.end());
     return lines;

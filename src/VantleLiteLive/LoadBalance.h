@@ -7,6 +7,7 @@
 #include "Platform/ProcessScheduling.h"
 #include "VantleSpec/ActivityRecords.h"
 #include "VantleSpec/Json.h"
+#include "VantleVitals/VitalsReader.h"
 
 #include <chrono>
 #include <expected>
@@ -252,6 +253,13 @@ struct ScoredReading {
     LoadReading reading;
     int score = 0;
 };
+
+// Reads the machine for a balance: the processes twice, `span` apart (a process's share is measured
+// between two reads; a sandbox's made-up figures need no span), the vitals of the same moment, and
+// the health score from them. `proc` is where the busy processes' identities are read.
+ScoredReading readForBalance(ActivitySource& activity, VitalsReader& vitals, int ownPid,
+                             const std::filesystem::path& proc, std::chrono::milliseconds span,
+                             const std::function<void(std::chrono::milliseconds)>& pause);
 
 // Moves and quits what was chosen (each by itself; one failure never stops the rest), waits for the
 // machine to settle, reads it again and gives the figures before and after.

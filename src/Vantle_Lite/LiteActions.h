@@ -45,7 +45,13 @@ struct Undoable {
         std::vector<std::string> heldIds;
         bool operator==(const Storage&) const = default;
     };
-    std::variant<Trash, Startup, Storage> what;
+    // Processes a balance moved to the background band, put back on every core by their pids.
+    struct Balance {
+        std::vector<int> pids;
+        std::vector<std::string> names;
+        bool operator==(const Balance&) const = default;
+    };
+    std::variant<Trash, Startup, Storage, Balance> what;
     bool operator==(const Undoable&) const = default;
 };
 
@@ -73,6 +79,25 @@ struct LiteSentences {
     static constexpr std::string_view notBackOn = "{name} could not be put back";
 
     static constexpr std::string_view quitDone = "{name} is no longer running";
+    static constexpr std::string_view quitTitle = "Quit {name}?";
+    static constexpr std::string_view quitMessage = "{name} is using {percent}% of a core and {memory} of "
+                                                    "memory. It quits as its own Quit command does: with "
+                                                    "unsaved work it asks you first.";
+    static constexpr std::string_view quitConfirm = "Quit";
+    static constexpr std::string_view quitCancelled = "{name} stays open";
+
+    static constexpr std::string_view balanceTitle = "Balance the load?";
+    static constexpr std::string_view balanceMoves =
+        "{names} move to the efficiency cores at low priority, and ⌘Z puts them back on every core.";
+    static constexpr std::string_view balanceQuits =
+        "{names} are asked to quit: each saves your work or asks about it, as when you quit it yourself.";
+    static constexpr std::string_view balanceConfirm = "Balance";
+    static constexpr std::string_view balanceCancelled = "Nothing was changed.";
+    static constexpr std::string_view balanceMovedOne =
+        "Moved 1 process to the efficiency cores · ⌘Z puts it back";
+    static constexpr std::string_view balanceMovedMany =
+        "Moved {count} processes to the efficiency cores · ⌘Z puts them back";
+    static constexpr std::string_view backOnEveryCore = " back on every core.";
 
     static constexpr std::string_view restartTitle = "Restart this Mac?";
     static constexpr std::string_view restartMessage =

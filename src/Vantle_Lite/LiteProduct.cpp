@@ -4,11 +4,13 @@
 #include "Platform/ProcessScheduling.h"
 #include "Platform/SystemError.h"
 #include "VantleSpec/ByteCount.h"
+#include "VantleSpec/Figures.h"
 #include "VantleSpec/Sentence.h"
 
 #include <algorithm>
 #include <cctype>
 #include <thread>
+#include <unistd.h>
 
 namespace vantle {
 
@@ -17,7 +19,7 @@ std::shared_ptr<LiteProduct> LiteProduct::make(VantleLite live, Lifetime lifetim
     auto product = std::make_shared<LiteProduct>(std::move(live), std::move(settings));
     if (!product->live().processes)
         product->quitter = [](int pid) -> std::expected<void, std::string> {
-            if (auto asked = askToQuit(pid); !asked)
+            if (auto asked = vantle::askToQuit(pid); !asked)
                 return std::unexpected("The app could not be asked to quit: " +
                                        systemErrorText(asked.error()));
             // Asked as its own Quit would; it may stay open to ask about unsaved work.
@@ -52,6 +54,14 @@ void LiteProduct::startHealthRecorder() {
 namespace {
 std::string count(std::size_t n) {
     return std::to_string(n);
+}
+
+// "Mail", "Mail and Maps", "Mail, Maps and Notes".
+std::string namesOf(const std::vector<std::string>& names) {
+    std::string out;
+    for (std::size_t i = 0; i < names.size(); ++i)
+        out += (i == 0 ? "" : i + 1 == names.size() ? " and " : ", ") + names[i];
+    return out;
 }
 } // namespace
 
@@ -263,6 +273,83 @@ ResultLine LiteProduct::quitApp(int pid, const std::string& name) {
     return finish({fillIn(LiteSentences::quitDone, {{"name", name}}), "info.circle"});
 }
 
+void LiteProduct::askToQuit(const ProcessRow& process) {
+    auto name = process.app.value_or(process.name);
+    Confirmation question;
+    question.title = fillIn(LiteSentences::quitTitle, {{"name", name}});
+    question.message =
+        fillIn(LiteSentences::quitMessage,
+               {{"name", name},
+                {"percent", wholeNumber(process.cpuPercent)},
+                {"memory", memoryBytes(std::int64_t(process.memory ? process.memory : process.realMemory))}});
+    question.confirm = LiteSentences::quitConfirm;
+    question.act = [this, pid = process.pid, name] { return quitApp(pid, name); };
+    question.cancelled = [name] {
+        return ResultLine{fillIn(LiteSentences::quitCancelled, {{"name", name}}), "info.circle"};
+    };
+    confirmation_ = std::move(question);
+    notify();
+}
+
+LoadTiming LiteProduct::balanceTiming(const VantleLite& live) {
+    LoadTiming timing;
+    // A sandbox's figures are made up: there is nothing to wait for.
+    if (live.isSandbox) timing.before = timing.settle = timing.after = timing.quitWindow = {};
+    return timing;
+}
+
+ScoredReading LiteProduct::readLoad(const VantleLite& live) {
+    // A sandbox's processes are made up: none of them is looked up in this machine's /proc.
+    auto proc = live.isSandbox ? live.support / "no-proc" : std::filesystem::path("/proc");
+    return readForBalance(*live.activity, *live.vitals, ::getpid(), proc, balanceTiming(live).before,
+                          [](std::chrono::milliseconds d) { std::this_thread::sleep_for(d); });
+}
+
+void LiteProduct::askToBalance(ScoredReading before, std::vector<BalanceCandidate> chosen) {
+    std::vector<std::string> moves, quits;
+    for (const auto& c : chosen)
+        (c.action == BalanceCandidate::Action::slow ? moves : quits).push_back(c.name);
+    Confirmation question;
+    question.title = LiteSentences::balanceTitle;
+    if (!moves.empty()) question.message = fillIn(LiteSentences::balanceMoves, {{"names", namesOf(moves)}});
+    if (!quits.empty())
+        question.message += (question.message.empty() ? "" : " ") +
+                            fillIn(LiteSentences::balanceQuits, {{"names", namesOf(quits)}});
+    question.confirm = LiteSentences::balanceConfirm;
+    question.act = [this, before = std::move(before), chosen = std::move(chosen)] {
+        return balanceNow(before, chosen);
+    };
+    question.cancelled = [] {
+        return ResultLine{std::string(LiteSentences::balanceCancelled), "info.circle"};
+    };
+    confirmation_ = std::move(question);
+    notify();
+}
+
+ResultLine LiteProduct::balanceNow(const ScoredReading& before, const std::vector<BalanceCandidate>& chosen) {
+    auto timing = balanceTiming(live_);
+    auto sleep = [](std::chrono::milliseconds d) { std::this_thread::sleep_for(d); };
+    auto balanced = carryOut(
+        before, chosen, *live_.balance, timing, [this] { return readLoad(live_); }, sleep);
+    lastBalance_ = balanced;
+    if (!balanced.moved.empty()) {
+        Undoable::Balance undo;
+        for (const auto& moved : balanced.moved) {
+            undo.pids.push_back(moved.pid);
+            undo.names.push_back(moved.name);
+        }
+        undoable_ = Undoable{std::move(undo)};
+        auto n = balanced.moved.size();
+        return {n == 1 ? std::string(LiteSentences::balanceMovedOne)
+                       : fillIn(LiteSentences::balanceMovedMany, {{"count", count(n)}}),
+                "info.circle"};
+    }
+    // Only quits, or nothing: the report's first line says which.
+    auto lines = reportOf(balanced);
+    bool nothing = balanced.quit.empty() && balanced.stillOpen.empty();
+    return {lines.front(), nothing ? "exclamationmark.circle" : "info.circle"};
+}
+
 ResultLine LiteProduct::showInFileManager(const std::filesystem::path& item) {
     if (live_.standInApps) {
         live_.standInApps->reveal(item);
@@ -294,6 +381,22 @@ std::optional<ResultLine> LiteProduct::undoLast() {
         return finish({back.putBack.size() == 1
                            ? std::string(LiteSentences::putBackOne)
                            : fillIn(LiteSentences::putBackMany, {{"count", count(back.putBack.size())}}),
+                       "arrow.uturn.backward"});
+    }
+    if (auto* balance = std::get_if<Undoable::Balance>(&undo.what)) {
+        std::vector<std::string> back;
+        std::optional<ProcessControls::Failure> failure;
+        for (std::size_t i = 0; i < balance->pids.size(); ++i) {
+            if (auto put = live_.balance->putBack(balance->pids[i]); put)
+                back.push_back(balance->names[i]);
+            else if (!failure || put.error() != ProcessControls::Failure::gone)
+                failure = put.error(); // "ended" is said only when every one of them has
+        }
+        if (back.empty())
+            return finish({std::string(sentenceOf(failure.value_or(ProcessControls::Failure::gone))),
+                           "exclamationmark.circle"});
+        return finish({namesOf(back) + (back.size() == 1 ? " is" : " are") +
+                           std::string(LiteSentences::backOnEveryCore),
                        "arrow.uturn.backward"});
     }
     auto& startup = std::get<Undoable::Startup>(undo.what);

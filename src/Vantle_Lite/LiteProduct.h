@@ -78,6 +78,19 @@ class LiteProduct {
 
     // Quitting an app asks as the panel does; this is the act after the yes.
     ResultLine quitApp(int pid, const std::string& name);
+    // Asks before quitting a busy process, naming its share of a core and its memory.
+    void askToQuit(const ProcessRow& process);
+
+    // Balance the load. The reading and its candidates are taken off the UI thread (`readLoad`, a
+    // second's reading on a real machine); the question names what is ticked; the yes moves and
+    // quits each by itself, reads the machine again after a pause, keeps the report, and keeps the
+    // moves for Undo, which puts them back on every core. Carried out on the answering thread.
+    // `readLoad` touches only the live services, each thread-safe, so it may run on any worker.
+    static ScoredReading readLoad(const VantleLite& live);
+    void askToBalance(ScoredReading before, std::vector<BalanceCandidate> chosen);
+    const std::optional<LoadBalanced>& lastBalance() const { return lastBalance_; }
+    // The pauses of a balance: none for a sandbox's made-up figures.
+    static LoadTiming balanceTiming(const VantleLite& live);
     // Shows an item in the file manager through the opener's reveal (filled in by the wiring).
     ResultLine showInFileManager(const std::filesystem::path& item);
     std::function<std::expected<void, std::string>(const std::filesystem::path&)> revealer;
@@ -103,6 +116,7 @@ class LiteProduct {
     void notify();
     ResultLine trashNow(const std::vector<std::filesystem::path>& files);
     ResultLine cleanNow(const CleanPlan& plan);
+    ResultLine balanceNow(const ScoredReading& before, const std::vector<BalanceCandidate>& chosen);
 
     VantleLite live_;
     std::unique_ptr<SettingsStore> settings_;
@@ -114,6 +128,7 @@ class LiteProduct {
     std::optional<ResultLine> result_;
     std::optional<HomeTrash::Receipt> lastReceipt_;
     std::optional<CleanReceipt> lastCleanReceipt_;
+    std::optional<LoadBalanced> lastBalance_;
     std::map<int, std::function<void()>> listeners_;
     int nextListener_ = 0;
 };

@@ -3,8 +3,6 @@
 // the figures before and after with the health score's change.
 #include "cli/Commands.h"
 
-#include "VantleSpec/HealthScoreKeeper.h"
-
 #include <iostream>
 #include <thread>
 #include <unistd.h>
@@ -14,18 +12,10 @@ namespace vantle::cli {
 namespace {
 
 ScoredReading readNow(VantleLite& live, const LoadTiming& timing) {
-    // The processor's share is measured between two readings.
-    live.activity->read();
-    live.vitals->sample();
-    if (!live.isSandbox) std::this_thread::sleep_for(timing.before);
-    auto sample = live.activity->read();
-    auto vitals = live.vitals->sample();
     // A sandbox's processes are made up: none of them is looked up in this machine's /proc.
     auto proc = live.isSandbox ? live.support / "no-proc" : std::filesystem::path("/proc");
-    ScoredReading out{LoadReading::of(sample, vitals, ::getpid(), proc), 0};
-    HealthScoreKeeper keeper;
-    out.score = keeper.look(vitals.at, HealthScore::Reading::of(vitals)).value;
-    return out;
+    return readForBalance(*live.activity, *live.vitals, ::getpid(), proc, timing.before,
+                          [](std::chrono::milliseconds d) { std::this_thread::sleep_for(d); });
 }
 
 } // namespace

@@ -208,6 +208,7 @@ TEST(LoadBalance, TheStandInRecordsEachRequestAndTheReportSaysWhatChanged) {
     before.reading.processor = 0.6;
     before.reading.memoryUsed = 8'000'000'000;
     before.reading.memoryTotal = 16'000'000'000;
+    before.reading.pressure = VitalsSnapshot::Pressure::warning;
     auto found = findCandidates(before.reading);
     std::vector<std::chrono::milliseconds> paused;
     auto balanced = carryOut(
@@ -215,6 +216,7 @@ TEST(LoadBalance, TheStandInRecordsEachRequestAndTheReportSaysWhatChanged) {
         [&] {
             auto after = before;
             after.reading.processor = 0.3;
+            after.reading.pressure = VitalsSnapshot::Pressure::normal;
             after.score = 78;
             return after;
         },
@@ -226,8 +228,12 @@ TEST(LoadBalance, TheStandInRecordsEachRequestAndTheReportSaysWhatChanged) {
     EXPECT_NE(std::ranges::find(report, "The processor went from 60% to 30%."), report.end());
     EXPECT_NE(
         std::ranges::find(
-            report, "Your Mac's health score went from 70 to 78, and its pressure from normal to normal."),
+            report, "Your Mac's health score went from 70 to 78, and its pressure from warning to normal."),
         report.end());
+    // A pressure that did not move is not named.
+    balanced.after.pressure = balanced.before.pressure;
+    auto same = reportOf(balanced);
+    EXPECT_NE(std::ranges::find(same, "Your Mac's health score went from 70 to 78."), same.end());
 
     StandInBalance again(dir.path());
     auto events = again.record().events;

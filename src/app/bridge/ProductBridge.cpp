@@ -26,6 +26,7 @@ Snapshot snapshotOf(const LiteProduct& product) {
     if (const auto& undo = product.undoable())
         s.undoKind = std::holds_alternative<Undoable::Trash>(undo->what)     ? "trash"
                      : std::holds_alternative<Undoable::Startup>(undo->what) ? "startup"
+                     : std::holds_alternative<Undoable::Balance>(undo->what) ? "balance"
                                                                              : "storage";
     s.result = product.result();
     return s;
@@ -91,6 +92,7 @@ void ProductBridge::answer(bool yes) {
     // The question is gone from the window at once; the product clears it when it has acted.
     question_.reset();
     withProduct([yes](LiteProduct& p) { p.answer(yes); });
+    Q_EMIT answered(yes);
 }
 
 void ProductBridge::undoLast() {

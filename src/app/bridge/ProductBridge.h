@@ -82,7 +82,7 @@ class ProductBridge : public QObject {
     // What the product last said, as seen on the UI thread.
     const std::optional<Question>& question() const { return question_; }
     bool undoable() const { return undoable_; }
-    // What Undo would put back: "trash", "startup" or "storage"; empty when nothing.
+    // What Undo would put back: "trash", "startup", "storage" or "balance"; empty when nothing.
     const QString& undoKind() const { return undoKind_; }
     const std::optional<ResultLine>& result() const { return result_; }
 
@@ -102,6 +102,9 @@ class ProductBridge : public QObject {
   Q_SIGNALS:
     void changed();
     void windowVisibleChanged(bool visible);
+    // The question was answered; what the yes does is queued on the product's thread, so work
+    // handed over after this runs once it is done.
+    void answered(bool yes);
     void idle();
     // An Undo put back items a clean had set aside: storage figures are out of date.
     void storageUndone();

@@ -18,6 +18,8 @@ class Page : public QWidget {
 
   Q_SIGNALS:
     void summaryChanged();
+    // Asks the shell for another page by its name ("storage"), or for "cleanUp".
+    void openPage(const QString& name);
 };
 
 // A page that says in one sentence where its content is for now, and what to do meanwhile.

@@ -5,6 +5,7 @@
 #include "app/design/Page.h"
 #include "app/design/ResultBar.h"
 #include "app/design/Symbols.h"
+#include "app/pages/health/HealthPage.h"
 #include "app/pages/home/HomePage.h"
 #include "app/pages/storage/StoragePage.h"
 #include "app/shell/ScreenLockWatch.h"
@@ -321,12 +322,11 @@ QWidget* MainWindow::makeShell() {
         pages_->addWidget(page);
         pageByName_[name] = page;
         connect(page, &Page::summaryChanged, this, &MainWindow::updateHeader);
+        connect(page, &Page::openPage, this,
+                [this](const QString& to) { to == "cleanUp" ? cleanUp() : showPage(to); });
     };
     addPage("home", home_);
-    addPage("health",
-            new NoticePage("Health", "This computer's processor, memory, disk, heat and battery", "computer",
-                           "The Health page comes in the next version of this window. Meanwhile "
-                           "`vantle health` reads this computer from a terminal."));
+    addPage("health", new HealthPage(*bridge_));
     addPage("storage", storage_);
     addPage("privacy",
             new NoticePage("Privacy", "Everything that left this computer, from the network ledger",

@@ -7,6 +7,7 @@
 #include "app/bridge/ProductBridge.h"
 #include "app/design/ResultBar.h"
 #include "app/design/Symbols.h"
+#include "app/pages/health/HealthPage.h"
 #include "app/pages/home/FileListModel.h"
 #include "app/pages/home/HomePage.h"
 #include "app/pages/storage/StoragePage.h"
@@ -16,7 +17,9 @@
 #include <QApplication>
 #include <QMessageBox>
 #include <QScreen>
+#include <QSignalSpy>
 #include <QTest>
+#include <QToolButton>
 #include <QTreeWidget>
 
 #include <cstdio>
@@ -136,6 +139,51 @@ int main(int argc, char** argv) {
                 "the receipt");
         waitFor([&] { return storage->state() == StoragePage::State::report; }, "the new figures");
         shoot(window, "11-storage-receipt");
+    }
+
+    // Health: the score, the history of a made-up week put into the sandbox's record, a balance.
+    {
+        auto week = HealthHistory::madeUpWeek(systemNow());
+        (void)window.bridge()->live().healthRecord->seed(week.hours, week.quarters, week.minutes);
+        window.showPage("health");
+        auto* health = window.findChild<HealthPage*>("health");
+        waitFor([&] { return health->score() && health->checkup() && health->readingsTaken() > 2; },
+                "the health score and the checkup");
+        shoot(window, "12-health-score");
+        if (auto* how = health->findChild<QToolButton*>("howWorkedOut")) {
+            how->click();
+            shoot(window, "12-health-score-explained");
+            how->click();
+        }
+        health->scrollTo(HealthPage::Card::history);
+        waitFor([&] { return health->historyRows() > 0; }, "the history");
+        shoot(window, "13-health-history");
+        // The sandbox's checkups take their made-up rows in turn: the third needs attention.
+        auto attention = [&] {
+            return std::ranges::any_of(health->checkup()->findings,
+                                       [](const auto& f) { return f.status == CheckupStatus::attention; });
+        };
+        for (int i = 0; i < 3 && !attention(); ++i) {
+            QSignalSpy checked(health, &HealthPage::checkupShown);
+            health->runCheckup();
+            waitFor([&] { return checked.count() > 0; }, "a checkup");
+        }
+        health->scrollTo(HealthPage::Card::checkup);
+        shoot(window, "14-health-checkup");
+        health->scrollTo(HealthPage::Card::activity);
+        health->startBalance();
+        waitFor([&] { return health->balanceState() == HealthPage::Balance::candidates; }, "the candidates");
+        shoot(window, "15-health-balance-candidates");
+        health->askToBalance();
+        if (waitFor([&] { return window.questionBox() != nullptr; }, "the balance's question")) {
+            shoot(window, "16-health-balance-question");
+            for (auto* button : window.questionBox()->buttons())
+                if (button->objectName() == "confirm") button->click();
+            waitFor([&] { return health->balanceState() == HealthPage::Balance::report; },
+                    "the balance's report");
+            waitFor([&] { return window.bridge()->pending() == 0; }, "the result line");
+            shoot(window, "17-health-balance-report");
+        }
     }
     return failures == 0 ? 0 : 1;
 }
