@@ -73,6 +73,16 @@ struct LiteSentences {
     static constexpr std::string_view notBackOn = "{name} could not be put back";
 
     static constexpr std::string_view quitDone = "{name} is no longer running";
+    static constexpr std::string_view quitTitle = "Quit {name}?";
+    static constexpr std::string_view quitConfirm = "Quit";
+    static constexpr std::string_view quitCancelled = "{name} stays open";
+
+    static constexpr std::string_view eraseRecordTitle = "Erase the health record?";
+    static constexpr std::string_view eraseRecordMessage =
+        "Every point kept so far goes, and History starts again from now. This cannot be undone.";
+    static constexpr std::string_view eraseRecordConfirm = "Erase";
+    static constexpr std::string_view recordErased = "The health record was erased";
+    static constexpr std::string_view recordKept = "Nothing was erased";
 
     static constexpr std::string_view restartTitle = "Restart this Mac?";
     static constexpr std::string_view restartMessage =

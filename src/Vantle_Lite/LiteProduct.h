@@ -45,6 +45,10 @@ class LiteProduct {
         return true;
     }
 
+    // Whether the menu bar panel is open; the panel keeps it in step as it opens and closes.
+    bool panelOpen() const { return panelOpen_; }
+    void setPanelOpen(bool open) { panelOpen_ = open; }
+
     // The health record's on/off choice, kept in the settings; the recorder thread reads the copy in
     // `recording_`, never the settings store, which belongs to the main thread.
     bool keepsHealthRecord() const { return recording_.load(); }
@@ -76,8 +80,12 @@ class LiteProduct {
     std::optional<ResultLine> answer(bool yes);
     const std::optional<Confirmation>& confirmation() const { return confirmation_; }
 
-    // Quitting an app asks as the panel does; this is the act after the yes.
+    // Quitting a busy process asks first, naming its share of a core and its memory; the yes quits it
+    // as its own Quit command does (quitApp).
+    void askToQuit(const ProcessRow& process);
     ResultLine quitApp(int pid, const std::string& name);
+    // Erasing the health record asks first; only the yes erases it.
+    void askToEraseHealthRecord();
     // Shows an item in the file manager through the opener's reveal (filled in by the wiring).
     ResultLine showInFileManager(const std::filesystem::path& item);
     std::function<std::expected<void, std::string>(const std::filesystem::path&)> revealer;
@@ -103,10 +111,12 @@ class LiteProduct {
     void notify();
     ResultLine trashNow(const std::vector<std::filesystem::path>& files);
     ResultLine cleanNow(const CleanPlan& plan);
+    ResultLine quitNow(int pid, const std::string& name);
 
     VantleLite live_;
     std::unique_ptr<SettingsStore> settings_;
     bool windowVisible_ = true;
+    bool panelOpen_ = false;
     std::atomic<bool> recording_{false};
     std::unique_ptr<HealthRecorder> recorder_;
     std::optional<Confirmation> confirmation_;
