@@ -76,18 +76,18 @@ bool MenuBarItem::asksItself() const {
 }
 
 QString MenuBarItem::hotKeyNote() const {
-    QString note = "Apps cannot take a key of their own on this desktop. To open the panel with a key, add a "
-                   "shortcut that runs “vantle-lite --panel” in the desktop's keyboard settings";
+    QString where = "in the desktop's keyboard settings";
     auto desktop = qEnvironmentVariable("XDG_CURRENT_DESKTOP").toLower();
     if (desktop.contains("gnome"))
-        note += " (Settings ▸ Keyboard ▸ Custom Shortcuts).";
+        where = "in Settings ▸ Keyboard ▸ Custom Shortcuts";
     else if (desktop.contains("kde"))
-        note += " (System Settings ▸ Shortcuts ▸ Add New ▸ Command or Script).";
+        where = "in System Settings ▸ Shortcuts (Add New ▸ Command or Script)";
     else if (desktop.contains("xfce"))
-        note += " (Keyboard ▸ Application Shortcuts).";
-    else
-        note += ".";
-    if (!tray_) note += " This desktop shows no tray: the panel also opens from Window ▸ Menu Bar Panel.";
+        where = "in Keyboard ▸ Application Shortcuts";
+    auto note = QString("Apps cannot take a key of their own on this desktop. Give this key to a shortcut %1 "
+                        "that runs:<br><code>vantle-lite&nbsp;--panel</code>")
+                    .arg(where.toHtmlEscaped());
+    if (!tray_) note += "<br>This desktop shows no tray: the panel also opens from Window ▸ Menu Bar Panel.";
     return note;
 }
 

@@ -38,9 +38,11 @@ constexpr const char* lookingOver = "Looking over this Mac…";
 // The key names this desktop shows: Ctrl and Alt where the other system has its own symbols.
 constexpr const char* hintLine = "↩ Open   Ctrl+↩ Show in Vantle Lite   Alt+↩ Show in Folder";
 
-constexpr int recentDownloads = 6;
-constexpr int filesFound = 8;
-constexpr int busyListed = 4;
+// Enough to find what was just downloaded or typed for, and few enough that the panel stays small.
+constexpr int recentDownloads = 4;
+constexpr int filesFound = 5;
+constexpr int busyListed = 3;
+constexpr int panelHeight = 500;
 constexpr auto recentDays = std::chrono::days(30);
 
 constexpr int pathRole = Qt::UserRole + 1;
@@ -117,7 +119,6 @@ PanelView::PanelView(ProductBridge& bridge, QWidget* parent)
     setWindowTitle("Vantle Lite");
     setAccessibleName("Vantle Lite panel");
     setFixedWidth(360);
-    setMinimumHeight(420);
     setAttribute(Qt::WA_StyledBackground);
     setStyleSheet("#panel { border: 1px solid palette(mid); background: palette(window); }");
 
@@ -180,9 +181,11 @@ PanelView::PanelView(ProductBridge& bridge, QWidget* parent)
     });
     busyHead->addWidget(activity);
     column->addLayout(busyHead);
-    busyRows_ = new QVBoxLayout;
-    busyRows_->setSpacing(6);
-    column->addLayout(busyRows_);
+    busyBox_ = new QWidget;
+    busyRows_ = new QVBoxLayout(busyBox_);
+    busyRows_->setContentsMargins(0, 0, 0, 0);
+    busyRows_->setSpacing(8);
+    column->addWidget(busyBox_);
     busyNote_ = quiet(readingRunning);
     busyNote_->setObjectName("busyNote");
     column->addWidget(busyNote_);
@@ -237,7 +240,14 @@ PanelView::PanelView(ProductBridge& bridge, QWidget* parent)
     readings_->setInterval(2000);
     connect(readings_, &QTimer::timeout, this, &PanelView::readMachine);
     connect(&bridge_, &ProductBridge::changed, this, &PanelView::productChanged);
-    resize(360, 520);
+    resize(360, panelHeight);
+}
+
+void PanelView::fitContent() {
+    // Long names and sentences wrap: the panel grows to hold them rather than letting rows overlap.
+    auto* box = layout();
+    int need = box->hasHeightForWidth() ? box->heightForWidth(width()) : box->sizeHint().height();
+    resize(width(), std::max(panelHeight, need));
 }
 
 PanelView::~PanelView() {
@@ -401,6 +411,7 @@ void PanelView::showFiles(const std::vector<FileItem>& files) {
     filesNote_->setVisible(files.empty());
     if (!files.empty()) files_->setCurrentRow(0);
     updateHint();
+    fitContent();
 }
 
 void PanelView::updateHint() {
@@ -470,9 +481,8 @@ void PanelView::showBusy(const ActivitySample& sample) {
         const auto& process = busy_[i];
         auto* row = new QWidget;
         row->setObjectName("busyRow");
-        auto* grid = new QHBoxLayout(row);
-        grid->setContentsMargins(0, 0, 0, 0);
-        auto* words = new QVBoxLayout;
+        auto* words = new QVBoxLayout(row);
+        words->setContentsMargins(0, 0, 0, 0);
         words->setSpacing(0);
         auto* name = new QLabel(qt(process.app.value_or(process.name)));
         auto bold = name->font();
@@ -483,26 +493,27 @@ void PanelView::showBusy(const ActivitySample& sample) {
                                   .arg(qt(wholeNumber(process.cpuPercent, 0, 1e6)))
                                   .arg(qt(memoryBytes(std::int64_t(memory)))));
         figures->setWordWrap(false);
-        auto* top = new QHBoxLayout;
-        top->addWidget(name, 1);
-        top->addWidget(figures);
         auto* sentence = quiet(qt(busySentence(process, sample.agents)));
         sentence->setObjectName("busySentence");
         auto small = sentence->font();
         small.setPointSizeF(small.pointSizeF() - 1);
         sentence->setFont(small);
-        words->addLayout(top);
-        words->addWidget(sentence);
         auto* quit = new QPushButton("Quit");
         quit->setObjectName("quit");
         quit->setAccessibleName("Quit " + name->text());
         connect(quit, &QPushButton::clicked, this, [this, i] { askToQuit(int(i)); });
-        grid->addLayout(words, 1);
-        grid->addWidget(quit, 0, Qt::AlignVCenter);
+        auto* top = new QHBoxLayout;
+        top->addWidget(name, 1);
+        top->addWidget(figures);
+        top->addSpacing(8);
+        top->addWidget(quit);
+        words->addLayout(top);
+        words->addWidget(sentence);
         busyRows_->addWidget(row);
     }
     busyNote_->setText(nothingBusy);
     busyNote_->setVisible(busy_.empty());
+    fitContent();
 }
 
 void PanelView::askToQuit(int index) {
@@ -518,7 +529,10 @@ void PanelView::productChanged() {
         questionTitle_->setText(question->title);
         questionText_->setText(question->message);
         questionYes_->setText(question->confirm);
+        // The question stands in the busy rows' place; its title names the process.
+        busyBox_->hide();
         question_->show();
+        fitContent();
         questionYes_->setFocus();
     }
     if (awaitingResult_ && !question && bridge_.result()) {
@@ -531,6 +545,7 @@ void PanelView::productChanged() {
 void PanelView::answer(bool yes) {
     if (!asking_) return;
     question_->hide();
+    busyBox_->show();
     asking_ = false;
     awaitingResult_ = true;
     bridge_.answer(yes);

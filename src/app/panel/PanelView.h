@@ -78,6 +78,7 @@ class PanelView : public QWidget {
     void productChanged();
     void updateHint();
     void say(const QString& text);
+    void fitContent();
 
     ProductBridge& bridge_;
     QLineEdit* search_;
@@ -85,6 +86,7 @@ class PanelView : public QWidget {
     QListWidget* files_;
     QLabel* filesNote_;
     QLabel* hint_;
+    QWidget* busyBox_;
     QVBoxLayout* busyRows_;
     QLabel* busyNote_;
     QFrame* question_;

@@ -11,6 +11,7 @@
 #include <QHBoxLayout>
 #include <QHeaderView>
 #include <QLabel>
+#include <QPainter>
 #include <QStackedWidget>
 #include <QTimer>
 #include <QTreeWidget>
@@ -64,6 +65,16 @@ QString purposeWords(LedgerEntry::Purpose purpose) {
     return {};
 }
 
+// A symbolic (one-colour) icon drawn in the palette's text colour, so it shows in the dark style too.
+QIcon tinted(const char* name, const QColor& colour) {
+    auto pixmap = symbolIcon(name).pixmap(16, 16);
+    if (pixmap.isNull()) return {};
+    QPainter painter(&pixmap);
+    painter.setCompositionMode(QPainter::CompositionMode_SourceIn);
+    painter.fillRect(pixmap.rect(), colour);
+    return QIcon(pixmap);
+}
+
 bool isLeaving(const LedgerEntry& e) {
     return e.failure && *e.failure == LedgerEntry::leavingNote;
 }
@@ -73,9 +84,15 @@ QString resultOf(const std::vector<LedgerEntry>& lines) {
     const auto& last = lines.back();
     if (last.failure && *last.failure == LedgerEntry::neverRecorded) return "Result never recorded";
     if (lines.size() == 1 && isLeaving(last)) return "On its way…";
-    QString text = last.status ? QString("Status %1").arg(*last.status) : QString("Failed");
+    if (!last.status) {
+        // The broker's short note ("connection failed"), as the start of a line.
+        auto note = last.failure ? qt(*last.failure) : QString("Failed");
+        if (!note.isEmpty()) note[0] = note[0].toUpper();
+        return note;
+    }
+    QString text = QString("Status %1").arg(*last.status);
     if (last.bytesReceived > 0) text += " · " + qt(fileBytes(last.bytesReceived));
-    if (last.failure && !isLeaving(last)) text += " · " + qt(*last.failure);
+    if (last.failure) text += " · " + qt(*last.failure);
     return text;
 }
 
@@ -90,8 +107,8 @@ QString detailOf(const LedgerEntry& e, bool first) {
     }
     text = QString("Answered at %1").arg(secondsOf(e.at));
     if (e.status) text += QString(" · status %1").arg(*e.status);
-    text +=
-        QString(" · %1 sent, %2 received").arg(qt(fileBytes(e.bytesSent)), qt(fileBytes(e.bytesReceived)));
+    if (e.bytesSent > 0) text += " · " + qt(fileBytes(e.bytesSent)) + " sent";
+    text += " · " + qt(fileBytes(e.bytesReceived)) + " received";
     if (e.redirectedFrom) text += " · redirected from " + qt(*e.redirectedFrom);
     if (e.failure) text += " · " + qt(*e.failure);
     return text;
@@ -119,7 +136,9 @@ PrivacyPage::PrivacyPage(ProductBridge& bridge, QWidget* parent) : Page(parent),
     words->addWidget(offline_);
     top->addWidget(shield, 0, Qt::AlignTop);
     top->addSpacing(8);
-    top->addLayout(words, 1);
+    // Sentences keep a readable line length on a wide window.
+    top->addLayout(words, 3);
+    top->addStretch(1);
     column->addLayout(top);
 
     const auto& live = bridge_.live();
@@ -241,9 +260,12 @@ void PrivacyPage::fill(QTreeWidgetItem* row, const std::vector<LedgerEntry>& lin
     row->setText(2, qt(first.host));
     row->setText(3, resultOf(lines));
     row->setToolTip(3, row->text(3));
-    row->setIcon(3, symbolIcon(lines.back().status && *lines.back().status < 400 ? "emblem-ok"
-                               : lines.size() == 1 && isLeaving(lines.back())    ? "content-loading"
-                                                                                 : "dialog-warning"));
+    bool answered = lines.back().status && *lines.back().status < 400;
+    bool underway = lines.size() == 1 && isLeaving(lines.back());
+    auto text = palette().color(QPalette::Text);
+    row->setIcon(3, answered   ? tinted("emblem-ok", text)
+                    : underway ? tinted("content-loading", text)
+                               : symbolIcon("dialog-warning"));
     qDeleteAll(row->takeChildren());
     for (std::size_t i = 0; i < lines.size(); ++i) {
         auto* detail = new QTreeWidgetItem(row);

@@ -24,7 +24,7 @@ constexpr const char* recordLine =
     "A point a minute for about a day, then each quarter hour for a month and each "
     "hour for a year, kept on this computer only. History is drawn from it.";
 constexpr const char* hotKeyLabel = "Open the menu bar panel with";
-constexpr const char* loginLabel = "Open at login";
+constexpr const char* loginLabel = "Open Vantle Lite when you log in";
 constexpr const char* loginLine =
     "Vantle Lite starts in the tray when you log in, so the menu bar panel is there "
     "and the health record keeps going.";
@@ -150,7 +150,8 @@ SettingsPage::SettingsPage(ProductBridge& bridge, QStringList loginCommand, QWid
     panel->addWidget(hotKeyNote_);
     connect(hotKey_, &QKeySequenceEdit::editingFinished, this, [this] {
         // One chord: a global key is pressed at once, never as a sequence.
-        auto key = hotKey_->keySequence().isEmpty() ? QKeySequence() : QKeySequence(hotKey_->keySequence()[0]);
+        auto key =
+            hotKey_->keySequence().isEmpty() ? QKeySequence() : QKeySequence(hotKey_->keySequence()[0]);
         hotKey_->setKeySequence(key);
         bridge_.withProduct([text = utf8(key.toString(QKeySequence::PortableText))](LiteProduct& p) {
             p.settings().setStrings(hotKeyKey, {text});
