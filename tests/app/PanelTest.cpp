@@ -4,6 +4,7 @@
 #include "VantleLiteLive/StandInProcesses.h"
 #include "app/bridge/ProductBridge.h"
 #include "app/design/ResultBar.h"
+#include "app/pages/privacy/PrivacyPage.h"
 #include "app/pages/settings/SettingsPage.h"
 #include "app/panel/MenuBarItem.h"
 #include "app/panel/PanelView.h"
@@ -11,6 +12,7 @@
 
 #include "support/TempDir.h"
 
+#include <QApplication>
 #include <QCheckBox>
 #include <QFrame>
 #include <QLabel>
@@ -18,6 +20,7 @@
 #include <QMessageBox>
 #include <QPushButton>
 #include <QTest>
+#include <QTreeWidget>
 
 #include <gtest/gtest.h>
 
@@ -201,5 +204,39 @@ TEST(AppSettings, OpenAtLoginWritesTheSandboxsOwnAutostartEntryAndRemovesIt) {
     box->click();
     ASSERT_TRUE(QTest::qWaitFor([&] { return box->isEnabled() && !fs::exists(entry); }, waitMs));
     EXPECT_FALSE(box->isChecked());
+    ASSERT_TRUE(settle(*window));
+}
+
+TEST(AppPrivacy, ARequestsTwoLinesArriveAsOneRowWhileThePageIsOnScreenAndWaitWhileItIsNot) {
+    TempDir dir;
+    auto window = shellOver(dir);
+    auto ledger = window->bridge()->live().ledgerWriter;
+    ASSERT_TRUE(ledger);
+    window->showPage("privacy");
+    auto* requests = window->privacyPage()->requests();
+    ASSERT_TRUE(settle(*window));
+    EXPECT_EQ(requests->topLevelItemCount(), 0);
+
+    auto id = ledger->recordLeaving(
+        {.purpose = LedgerEntry::Purpose::update, .url = "https://vantle.app/updates/lite/appcast.xml"});
+    ASSERT_TRUE(id);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return requests->topLevelItemCount() == 1; }, waitMs));
+    EXPECT_EQ(requests->topLevelItem(0)->text(3), "On its way…");
+    ASSERT_TRUE(ledger->recordResult(*id, {.status = 200, .bytesReceived = 3184}));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return requests->topLevelItem(0)->childCount() == 2; }, waitMs));
+    EXPECT_EQ(requests->topLevelItemCount(), 1) << "both lines of a request are one row";
+    EXPECT_EQ(requests->topLevelItem(0)->text(2), "vantle.app");
+    EXPECT_EQ(requests->topLevelItem(0)->text(3), "Status 200 · 3 KB");
+
+    // Off screen the page takes nothing up; back on screen it catches up.
+    window->showPage("settings");
+    ASSERT_TRUE(ledger->recordLeaving({.purpose = LedgerEntry::Purpose::download,
+                                       .url = "https://vantle.app/updates/lite/VantleLite-2.tar.xz"}));
+    EXPECT_FALSE(window->privacyPage()->takingUp());
+    QApplication::processEvents();
+    EXPECT_EQ(requests->topLevelItemCount(), 1);
+    window->showPage("privacy");
+    ASSERT_TRUE(QTest::qWaitFor([&] { return requests->topLevelItemCount() == 2; }, waitMs));
+    EXPECT_EQ(requests->topLevelItem(0)->text(1), "Update download") << "newest first";
     ASSERT_TRUE(settle(*window));
 }

@@ -331,13 +331,6 @@ QString PanelView::readingText() const {
     return reading_->text();
 }
 
-QStringList PanelView::busySentences() const {
-    QStringList sentences;
-    for (const auto& row : busy_)
-        sentences << qt(busySentence(row));
-    return sentences;
-}
-
 void PanelView::searchChanged(const QString& text) {
     ++searchGeneration_;
     if (searching_) searching_->cancel();

@@ -45,8 +45,6 @@ class PanelView : public QWidget {
     QString readingText() const;
     const std::vector<FileItem>& filesShown() const { return shownFiles_; }
     const std::vector<ProcessRow>& busyShown() const { return busy_; }
-    // The sentence shown beside each busy process, in order.
-    QStringList busySentences() const;
     // Asks to quit the busy process in row `index`; the question is asked in the panel.
     void askToQuit(int index);
     bool asking() const { return asking_; }

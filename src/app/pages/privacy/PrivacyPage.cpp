@@ -192,9 +192,8 @@ QString PrivacyPage::summary() const {
     return "Everything that left this computer, from the network ledger";
 }
 
-QString PrivacyPage::statement() const {
-    return statement_->text() +
-           (offline_->isVisible() || bridge_.live().offline ? "\n" + offline_->text() : "");
+bool PrivacyPage::takingUp() const {
+    return poll_->isActive();
 }
 
 void PrivacyPage::shown() {

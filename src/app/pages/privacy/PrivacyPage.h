@@ -34,7 +34,8 @@ class PrivacyPage : public Page {
     void shown() override;
 
     QTreeWidget* requests() const { return tree_; }
-    QString statement() const;
+    // Whether new ledger lines are being taken up (only while the page is on screen).
+    bool takingUp() const;
 
   protected:
     void showEvent(QShowEvent* event) override;

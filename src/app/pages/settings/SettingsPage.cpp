@@ -215,10 +215,6 @@ void SettingsPage::readStatus() {
     status_->setText(updater ? qt(updater->status().sentence()) : QString());
 }
 
-QString SettingsPage::updateStatus() const {
-    return status_->text();
-}
-
 QString SettingsPage::loginNote() const {
     return loginNote_->text();
 }

@@ -33,7 +33,6 @@ class SettingsPage : public Page {
     QCheckBox* keepRecord() const { return keepRecord_; }
     QPushButton* eraseRecord() const { return erase_; }
     QCheckBox* openAtLogin() const { return openAtLogin_; }
-    QString updateStatus() const;
     QString loginNote() const;
     // Says what the desktop does with the hot key (registered, or what to set up by hand).
     void setHotKeyNote(const QString& text);
