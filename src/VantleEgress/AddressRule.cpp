@@ -1,11 +1,11 @@
 #include "VantleEgress/AddressRule.h"
+#include "VantleEgress/CurlCalls.h"
 
 #include "VantleSpec/Sentence.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cstring>
-#include <curl/curl.h>
 #include <memory>
 #include <netinet/in.h>
 
@@ -13,19 +13,41 @@ namespace vantle {
 
 namespace {
 
-struct UrlDeleter {
-    void operator()(CURLU* url) const { curl_url_cleanup(url); }
-};
-struct CurlTextDeleter {
-    void operator()(char* text) const { curl_free(text); }
-};
+// libcurl's own parse of the address, so the check sees the host it will reach. Without libcurl no
+// request can be made at all, and every address reads as unreadable.
+class ParsedUrl {
+  public:
+    explicit ParsedUrl(const std::string& text) {
+        auto calls = curlCalls();
+        if (!calls) return;
+        curl_ = *calls;
+        url_ = curl_->url();
+        if (url_ &&
+            curl_->url_set(url_, CURLUPART_URL, text.c_str(), CURLU_NON_SUPPORT_SCHEME) != CURLUE_OK) {
+            curl_->url_cleanup(url_);
+            url_ = nullptr;
+        }
+    }
+    ~ParsedUrl() {
+        if (url_) curl_->url_cleanup(url_);
+    }
+    ParsedUrl(const ParsedUrl&) = delete;
+    ParsedUrl& operator=(const ParsedUrl&) = delete;
 
-std::optional<std::string> part(CURLU* url, CURLUPart which) {
-    char* raw = nullptr;
-    if (curl_url_get(url, which, &raw, 0) != CURLUE_OK || !raw) return std::nullopt;
-    std::unique_ptr<char, CurlTextDeleter> owned(raw);
-    return std::string(raw);
-}
+    bool readable() const { return url_ != nullptr; }
+
+    std::optional<std::string> part(CURLUPart which) const {
+        char* raw = nullptr;
+        if (!url_ || curl_->url_get(url_, which, &raw, 0) != CURLUE_OK || !raw) return std::nullopt;
+        std::string text(raw);
+        curl_->free(raw);
+        return text;
+    }
+
+  private:
+    const CurlCalls* curl_ = nullptr;
+    CURLU* url_ = nullptr;
+};
 
 std::string lowered(std::string_view text) {
     std::string out(text);
@@ -138,24 +160,23 @@ bool isLocalName(std::string_view host) {
 
 std::expected<std::string, EgressRefusal> AddressRule::check(std::string_view url) const {
     using Case = EgressRefusal::Case;
-    std::unique_ptr<CURLU, UrlDeleter> parsed(curl_url());
     const std::string text(url);
-    bool readable = parsed && curl_url_set(parsed.get(), CURLUPART_URL, text.c_str(),
-                                           CURLU_NON_SUPPORT_SCHEME) == CURLUE_OK;
+    const ParsedUrl parsed(text);
+    bool readable = parsed.readable();
 
     std::string scheme;
     if (readable) {
-        scheme = lowered(part(parsed.get(), CURLUPART_SCHEME).value_or(""));
+        scheme = lowered(parsed.part(CURLUPART_SCHEME).value_or(""));
     } else if (auto colon = text.find(':'); colon != std::string::npos) {
         scheme = lowered(std::string_view(text).substr(0, colon));
     }
     if (scheme != "https")
         return std::unexpected(refuse(Case::notHTTPS, EgressRefusal::notHTTPSSentence, "url", url));
 
-    auto rawHost = readable ? part(parsed.get(), CURLUPART_HOST) : std::nullopt;
+    auto rawHost = readable ? parsed.part(CURLUPART_HOST) : std::nullopt;
     if (!rawHost || rawHost->empty())
         return std::unexpected(refuse(Case::noHost, EgressRefusal::noHostSentence));
-    if (part(parsed.get(), CURLUPART_USER) || part(parsed.get(), CURLUPART_PASSWORD))
+    if (parsed.part(CURLUPART_USER) || parsed.part(CURLUPART_PASSWORD))
         return std::unexpected(refuse(Case::credentials, EgressRefusal::credentialsSentence));
 
     auto characters = std::count_if(text.begin(), text.end(),

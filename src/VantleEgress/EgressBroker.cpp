@@ -1,31 +1,20 @@
 #include "VantleEgress/EgressBroker.h"
 
 #include "VantleEgress/AddressRule.h"
+#include "VantleEgress/CurlCalls.h"
 #include "VantleSpec/Sentence.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
-#include <curl/curl.h>
 #include <sys/socket.h>
 
 namespace vantle {
 
 namespace {
 
-struct EasyDeleter {
-    void operator()(CURL* easy) const { curl_easy_cleanup(easy); }
-};
-struct ListDeleter {
-    void operator()(curl_slist* list) const { curl_slist_free_all(list); }
-};
-using Easy = std::unique_ptr<CURL, EasyDeleter>;
-using List = std::unique_ptr<curl_slist, ListDeleter>;
-
-void initialiseCurlOnce() {
-    static std::once_flag once;
-    std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
-}
+using Easy = std::unique_ptr<CURL, decltype(&::curl_easy_cleanup)>;
+using List = std::unique_ptr<curl_slist, decltype(&::curl_slist_free_all)>;
 
 std::string lowerCaseName(std::string_view text) {
     std::string out(text);
@@ -110,9 +99,7 @@ struct EgressBroker::Hop {
 };
 
 EgressBroker::EgressBroker(std::shared_ptr<EgressLedger> ledger, Options options)
-    : ledger_(std::move(ledger)), options_(std::move(options)) {
-    initialiseCurlOnce();
-}
+    : ledger_(std::move(ledger)), options_(std::move(options)) {}
 
 EgressBroker::~EgressBroker() {
     cancelAll();
@@ -292,7 +279,14 @@ std::expected<EgressResponse, EgressFailure> EgressBroker::sendChecked(const Egr
 }
 
 void EgressBroker::runHop(Hop& hop, const std::atomic<bool>& cancelled) const {
-    Easy easy(curl_easy_init());
+    auto calls = curlCalls();
+    if (!calls) {
+        hop.code = CURLE_FAILED_INIT;
+        hop.errorText = "the network library could not be loaded (" + calls.error() + ")";
+        return;
+    }
+    const CurlCalls& curl = **calls;
+    Easy easy(curl.easy_init(), curl.easy_cleanup);
     if (!easy) {
         hop.code = CURLE_FAILED_INIT;
         hop.errorText = "the transfer could not be made";
@@ -300,47 +294,47 @@ void EgressBroker::runHop(Hop& hop, const std::atomic<bool>& cancelled) const {
     }
     CURL* h = easy.get();
     char errorBuffer[CURL_ERROR_SIZE] = {};
-    List headers;
+    List headers(nullptr, curl.slist_free_all);
     for (const auto& line : hop.headerLines) {
-        auto* grown = curl_slist_append(headers.get(), line.c_str());
+        auto* grown = curl.slist_append(headers.get(), line.c_str());
         if (!grown) break;
         (void)headers.release();
         headers.reset(grown);
     }
-    List resolve;
+    List resolve(nullptr, curl.slist_free_all);
     for (const auto& entry : options_.resolve) {
-        auto* grown = curl_slist_append(resolve.get(), entry.c_str());
+        auto* grown = curl.slist_append(resolve.get(), entry.c_str());
         if (!grown) break;
         (void)resolve.release();
         resolve.reset(grown);
     }
 
-    curl_easy_setopt(h, CURLOPT_URL, hop.url.c_str());
-    curl_easy_setopt(h, CURLOPT_PROTOCOLS_STR, "https");
-    curl_easy_setopt(h, CURLOPT_FOLLOWLOCATION, 0L);
-    curl_easy_setopt(h, CURLOPT_NOSIGNAL, 1L);
+    curl.easy_setopt(h, CURLOPT_URL, hop.url.c_str());
+    curl.easy_setopt(h, CURLOPT_PROTOCOLS_STR, "https");
+    curl.easy_setopt(h, CURLOPT_FOLLOWLOCATION, 0L);
+    curl.easy_setopt(h, CURLOPT_NOSIGNAL, 1L);
     // Requests go straight to the site: through a proxy the address checked below would be the proxy's.
-    curl_easy_setopt(h, CURLOPT_PROXY, "");
-    curl_easy_setopt(h, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
-    curl_easy_setopt(h, CURLOPT_TIMEOUT_MS, static_cast<long>(options_.limits.timeout.count()));
-    curl_easy_setopt(h, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(options_.limits.timeout.count()));
-    curl_easy_setopt(h, CURLOPT_HTTPHEADER, headers.get());
-    curl_easy_setopt(h, CURLOPT_ERRORBUFFER, errorBuffer);
+    curl.easy_setopt(h, CURLOPT_PROXY, "");
+    curl.easy_setopt(h, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
+    curl.easy_setopt(h, CURLOPT_TIMEOUT_MS, static_cast<long>(options_.limits.timeout.count()));
+    curl.easy_setopt(h, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(options_.limits.timeout.count()));
+    curl.easy_setopt(h, CURLOPT_HTTPHEADER, headers.get());
+    curl.easy_setopt(h, CURLOPT_ERRORBUFFER, errorBuffer);
     if (options_.trustedCertificates)
-        curl_easy_setopt(h, CURLOPT_CAINFO, options_.trustedCertificates->c_str());
-    if (resolve) curl_easy_setopt(h, CURLOPT_RESOLVE, resolve.get());
+        curl.easy_setopt(h, CURLOPT_CAINFO, options_.trustedCertificates->c_str());
+    if (resolve) curl.easy_setopt(h, CURLOPT_RESOLVE, resolve.get());
     if (hop.method == EgressRequest::Method::post) {
-        curl_easy_setopt(h, CURLOPT_POST, 1L);
-        curl_easy_setopt(h, CURLOPT_POSTFIELDSIZE_LARGE,
+        curl.easy_setopt(h, CURLOPT_POST, 1L);
+        curl.easy_setopt(h, CURLOPT_POSTFIELDSIZE_LARGE,
                          static_cast<curl_off_t>(hop.body ? hop.body->size() : 0));
-        curl_easy_setopt(h, CURLOPT_COPYPOSTFIELDS, hop.body ? hop.body->c_str() : "");
+        curl.easy_setopt(h, CURLOPT_COPYPOSTFIELDS, hop.body ? hop.body->c_str() : "");
     } else {
-        curl_easy_setopt(h, CURLOPT_HTTPGET, 1L);
+        curl.easy_setopt(h, CURLOPT_HTTPGET, 1L);
     }
 
     // The address about to be connected to is checked before the socket exists, so nothing is ever
     // sent to a private address a public name resolved to.
-    curl_easy_setopt(h, CURLOPT_OPENSOCKETDATA, &hop);
+    curl.easy_setopt(h, CURLOPT_OPENSOCKETDATA, &hop);
     auto* openSocket = +[](void* data, curlsocktype, curl_sockaddr* address) -> curl_socket_t {
         auto& hop = *static_cast<Hop*>(data);
         bool loopback = false;
@@ -350,9 +344,9 @@ void EgressBroker::runHop(Hop& hop, const std::atomic<bool>& cancelled) const {
         }
         return ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
     };
-    curl_easy_setopt(h, CURLOPT_OPENSOCKETFUNCTION, openSocket);
+    curl.easy_setopt(h, CURLOPT_OPENSOCKETFUNCTION, openSocket);
 
-    curl_easy_setopt(h, CURLOPT_HEADERDATA, &hop);
+    curl.easy_setopt(h, CURLOPT_HEADERDATA, &hop);
     auto* onHeader = +[](char* data, size_t size, size_t count, void* user) -> size_t {
         auto& hop = *static_cast<Hop*>(user);
         size_t bytes = size * count;
@@ -379,9 +373,9 @@ void EgressBroker::runHop(Hop& hop, const std::atomic<bool>& cancelled) const {
         if (!inserted) it->second += ", " + value;
         return bytes;
     };
-    curl_easy_setopt(h, CURLOPT_HEADERFUNCTION, onHeader);
+    curl.easy_setopt(h, CURLOPT_HEADERFUNCTION, onHeader);
 
-    curl_easy_setopt(h, CURLOPT_WRITEDATA, &hop);
+    curl.easy_setopt(h, CURLOPT_WRITEDATA, &hop);
     auto* onBody = +[](char* data, size_t size, size_t count, void* user) -> size_t {
         auto& hop = *static_cast<Hop*>(user);
         size_t bytes = size * count;
@@ -392,31 +386,31 @@ void EgressBroker::runHop(Hop& hop, const std::atomic<bool>& cancelled) const {
         hop.received.append(data, bytes);
         return bytes;
     };
-    curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, onBody);
+    curl.easy_setopt(h, CURLOPT_WRITEFUNCTION, onBody);
 
-    curl_easy_setopt(h, CURLOPT_NOPROGRESS, 0L);
-    curl_easy_setopt(h, CURLOPT_XFERINFODATA, &cancelled);
+    curl.easy_setopt(h, CURLOPT_NOPROGRESS, 0L);
+    curl.easy_setopt(h, CURLOPT_XFERINFODATA, &cancelled);
     auto* onProgress = +[](void* data, curl_off_t, curl_off_t, curl_off_t, curl_off_t) -> int {
         return static_cast<const std::atomic<bool>*>(data)->load() ? 1 : 0;
     };
-    curl_easy_setopt(h, CURLOPT_XFERINFOFUNCTION, onProgress);
+    curl.easy_setopt(h, CURLOPT_XFERINFOFUNCTION, onProgress);
 
-    hop.code = curl_easy_perform(h);
+    hop.code = curl.easy_perform(h);
 
     long status = 0;
-    curl_easy_getinfo(h, CURLINFO_RESPONSE_CODE, &status);
+    curl.easy_getinfo(h, CURLINFO_RESPONSE_CODE, &status);
     hop.status = static_cast<int>(status);
     long osError = 0;
-    curl_easy_getinfo(h, CURLINFO_OS_ERRNO, &osError);
+    curl.easy_getinfo(h, CURLINFO_OS_ERRNO, &osError);
     hop.osError = static_cast<int>(osError);
     char* location = nullptr;
-    if (curl_easy_getinfo(h, CURLINFO_REDIRECT_URL, &location) == CURLE_OK && location)
+    if (curl.easy_getinfo(h, CURLINFO_REDIRECT_URL, &location) == CURLE_OK && location)
         hop.location = location;
-    hop.errorText = errorBuffer[0] ? std::string(errorBuffer) : std::string(curl_easy_strerror(hop.code));
+    hop.errorText = errorBuffer[0] ? std::string(errorBuffer) : std::string(curl.easy_strerror(hop.code));
 
     // A second look at the address really used, in case a connection was reused or set up some other way.
     char* connected = nullptr;
-    if (hop.code == CURLE_OK && curl_easy_getinfo(h, CURLINFO_PRIMARY_IP, &connected) == CURLE_OK &&
+    if (hop.code == CURLE_OK && curl.easy_getinfo(h, CURLINFO_PRIMARY_IP, &connected) == CURLE_OK &&
         connected && *connected) {
         bool loopback = false;
         auto nonPublic = isNonPublicAddressText(connected, &loopback);

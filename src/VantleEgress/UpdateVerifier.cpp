@@ -1,10 +1,9 @@
 #include "VantleEgress/UpdateVerifier.h"
 
+#include "Platform/ArchiveCalls.h"
 #include "Platform/SystemError.h"
 #include "VantleSpec/Sentence.h"
 
-#include <archive.h>
-#include <archive_entry.h>
 #include <cerrno>
 #include <cstdlib>
 #include <openssl/evp.h>
@@ -17,12 +16,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
-struct ReadDeleter {
-    void operator()(archive* a) const { archive_read_free(a); }
-};
-struct WriteDeleter {
-    void operator()(archive* a) const { archive_write_free(a); }
-};
+using Reader = std::unique_ptr<archive, decltype(&::archive_read_free)>;
+using Writer = std::unique_ptr<archive, decltype(&::archive_write_free)>;
 struct PlistDeleter {
     void operator()(void* p) const { plist_free(static_cast<plist_t>(p)); }
 };
@@ -33,12 +28,12 @@ struct ContextDeleter {
     void operator()(EVP_MD_CTX* c) const { EVP_MD_CTX_free(c); }
 };
 
-std::unique_ptr<archive, ReadDeleter> openArchive(std::string_view bytes) {
-    std::unique_ptr<archive, ReadDeleter> reader(archive_read_new());
-    if (!reader) return nullptr;
-    archive_read_support_filter_all(reader.get());
-    archive_read_support_format_all(reader.get());
-    if (archive_read_open_memory(reader.get(), bytes.data(), bytes.size()) != ARCHIVE_OK) return nullptr;
+Reader openArchive(const ArchiveCalls& ar, std::string_view bytes) {
+    Reader reader(ar.read_new(), ar.read_free);
+    if (!reader) return reader;
+    ar.read_support_filter_all(reader.get());
+    ar.read_support_format_all(reader.get());
+    if (ar.read_open_memory(reader.get(), bytes.data(), bytes.size()) != ARCHIVE_OK) reader.reset();
     return reader;
 }
 
@@ -147,26 +142,29 @@ UpdateVerifier::verify(const UpdateItem& item, std::string_view bytes, std::stri
     }
     if (!valid) return std::unexpected(UpdateFailure::make(Case::badSignature));
 
-    auto reader = openArchive(bytes);
+    auto calls = archiveCalls();
+    if (!calls) return std::unexpected(UpdateFailure::make(Case::unreadableArchive));
+    const ArchiveCalls& ar = **calls;
+    auto reader = openArchive(ar, bytes);
     if (!reader) return std::unexpected(UpdateFailure::make(Case::unreadableArchive));
     std::optional<std::string> appName;
     std::string infoPlist;
     archive_entry* entry = nullptr;
     int status;
     int entries = 0;
-    while ((status = archive_read_next_header(reader.get(), &entry)) == ARCHIVE_OK) {
+    while ((status = ar.read_next_header(reader.get(), &entry)) == ARCHIVE_OK) {
         ++entries;
-        auto path = safeEntryPath(archive_entry_pathname(entry));
+        auto path = safeEntryPath(ar.entry_pathname(entry));
         if (!path) return std::unexpected(UpdateFailure::make(Case::unreadableArchive));
         fs::path parts(*path);
         auto it = parts.begin();
         std::string top = it->string();
         if (appName || !top.ends_with(".app") || std::distance(parts.begin(), parts.end()) != 3) continue;
         if ((++it)->string() != "Contents" || (++it)->string() != "Info.plist") continue;
-        if (archive_entry_size(entry) > (1 << 20))
+        if (ar.entry_size(entry) > (1 << 20))
             return std::unexpected(UpdateFailure::make(Case::unreadableArchive));
-        infoPlist.resize(static_cast<size_t>(archive_entry_size(entry)));
-        if (archive_read_data(reader.get(), infoPlist.data(), infoPlist.size()) !=
+        infoPlist.resize(static_cast<size_t>(ar.entry_size(entry)));
+        if (ar.read_data(reader.get(), infoPlist.data(), infoPlist.size()) !=
             static_cast<la_ssize_t>(infoPlist.size()))
             return std::unexpected(UpdateFailure::make(Case::unreadableArchive));
         appName = top;
@@ -208,42 +206,45 @@ std::expected<void, UpdateFailure> UpdateVerifier::verifySigning(const fs::path&
 
 std::expected<void, std::string> UpdateVerifier::unpack(std::string_view bytes, const fs::path& folder) {
     if (::mkdir(folder.c_str(), 0700) != 0) return std::unexpected(systemErrorText(errno));
-    auto reader = openArchive(bytes);
-    std::unique_ptr<archive, WriteDeleter> writer(archive_write_disk_new());
+    auto calls = archiveCalls();
+    if (!calls) return std::unexpected("the archive library could not be loaded (" + calls.error() + ")");
+    const ArchiveCalls& ar = **calls;
+    auto reader = openArchive(ar, bytes);
+    Writer writer(ar.write_disk_new(), ar.write_free);
     if (!reader || !writer) return std::unexpected("the archive could not be opened");
     // Every entry's own path was checked to stay inside and is then put under `folder`, which is
     // absolute, so libarchive's own refusal of absolute paths cannot be asked for here.
-    archive_write_disk_set_options(writer.get(), ARCHIVE_EXTRACT_SECURE_SYMLINKS |
-                                                     ARCHIVE_EXTRACT_SECURE_NODOTDOT | ARCHIVE_EXTRACT_PERM |
-                                                     ARCHIVE_EXTRACT_TIME);
+    ar.write_disk_set_options(writer.get(), ARCHIVE_EXTRACT_SECURE_SYMLINKS |
+                                                ARCHIVE_EXTRACT_SECURE_NODOTDOT | ARCHIVE_EXTRACT_PERM |
+                                                ARCHIVE_EXTRACT_TIME);
     archive_entry* entry = nullptr;
     int status;
-    while ((status = archive_read_next_header(reader.get(), &entry)) == ARCHIVE_OK) {
-        auto path = safeEntryPath(archive_entry_pathname(entry));
+    while ((status = ar.read_next_header(reader.get(), &entry)) == ARCHIVE_OK) {
+        auto path = safeEntryPath(ar.entry_pathname(entry));
         if (!path) return std::unexpected("the archive names a place outside its folder");
         std::string target = (folder / *path).string();
-        archive_entry_set_pathname(entry, target.c_str());
-        if (const char* linked = archive_entry_hardlink(entry)) {
+        ar.entry_set_pathname(entry, target.c_str());
+        if (const char* linked = ar.entry_hardlink(entry)) {
             auto inside = safeEntryPath(linked);
             if (!inside) return std::unexpected("the archive names a place outside its folder");
-            archive_entry_set_hardlink(entry, (folder / *inside).c_str());
+            ar.entry_set_hardlink(entry, (folder / *inside).c_str());
         }
-        if (archive_write_header(writer.get(), entry) != ARCHIVE_OK)
-            return std::unexpected(archive_error_string(writer.get()) ? archive_error_string(writer.get())
-                                                                      : "write failed");
+        if (ar.write_header(writer.get(), entry) != ARCHIVE_OK)
+            return std::unexpected(ar.error_string(writer.get()) ? ar.error_string(writer.get())
+                                                                 : "write failed");
         const void* block = nullptr;
         size_t size = 0;
         la_int64_t offset = 0;
         int r;
-        while ((r = archive_read_data_block(reader.get(), &block, &size, &offset)) == ARCHIVE_OK)
-            if (archive_write_data_block(writer.get(), block, size, offset) != ARCHIVE_OK)
-                return std::unexpected(archive_error_string(writer.get()) ? archive_error_string(writer.get())
-                                                                          : "write failed");
+        while ((r = ar.read_data_block(reader.get(), &block, &size, &offset)) == ARCHIVE_OK)
+            if (ar.write_data_block(writer.get(), block, size, offset) != ARCHIVE_OK)
+                return std::unexpected(ar.error_string(writer.get()) ? ar.error_string(writer.get())
+                                                                     : "write failed");
         if (r != ARCHIVE_EOF) return std::unexpected("the archive could not be read to its end");
-        archive_write_finish_entry(writer.get());
+        ar.write_finish_entry(writer.get());
     }
     if (status != ARCHIVE_EOF) return std::unexpected("the archive could not be read to its end");
-    if (archive_write_close(writer.get()) != ARCHIVE_OK)
+    if (ar.write_close(writer.get()) != ARCHIVE_OK)
         return std::unexpected("the unpacked app could not be finished");
     return {};
 }

@@ -1,10 +1,8 @@
 #include "VantleVitals/PackageState.h"
 
+#include "Platform/ArchiveCalls.h"
 #include "Platform/AtomicFile.h"
 #include "Platform/SystemError.h"
-
-#include <archive.h>
-#include <archive_entry.h>
 
 #include <algorithm>
 #include <cctype>
@@ -150,23 +148,26 @@ template <class F> std::expected<void, std::string> eachListStanza(const fs::pat
         eachStanza(*text, stanza);
         return {};
     }
-    std::unique_ptr<archive, decltype(&archive_read_free)> a(archive_read_new(), archive_read_free);
+    auto calls = archiveCalls();
+    if (!calls) return std::unexpected(calls.error());
+    const ArchiveCalls& ar = **calls;
+    std::unique_ptr<archive, decltype(&::archive_read_free)> a(ar.read_new(), ar.read_free);
     auto why = [&](const char* otherwise) {
-        const char* text = archive_error_string(a.get());
+        const char* text = ar.error_string(a.get());
         return std::unexpected(std::string(text ? text : otherwise));
     };
-    archive_read_support_filter_all(a.get());
-    archive_read_support_format_raw(a.get());
-    if (archive_read_open_filename(a.get(), file.c_str(), 1 << 16) != ARCHIVE_OK) return why("unreadable");
+    ar.read_support_filter_all(a.get());
+    ar.read_support_format_raw(a.get());
+    if (ar.read_open_filename(a.get(), file.c_str(), 1 << 16) != ARCHIVE_OK) return why("unreadable");
     archive_entry* entry = nullptr;
-    if (archive_read_next_header(a.get(), &entry) != ARCHIVE_OK) return why("empty");
+    if (ar.read_next_header(a.get(), &entry) != ARCHIVE_OK) return why("empty");
     StanzaFeed<F> feed(stanza);
     for (;;) {
         // The decompressor's own buffer, lent until the next call: no copy on the way.
         const void* block = nullptr;
         size_t size = 0;
         la_int64_t offset = 0;
-        auto got = archive_read_data_block(a.get(), &block, &size, &offset);
+        auto got = ar.read_data_block(a.get(), &block, &size, &offset);
         if (got == ARCHIVE_EOF) break;
         if (got < ARCHIVE_WARN) return why("torn");
         feed.add(static_cast<const char*>(block), size);

@@ -339,7 +339,7 @@ TEST(DiskWalk, AWalkLeavesEveryAccessTimeAsItWas) {
     auto accessed = [&] {
         std::map<std::string, std::int64_t> out;
         for (const auto& entry : entries) {
-            struct stat st{};
+            struct stat st {};
             ::lstat(entry.c_str(), &st);
             out[entry.string()] = st.st_atim.tv_sec;
         }

@@ -1,5 +1,6 @@
 #include "VantleLibrary/Duplicates.h"
 #include "VantleLibrary/FingerprintReader.h"
+#include "support/Patterned.h"
 #include "support/TempDir.h"
 
 #include <gtest/gtest.h>
@@ -13,18 +14,10 @@
 
 using namespace vantle;
 using namespace std::chrono;
+using vantle::testing::patterned;
 using vantle::testing::TempDir;
 
 namespace {
-
-std::string patterned(size_t size, unsigned seed) {
-    std::string s(size, '\0');
-    for (auto& c : s) {
-        seed = seed * 1103515245u + 12345u;
-        c = static_cast<char>(seed >> 16);
-    }
-    return s;
-}
 
 std::string sha256Hex(std::string_view bytes) {
     Digest d{};
@@ -59,11 +52,11 @@ std::set<std::set<std::string>> namesByGroup(const DuplicateScan& scan) {
     return out;
 }
 
-struct Library {
+struct Corpus {
     TempDir dir;
     std::string copy = patterned(100'000, 1);
     std::string small = "tiny same";
-    Library() {
+    Corpus() {
         for (auto name : {"a1", "a2", "a3"})
             dir.write(name, copy);
         // Same size as the copies; differ only in the last byte, which the tail slice sees.
@@ -94,7 +87,7 @@ constexpr std::int64_t sample = 3 * 16'384;
 } // namespace
 
 TEST(DuplicateScan, GroupsOnlyWholeFileCopiesAndReadsOnlyWhatItMust) {
-    Library lib;
+    Corpus lib;
     CancelFlag cancel;
     auto scan = lib.finder().scan(itemsUnder(lib.dir), cancel);
     EXPECT_TRUE(scan.isComplete);
@@ -114,7 +107,7 @@ TEST(DuplicateScan, GroupsOnlyWholeFileCopiesAndReadsOnlyWhatItMust) {
 }
 
 TEST(DuplicateScan, AnUnchangedLibraryIsNotReadAgainEvenAfterARestart) {
-    Library lib;
+    Corpus lib;
     CancelFlag cancel;
     auto items = itemsUnder(lib.dir);
     auto first = lib.finder().scan(items, cancel);
@@ -132,7 +125,7 @@ TEST(DuplicateScan, AnUnchangedLibraryIsNotReadAgainEvenAfterARestart) {
 }
 
 TEST(DuplicateScan, AChangedFileIsHashedAgainAndOnlyIt) {
-    Library lib;
+    Corpus lib;
     CancelFlag cancel;
     auto items = itemsUnder(lib.dir);
     auto finder = lib.finder();
@@ -211,7 +204,7 @@ TEST(DuplicateScan, ClonesFreeOnlyTheirOwnBlocksUnlessTheirWholeFamilyGoes) {
 }
 
 TEST(DuplicateScan, StopsAtItsDeadlineOrWhenCancelledWithWhatItHas) {
-    Library lib;
+    Corpus lib;
     auto items = itemsUnder(lib.dir);
     // Each look at the clock moves it on by ten seconds: the 45-second limit passes mid-scan.
     auto now = sys_days{2026y / 3 / 1} + 0s;
@@ -229,7 +222,7 @@ TEST(DuplicateScan, StopsAtItsDeadlineOrWhenCancelledWithWhatItHas) {
 }
 
 TEST(DuplicateScan, VanishedOrUnsavableFilesDegradeWithoutFailing) {
-    Library lib;
+    Corpus lib;
     auto items = itemsUnder(lib.dir);
     std::filesystem::remove(lib.dir / "a3");
     lib.dir.write("blocker", "a file where the cache folder should be");
@@ -302,7 +295,7 @@ TEST(DuplicateScan, AFileTouchedAfterItsRecordDropsOutOfItsGroupAndTheScanIsNotC
 }
 
 TEST(DuplicateScan, ALatestScanStandsForANewOneOnlyWhileFreshAndUnchanged) {
-    Library lib;
+    Corpus lib;
     auto now = sys_days{2026y / 3 / 1} + 0s;
     Duplicates finder({{}, 45s, 1, [&now] { return now; }, 60s});
     CancelFlag cancel;
@@ -324,7 +317,7 @@ TEST(DuplicateScan, ALatestScanStandsForANewOneOnlyWhileFreshAndUnchanged) {
 }
 
 TEST(DuplicateScan, LeavesEveryAccessTimeAsItWas) {
-    Library lib;
+    Corpus lib;
     // Ninety days back: on a relatime mount any read of such a file would move it to now.
     auto old = std::chrono::system_clock::now() - 90 * 24h;
     timespec times[2] = {{std::chrono::system_clock::to_time_t(old), 123}, {0, UTIME_OMIT}};

@@ -1,5 +1,6 @@
 #include "VantleLibrary/FingerprintCache.h"
 #include "VantleLibrary/FingerprintReader.h"
+#include "support/Patterned.h"
 #include "support/TempDir.h"
 
 #include <gtest/gtest.h>
@@ -13,6 +14,7 @@
 
 using namespace vantle;
 using namespace std::chrono;
+using vantle::testing::patterned;
 using vantle::testing::TempDir;
 
 namespace {
@@ -22,16 +24,6 @@ Digest sha256(std::string_view bytes) {
     Digest d{};
     EVP_Digest(bytes.data(), bytes.size(), d.data(), nullptr, EVP_sha256(), nullptr);
     return d;
-}
-
-std::string patterned(size_t size, unsigned seed = 1) {
-    std::string s(size, '\0');
-    unsigned x = seed;
-    for (auto& c : s) {
-        x = x * 1103515245u + 12345u;
-        c = static_cast<char>(x >> 16);
-    }
-    return s;
 }
 
 FingerprintReader::Expected expectedOf(const std::filesystem::path& file) {

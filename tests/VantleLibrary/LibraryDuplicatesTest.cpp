@@ -8,9 +8,9 @@ using vantle::testing::TempDir;
 
 namespace {
 
-struct Home {
+struct DuplicatesHome {
     TempDir home, data;
-    Home() {
+    DuplicatesHome() {
         home.write("Documents/report.pdf", std::string(40'000, 'r'));
         home.write("Downloads/report (1).pdf", std::string(40'000, 'r'));
         home.write("Documents/other.pdf", std::string(40'000, 'o'));
@@ -33,7 +33,7 @@ const CleanUpCard* duplicatesCard(const std::vector<CleanUpCard>& cards) {
 } // namespace
 
 TEST(LibraryDuplicates, FindsCopiesAmongTheCatalogAndKeepsTheirFingerprints) {
-    Home h;
+    DuplicatesHome h;
     Library library(LibraryScope{h.home.path(), {}}, h.options(true));
     CancelFlag cancel;
     auto scan = library.findDuplicates(cancel);
@@ -51,7 +51,7 @@ TEST(LibraryDuplicates, FindsCopiesAmongTheCatalogAndKeepsTheirFingerprints) {
 }
 
 TEST(LibraryDuplicates, OnDemandTheCardsReadNoFileUntilAsked) {
-    Home h;
+    DuplicatesHome h;
     CancelFlag cancel;
     Library onDemand(LibraryScope{h.home.path(), {}}, h.options(true));
     auto cards = onDemand.cleanUpCards(cancel);
@@ -74,7 +74,7 @@ TEST(LibraryDuplicates, OnDemandTheCardsReadNoFileUntilAsked) {
 }
 
 TEST(LibraryDuplicates, AHeardChangeMakesTheNextAskScanAgain) {
-    Home h;
+    DuplicatesHome h;
     Library library(LibraryScope{h.home.path(), {}}, h.options(true));
     CancelFlag cancel;
     auto first = library.findDuplicates(cancel);

@@ -11,14 +11,14 @@ using Chips = std::vector<std::string>;
 namespace {
 
 // Sunday 15 March 2026, 12:00 UTC; the user is two hours ahead of UTC.
-const TimePoint now = sys_days{2026y / March / 15} + 12h;
+const TimePoint parseNow = sys_days{2026y / March / 15} + 12h;
 const auto offset = hours(2);
 TimePoint localMidnight(year_month_day day) {
     return sys_days{day} - offset;
 }
 
 ParsedSearch parse(std::string_view words) {
-    SearchParser parser([] { return now; }, Calendar::fixed(offset), "/home/u");
+    SearchParser parser([] { return parseNow; }, Calendar::fixed(offset), "/home/u");
     return parser.parse(words);
 }
 
@@ -91,17 +91,17 @@ TEST(SearchParser, LessCommonKindWordsGiveTheirChipsAndLeaveNoNameTerm) {
 TEST(SearchParser, AMonthAFortnightOrACoupleOfDaysAloneAreDateWordsNotNameTerms) {
     auto month = parse("a month");
     EXPECT_TRUE(month.query.terms.empty());
-    EXPECT_EQ(month.query.after, now - days(30));
+    EXPECT_EQ(month.query.after, parseNow - days(30));
     EXPECT_EQ(month.chips, Chips{"Last month"});
 
     auto fortnight = parse("a fortnight");
     EXPECT_TRUE(fortnight.query.terms.empty());
-    EXPECT_EQ(fortnight.query.after, now - days(14));
+    EXPECT_EQ(fortnight.query.after, parseNow - days(14));
     EXPECT_EQ(fortnight.chips, Chips{"Last fortnight"});
 
     auto couple = parse("couple of days");
     EXPECT_TRUE(couple.query.terms.empty());
-    EXPECT_EQ(couple.query.after, now - days(2));
+    EXPECT_EQ(couple.query.after, parseNow - days(2));
     EXPECT_EQ(couple.chips, Chips{"Last 2 days"});
 
     // A unit on its own stays part of a name.
@@ -112,7 +112,7 @@ TEST(SearchParser, WholeSearchesReadIntoOneQuery) {
     auto big = parse("big videos from last month");
     EXPECT_EQ(big.query.kinds, std::set{LibraryKind::videos});
     EXPECT_EQ(big.query.minSize, 100'000'000);
-    EXPECT_EQ(big.query.after, now - days(30));
+    EXPECT_EQ(big.query.after, parseNow - days(30));
     EXPECT_FALSE(big.query.before);
     EXPECT_EQ(big.query.dateField, DateField::any);
     EXPECT_TRUE(big.query.terms.empty());
@@ -122,7 +122,7 @@ TEST(SearchParser, WholeSearchesReadIntoOneQuery) {
     auto gmail = parse("pdfs from gmail older than 6 months");
     EXPECT_EQ(gmail.query.extensions, std::set<std::string>{"pdf"});
     EXPECT_EQ(gmail.query.source, "gmail");
-    EXPECT_EQ(gmail.query.before, now - days(180));
+    EXPECT_EQ(gmail.query.before, parseNow - days(180));
     EXPECT_FALSE(gmail.query.after);
     EXPECT_TRUE(gmail.query.terms.empty());
     EXPECT_EQ(gmail.chips, (Chips{"PDFs", "Older than 6 months", "From Gmail"}));
@@ -157,9 +157,9 @@ TEST(SearchParser, DateWordsFollowTheUsersCalendar) {
     EXPECT_EQ(ago.chips, Chips{"3 days ago"});
 
     auto lastCouple = parse("last couple of weeks");
-    EXPECT_EQ(lastCouple.query.after, now - days(14));
+    EXPECT_EQ(lastCouple.query.after, parseNow - days(14));
     EXPECT_EQ(lastCouple.chips, Chips{"Last 2 weeks"});
-    EXPECT_EQ(parse("last fortnight").query.after, now - days(14));
+    EXPECT_EQ(parse("last fortnight").query.after, parseNow - days(14));
 
     // A month without a year is the latest one that has begun.
     auto sinceMarch = parse("since march");
@@ -180,15 +180,15 @@ TEST(SearchParser, DateWordsFollowTheUsersCalendar) {
     EXPECT_EQ(inMonth.query.before, localMidnight(2025y / July / 1));
 
     auto atLeast = parse("at least 3 months old");
-    EXPECT_EQ(atLeast.query.before, now - days(90));
+    EXPECT_EQ(atLeast.query.before, parseNow - days(90));
     EXPECT_EQ(atLeast.chips, Chips{"Older than 3 months"});
-    EXPECT_EQ(parse("newer than a week").query.after, now - days(7));
+    EXPECT_EQ(parse("newer than a week").query.after, parseNow - days(7));
 }
 
 TEST(SearchParser, WordsAboutUseChooseTheDateField) {
     auto notOpened = parse("not opened in a year");
     EXPECT_EQ(notOpened.query.dateField, DateField::opened);
-    EXPECT_EQ(notOpened.query.before, now - days(365));
+    EXPECT_EQ(notOpened.query.before, parseNow - days(365));
     EXPECT_EQ(notOpened.chips, Chips{"Not opened in a year"});
 
     auto unused = parse("unused apps");
@@ -236,7 +236,7 @@ TEST(SearchParser, OrderPlaceSourceAndCameraWords) {
     EXPECT_EQ(largest.chips, (Chips{"Videos", "Largest first"}));
     auto recent = parse("recent photos");
     EXPECT_EQ(recent.query.sort, Sort::newest);
-    EXPECT_EQ(recent.query.after, now - days(30));
+    EXPECT_EQ(recent.query.after, parseNow - days(30));
     EXPECT_EQ(parse("photos alphabetically").query.sort, Sort::name);
 
     auto downloads = parse("pdfs in downloads");

@@ -9,7 +9,7 @@ using Sort = FileQuery::Sort;
 
 namespace {
 
-const TimePoint now = sys_days{2026y / March / 15} + 12h;
+const TimePoint searchNow = sys_days{2026y / March / 15} + 12h;
 
 Facts file(std::string path, std::int64_t size, TimePoint modified, std::vector<std::string> origins = {}) {
     Facts f;
@@ -22,26 +22,26 @@ Facts file(std::string path, std::int64_t size, TimePoint modified, std::vector<
 }
 
 // A small home, typed the way the catalog reads it.
-struct Home {
+struct SearchHome {
     std::vector<Facts> facts;
-    Home() {
-        facts.push_back(file("/home/u/Pictures/beach.jpg", 2'000'000, now - days(3)));
+    SearchHome() {
+        facts.push_back(file("/home/u/Pictures/beach.jpg", 2'000'000, searchNow - days(3)));
         facts.push_back(
-            file("/home/u/Pictures/Screenshot from 2026-03-01 10-00-00.png", 300'000, now - days(14)));
+            file("/home/u/Pictures/Screenshot from 2026-03-01 10-00-00.png", 300'000, searchNow - days(14)));
         facts.back().isScreenshot = true;
-        facts.push_back(file("/home/u/Movies/trip.mp4", 300'000'000, now - days(20)));
-        facts.push_back(file("/home/u/Movies/old trip.mp4", 400'000'000, now - days(400)));
+        facts.push_back(file("/home/u/Movies/trip.mp4", 300'000'000, searchNow - days(20)));
+        facts.push_back(file("/home/u/Movies/old trip.mp4", 400'000'000, searchNow - days(400)));
         facts.push_back(
-            file("/home/u/Downloads/statement.pdf", 90'000, now - days(200),
+            file("/home/u/Downloads/statement.pdf", 90'000, searchNow - days(200),
                  {"https://mail-attachment.googleusercontent.com/x", "https://mail.google.com/mail/u/0/"}));
         facts.push_back(
-            file("/home/u/Downloads/flyer.pdf", 80'000, now - days(200), {"https://www.google.com/x"}));
-        facts.push_back(file("/home/u/Downloads2/elsewhere.pdf", 70'000, now - days(200)));
-        facts.push_back(file("/home/u/Documents/Tax_Return-2023.pdf", 50'000, now - days(300)));
-        facts.push_back(file("/home/u/Documents/returns.txt", 10, now - days(1)));
-        facts.push_back(file("/home/u/Documents/Taxes", 4096, now - days(2)));
+            file("/home/u/Downloads/flyer.pdf", 80'000, searchNow - days(200), {"https://www.google.com/x"}));
+        facts.push_back(file("/home/u/Downloads2/elsewhere.pdf", 70'000, searchNow - days(200)));
+        facts.push_back(file("/home/u/Documents/Tax_Return-2023.pdf", 50'000, searchNow - days(300)));
+        facts.push_back(file("/home/u/Documents/returns.txt", 10, searchNow - days(1)));
+        facts.push_back(file("/home/u/Documents/Taxes", 4096, searchNow - days(2)));
         facts.back().isFolder = true;
-        facts.push_back(file("/home/u/Camera/IMG_1.heic", 3'000'000, now - days(5)));
+        facts.push_back(file("/home/u/Camera/IMG_1.heic", 3'000'000, searchNow - days(5)));
         facts.back().cameraMake = "Canon";
         facts.back().cameraModel = "EOS R6";
         for (auto& f : facts)
@@ -54,7 +54,7 @@ struct Home {
         return out;
     }
     std::vector<std::string> search(std::string_view words) const {
-        SearchParser parser([] { return now; }, Calendar::fixed(0s), "/home/u");
+        SearchParser parser([] { return searchNow; }, Calendar::fixed(0s), "/home/u");
         return names(parser.parse(words).query);
     }
 };
@@ -64,7 +64,7 @@ using Names = std::vector<std::string>;
 } // namespace
 
 TEST(FileQueryRunner, PlainWordSearchesFindTheFilesTheyDescribe) {
-    Home home;
+    SearchHome home;
     EXPECT_EQ(home.search("pdfs from gmail older than 6 months"), Names{"statement.pdf"});
     EXPECT_EQ(home.search("pdfs from google"), Names{"flyer.pdf"})
         << "Gmail's files are not generic Google's";
@@ -77,7 +77,7 @@ TEST(FileQueryRunner, PlainWordSearchesFindTheFilesTheyDescribe) {
 }
 
 TEST(FileQueryRunner, EmptySetsMatchEveryFileAndKindsAndExtensionsAddUp) {
-    Home home;
+    SearchHome home;
     FileQuery all;
     all.limit = 1000;
     auto everything = runQuery(all, home.facts);
@@ -91,7 +91,7 @@ TEST(FileQueryRunner, EmptySetsMatchEveryFileAndKindsAndExtensionsAddUp) {
 }
 
 TEST(FileQueryRunner, NamesMatchWhateverTheirSeparatorsAndFoldersOnlyByName) {
-    Home home;
+    SearchHome home;
     EXPECT_EQ(home.search("\"tax return\""), Names{"Tax_Return-2023.pdf"});
     EXPECT_EQ(home.search("TAX"), (Names{"Taxes", "Tax_Return-2023.pdf"}))
         << "a name search answers folders too";
@@ -102,7 +102,7 @@ TEST(FileQueryRunner, NamesMatchWhateverTheirSeparatorsAndFoldersOnlyByName) {
 }
 
 TEST(FileQueryRunner, SortsAndCutsAtTheLimitButCountsEveryMatch) {
-    Home home;
+    SearchHome home;
     FileQuery q;
     q.extensions = {"pdf"};
     q.sort = Sort::largest;
@@ -128,12 +128,12 @@ TEST(FileQueryRunner, SortsAndCutsAtTheLimitButCountsEveryMatch) {
 }
 
 TEST(FileQueryRunner, DatesTestTheChosenFieldOrAnyOfThem) {
-    Home home;
+    SearchHome home;
     auto& photo = home.facts[0];
-    photo.lastUsed = now - days(400); // changed lately, not opened for long
+    photo.lastUsed = searchNow - days(400); // changed lately, not opened for long
     FileQuery q;
     q.kinds = {LibraryKind::images};
-    q.before = now - days(365);
+    q.before = searchNow - days(365);
     q.dateField = FileQuery::DateField::opened;
     EXPECT_EQ(home.names(q), Names{"beach.jpg"});
     q.dateField = FileQuery::DateField::modified;
@@ -143,20 +143,20 @@ TEST(FileQueryRunner, DatesTestTheChosenFieldOrAnyOfThem) {
 
     // After is inclusive, before exclusive.
     FileQuery exact;
-    exact.after = now - days(3);
-    exact.before = now - days(1);
+    exact.after = searchNow - days(3);
+    exact.before = searchNow - days(1);
     exact.dateField = FileQuery::DateField::modified;
     EXPECT_EQ(home.names(exact), (Names{"beach.jpg"}));
 }
 
 TEST(FileQueryRunner, SearchTimesItselfAndCarriesAPartialReadingsNote) {
-    Home home;
-    Snapshot snapshot{home.facts, false, now};
+    SearchHome home;
+    Snapshot snapshot{home.facts, false, searchNow};
     Reading reading;
     reading.isComplete = false;
     reading.stop = Reading::Stop::entryLimit;
     reading.entries = 300'000;
-    SearchParser parser([] { return now; }, Calendar::fixed(0s), "/home/u");
+    SearchParser parser([] { return searchNow; }, Calendar::fixed(0s), "/home/u");
     auto result = searchFiles(parser, "pdfs", snapshot, reading, 1);
     EXPECT_EQ(result.total, 4);
     EXPECT_EQ(result.items.size(), 1u);

@@ -13,7 +13,7 @@ using vantle::testing::TempDir;
 
 namespace {
 
-const TimePoint now = sys_days{2026y / June / 15} + 12h;
+const TimePoint listNow = sys_days{2026y / June / 15} + 12h;
 const std::string home = "/home/ada";
 
 // A file last touched `daysAgo` (opened, changed and added all then).
@@ -25,7 +25,7 @@ Facts file(std::string relative, std::int64_t size, int daysAgo) {
     f.isPackage = isAppBundleName(f.name);
     f.isFolder = f.isPackage;
     f.size = size;
-    f.modified = f.added = f.lastUsed = now - days(daysAgo);
+    f.modified = f.added = f.lastUsed = listNow - days(daysAgo);
     f.isScreenshot = isScreenshotName(f.name, f.contentType);
     return f;
 }
@@ -38,7 +38,7 @@ std::vector<std::string> names(const std::vector<FileItem>& items) {
 }
 
 Snapshot snapshotOf(std::vector<Facts> facts) {
-    return Snapshot{std::move(facts), true, now};
+    return Snapshot{std::move(facts), true, listNow};
 }
 
 } // namespace
@@ -46,7 +46,7 @@ Snapshot snapshotOf(std::vector<Facts> facts) {
 TEST(SmartLists, EachListTakesWhatItsRuleSays) {
     SmartLists lists{home};
     const auto& rules = lists.rules();
-    auto in = [&](SmartList list, const Facts& f) { return lists.contains(list, f, now); };
+    auto in = [&](SmartList list, const Facts& f) { return lists.contains(list, f, listNow); };
 
     EXPECT_TRUE(in(SmartList::recents, file("Documents/a.txt", 1, 29)));
     EXPECT_FALSE(in(SmartList::recents, file("Documents/a.txt", 1, 30)));
@@ -85,17 +85,17 @@ TEST(SmartLists, EachListTakesWhatItsRuleSays) {
 TEST(SmartLists, UntouchedMeansNeitherOpenedNorChangedLately) {
     SmartLists lists{home};
     auto video = file("Movies/old.mkv", 300'000'000, 400);
-    video.lastUsed = now - days(2); // watched last week: not old
-    EXPECT_FALSE(lists.contains(SmartList::bigOldVideos, video, now));
+    video.lastUsed = listNow - days(2); // watched last week: not old
+    EXPECT_FALSE(lists.contains(SmartList::bigOldVideos, video, listNow));
     video.lastUsed.reset(); // a volume that keeps no access times: judged by the other dates
-    EXPECT_TRUE(lists.contains(SmartList::bigOldVideos, video, now));
-    video.added = now; // copied here today with its old dates kept: still old
-    EXPECT_TRUE(lists.contains(SmartList::bigOldVideos, video, now));
+    EXPECT_TRUE(lists.contains(SmartList::bigOldVideos, video, listNow));
+    video.added = listNow; // copied here today with its old dates kept: still old
+    EXPECT_TRUE(lists.contains(SmartList::bigOldVideos, video, listNow));
     video.modified = video.added = std::nullopt; // no dates at all: never judged old
-    EXPECT_FALSE(lists.contains(SmartList::bigOldVideos, video, now));
+    EXPECT_FALSE(lists.contains(SmartList::bigOldVideos, video, listNow));
     Facts folder = file("Downloads/old", 0, 300);
     folder.isFolder = true;
-    EXPECT_FALSE(lists.contains(SmartList::forgottenDownloads, folder, now));
+    EXPECT_FALSE(lists.contains(SmartList::forgottenDownloads, folder, listNow));
 }
 
 TEST(SmartLists, ItemsComeInTheListsOrderUpToTheLimit) {
@@ -104,17 +104,17 @@ TEST(SmartLists, ItemsComeInTheListsOrderUpToTheLimit) {
         snapshotOf({file("Documents/old.txt", 5, 20), file("Documents/new.txt", 1, 1),
                     file("Documents/mid.txt", 900'000'000, 10), file("Movies/big.mov", 800'000'000, 50),
                     file("Movies/huge.mov", 2'000'000'000, 50)});
-    EXPECT_EQ(names(lists.items(SmartList::recents, snapshot, now, 10)),
+    EXPECT_EQ(names(lists.items(SmartList::recents, snapshot, listNow, 10)),
               (std::vector<std::string>{"new.txt", "mid.txt", "old.txt"}));
-    EXPECT_EQ(names(lists.items(SmartList::largeFiles, snapshot, now, 2)),
+    EXPECT_EQ(names(lists.items(SmartList::largeFiles, snapshot, listNow, 2)),
               (std::vector<std::string>{"huge.mov", "mid.txt"}));
-    EXPECT_TRUE(lists.items(SmartList::screenshots, snapshot, now, 10).empty());
+    EXPECT_TRUE(lists.items(SmartList::screenshots, snapshot, listNow, 10).empty());
     // A card of any list counts all of it and keeps the first few in the list's own order.
-    auto recents = lists.card(SmartList::recents, snapshot, Reading{}, now, 2);
+    auto recents = lists.card(SmartList::recents, snapshot, Reading{}, listNow, 2);
     EXPECT_EQ(recents.count, 3);
     EXPECT_EQ(recents.bytes, 900'000'006);
     EXPECT_EQ(names(recents.samples), (std::vector<std::string>{"new.txt", "mid.txt"}));
-    EXPECT_EQ(lists.card(SmartList::duplicates, snapshot, Reading{}, now, 2).count, 0); // no look given
+    EXPECT_EQ(lists.card(SmartList::duplicates, snapshot, Reading{}, listNow, 2).count, 0); // no look given
 }
 
 TEST(SmartLists, CardsCountBytesAndShowTheLargestSamples) {
@@ -122,7 +122,7 @@ TEST(SmartLists, CardsCountBytesAndShowTheLargestSamples) {
     auto snapshot = snapshotOf({file("Downloads/a.dmg", 300, 40), file("Downloads/b.pkg", 700, 40),
                                 file("Downloads/c.iso", 500, 40), file("Documents/fresh.txt", 1, 1)});
     Reading whole;
-    auto cards = lists.cards(snapshot, whole, now, 2);
+    auto cards = lists.cards(snapshot, whole, listNow, 2);
     std::vector<SmartList> shown;
     for (const auto& c : cards)
         shown.push_back(c.list);
@@ -137,8 +137,8 @@ TEST(SmartLists, CardsCountBytesAndShowTheLargestSamples) {
 
     Reading partial;
     partial.isComplete = false;
-    EXPECT_TRUE(lists.cards(snapshot, partial, now, 2)[0].isPartial);
-    EXPECT_TRUE(lists.cards(snapshotOf({}), whole, now, 4).empty());
+    EXPECT_TRUE(lists.cards(snapshot, partial, listNow, 2)[0].isPartial);
+    EXPECT_TRUE(lists.cards(snapshotOf({}), whole, listNow, 4).empty());
 }
 
 TEST(SmartLists, TheDuplicatesCardCountsExtraCopiesOnly) {
@@ -147,7 +147,7 @@ TEST(SmartLists, TheDuplicatesCardCountsExtraCopiesOnly) {
     FileItem d{.path = "/d", .name = "d"}, e{.path = "/e", .name = "e"};
     DuplicateLook look{{DuplicateGroup{"f1", 100, {a, b, c}}, DuplicateGroup{"f2", 1000, {d, e}}}, false};
     Reading whole;
-    auto cards = lists.cards(snapshotOf({}), whole, now, 4, &look);
+    auto cards = lists.cards(snapshotOf({}), whole, listNow, 4, &look);
     ASSERT_EQ(cards.size(), 1u);
     EXPECT_EQ(cards[0].list, SmartList::duplicates);
     EXPECT_EQ(cards[0].count, 3);
@@ -155,7 +155,7 @@ TEST(SmartLists, TheDuplicatesCardCountsExtraCopiesOnly) {
     EXPECT_EQ(names(cards[0].samples),
               (std::vector<std::string>{"e", "b"})); // a copy that would go, largest first
     EXPECT_TRUE(cards[0].isPartial);                 // the look stopped at its time limit
-    EXPECT_EQ(names(lists.items(SmartList::duplicates, snapshotOf({}), now, 3, &look)),
+    EXPECT_EQ(names(lists.items(SmartList::duplicates, snapshotOf({}), listNow, 3, &look)),
               (std::vector<std::string>{"d", "e", "a"}));
 }
 
@@ -188,7 +188,7 @@ TEST(SummaryOf, CountsAndBytesPerKindWithTheNewestSamples) {
     EXPECT_EQ(names(summary.categories[0].samples), (std::vector<std::string>{"b.png", "c.heic"}));
     EXPECT_EQ(summary.categories[1].kind, LibraryKind::music);
     EXPECT_EQ(summary.categories[2].kind, LibraryKind::apps);
-    EXPECT_EQ(summary.readAt, now);
+    EXPECT_EQ(summary.readAt, listNow);
     EXPECT_FALSE(summary.isPartial);
     EXPECT_FALSE(summary.note);
 
@@ -207,7 +207,7 @@ TEST(KeptSummary, RoundTripsThroughItsFileAndSurvivesABadOne) {
         KeptSummary kept{stored};
         EXPECT_TRUE(kept.loaded());
         EXPECT_FALSE(kept.summary());
-        LibrarySummary empty{0, 0, {}, toMilliseconds(now), false, std::nullopt};
+        LibrarySummary empty{0, 0, {}, toMilliseconds(listNow), false, std::nullopt};
         ASSERT_TRUE(kept.keep(empty));
     }
     KeptSummary again{stored};
@@ -235,7 +235,7 @@ TEST(KeptSummary, AFailedSaveSaysWhyAndKeepsTheSummaryInMemory) {
     TempDir data;
     data.write("Library", "a file where the folder should be");
     KeptSummary kept{data / "Library/summary.json"};
-    LibrarySummary summary{1, 2, {}, toMilliseconds(now), false, std::nullopt};
+    LibrarySummary summary{1, 2, {}, toMilliseconds(listNow), false, std::nullopt};
     auto saved = kept.keep(summary);
     ASSERT_FALSE(saved);
     EXPECT_TRUE(saved.error().starts_with("The library's summary could not be saved: ")) << saved.error();

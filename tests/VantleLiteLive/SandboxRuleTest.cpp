@@ -10,7 +10,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-struct Machine {
+struct SandboxMachine {
     TempDir dir;
     fs::path home = dir.mkdir("Users/ada");
     SandboxRule rule{{home}};
@@ -29,7 +29,7 @@ std::string sentence(const fs::path& path, const std::string& reason) {
 } // namespace
 
 TEST(SandboxRule, RefusesHomesTheirHoldersAndTheirLibraries) {
-    Machine m;
+    SandboxMachine m;
     EXPECT_EQ(m.refusal(m.home), sentence(m.home, "it is a home folder on this Mac"));
     EXPECT_EQ(m.refusal(m.home.string() + "/./"), sentence(m.home, "it is a home folder on this Mac"))
         << "compared in standardized form";
@@ -45,7 +45,7 @@ TEST(SandboxRule, RefusesHomesTheirHoldersAndTheirLibraries) {
 }
 
 TEST(SandboxRule, SecondPathToAHomeIsCaughtByIdentityNotSpelling) {
-    Machine m;
+    SandboxMachine m;
     fs::create_directory_symlink(m.home, m.dir / "alias");
     EXPECT_EQ(m.refusal(m.dir / "alias"), sentence(m.dir / "alias", "it is a home folder on this Mac"));
 
@@ -60,7 +60,7 @@ TEST(SandboxRule, SecondPathToAHomeIsCaughtByIdentityNotSpelling) {
 }
 
 TEST(SandboxRule, EntriesThatLeadOutAreRefusedAndOnesThatStayInAreFine) {
-    Machine m;
+    SandboxMachine m;
     auto box = m.dir.mkdir("box");
     EXPECT_EQ(m.rule.check(box), box);
 
@@ -84,7 +84,7 @@ TEST(SandboxRule, EntriesThatLeadOutAreRefusedAndOnesThatStayInAreFine) {
 }
 
 TEST(SandboxRule, AFolderNotMadeYetIsAcceptedUnlessItIsInAForbiddenPlace) {
-    Machine m;
+    SandboxMachine m;
     EXPECT_EQ(m.rule.check(m.dir / "new/box"), m.dir / "new/box");
     EXPECT_FALSE(fs::exists(m.dir / "new")) << "checking creates nothing";
 }

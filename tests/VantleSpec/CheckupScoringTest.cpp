@@ -10,7 +10,7 @@ using namespace std::chrono;
 
 namespace {
 
-const TimePoint now = sys_days{2026y / November / 22} + 12h;
+const TimePoint scoringNow = sys_days{2026y / November / 22} + 12h;
 
 // A machine where everything that can be read is read, and all is well.
 CheckupFacts quiet() {
@@ -25,7 +25,7 @@ CheckupFacts quiet() {
     f.kernelOopses = 0;
     f.homeEncrypted = true, f.firewall = true, f.automaticUpdates = true, f.screenLock = true;
     f.upgrades = std::vector<CheckupFacts::Upgrade>{}, f.rebootRequired = false;
-    f.backups = std::vector<CheckupFacts::Backup>{{"borg", "nas", now - 1h}};
+    f.backups = std::vector<CheckupFacts::Backup>{{"borg", "nas", scoringNow - 1h}};
     return f;
 }
 
@@ -43,7 +43,7 @@ void expectNeverRises(CheckupArea area, int steps, const std::function<void(Chec
     for (int i = 0; i <= steps; ++i) {
         auto f = quiet();
         worsen(f, i);
-        auto s = scoreCheckup(f, now);
+        auto s = scoreCheckup(f, scoringNow);
         EXPECT_LE(s.value, lastValue) << nameOf(area) << " step " << i;
         EXPECT_GE(pointsOf(s, area), lastPoints) << nameOf(area) << " step " << i;
         lastValue = s.value, lastPoints = pointsOf(s, area);
@@ -54,14 +54,14 @@ void expectNeverRises(CheckupArea area, int steps, const std::function<void(Chec
 } // namespace
 
 TEST(CheckupScore, AQuietMachineScoresFullAndUnreadFactsTakeNothing) {
-    auto s = scoreCheckup(quiet(), now);
+    auto s = scoreCheckup(quiet(), scoringNow);
     EXPECT_EQ(s.value, 100);
     for (auto& p : s.parts)
         EXPECT_EQ(p.points, 0) << nameOf(p.area) << ": " << p.line;
 
     CheckupFacts nothing;
     nothing.unknown["home"] = "statvfs failed";
-    auto blind = scoreCheckup(nothing, now);
+    auto blind = scoreCheckup(nothing, scoringNow);
     EXPECT_EQ(blind.value, 100);
     EXPECT_EQ(blind.parts[0].area, CheckupArea::performance) << "parts come in the areas' order";
     for (auto& p : blind.parts) {
@@ -94,7 +94,7 @@ TEST(CheckupScore, NeverRisesAsAnyReadingWorsens) {
             f.failedUnits->push_back("unit" + std::to_string(k));
         f.kernelOopses = i / 2;
         for (int k = 0; k < i; ++k)
-            f.crashes->push_back({"app", now - 1h, "/var/crash/x"});
+            f.crashes->push_back({"app", scoringNow - 1h, "/var/crash/x"});
     });
     expectNeverRises(CheckupArea::security, 4, [](auto& f, int i) {
         if (i > 0) f.screenLock = false;
@@ -111,7 +111,7 @@ TEST(CheckupScore, NeverRisesAsAnyReadingWorsens) {
         if (i == 45)
             f.backups->front().lastRun.reset(); // configured, never succeeded: worst of all
         else
-            f.backups->front().lastRun = now - hours(24 * i);
+            f.backups->front().lastRun = scoringNow - hours(24 * i);
     });
 }
 
@@ -128,7 +128,7 @@ TEST(CheckupScore, TheWorstOfEverythingScoresZeroAndTheFullerVolumeSpeaks) {
     f.upgrades->resize(50, {"p", "1", "2", false});
     f.rebootRequired = true;
     f.backups->front().lastRun.reset();
-    auto s = scoreCheckup(f, now);
+    auto s = scoreCheckup(f, scoringNow);
     EXPECT_EQ(s.value, 0);
     for (auto& p : s.parts)
         EXPECT_EQ(p.points, p.most) << nameOf(p.area) << ": " << p.line;
@@ -136,7 +136,7 @@ TEST(CheckupScore, TheWorstOfEverythingScoresZeroAndTheFullerVolumeSpeaks) {
     auto g = quiet();
     g.home->availableBytes = 150; // 15% free
     g.root->availableBytes = 80;  // 8% free: the fuller one
-    for (auto& p : scoreCheckup(g, now).parts)
+    for (auto& p : scoreCheckup(g, scoringNow).parts)
         if (p.area == CheckupArea::storage) {
             EXPECT_EQ(p.line, "8% free on /");
             EXPECT_EQ(p.points, 16); // 20 x (0.20 - 0.08) / 0.15

@@ -11,11 +11,11 @@ using vantle::testing::TempDir;
 
 namespace {
 
-const TimePoint now = sys_days{2026y / November / 21} + 12h;
+const TimePoint reportNow = sys_days{2026y / November / 21} + 12h;
 const RuleTable& table = RuleTable::shared();
 
 ScannedItem item(const std::string& rule, const std::string& rel, std::int64_t bytes,
-                 TimePoint lastWrite = now - 90 * 24h) {
+                 TimePoint lastWrite = reportNow - 90 * 24h) {
     ScannedItem out;
     out.category = rule;
     out.anchor = table.find(rule)->anchor;
@@ -42,7 +42,7 @@ StorageScan scanOf(std::vector<ScannedItem> items, ScanDepth depth = ScanDepth::
     StorageScan scan;
     scan.home = "/home/u";
     scan.depth = depth;
-    scan.startedAt = scan.finishedAt = now;
+    scan.startedAt = scan.finishedAt = reportNow;
     scan.items = std::move(items);
     return scan;
 }
@@ -60,8 +60,9 @@ TEST(StorageReportFigures, GroupCategoriesByClassAndCountOnlyWhatTheSystemMayFre
     installer.facts.kind = EntryKind::file;
     auto scan = scanOf({
         item("pip_cache", "Library/Caches/pip", 1'000),
-        item("app_caches", "Library/Caches/Fresh", 2'000, now - 2min), // written just now: not freeable now
-        item("uv_cache", ".cache/uv", 40'000),                         // the owner's tool only
+        item("app_caches", "Library/Caches/Fresh", 2'000,
+             reportNow - 2min),                // written just reportNow: not freeable reportNow
+        item("uv_cache", ".cache/uv", 40'000), // the owner's tool only
         installer,
         item("documents", "Documents", 70'000),
         item("apple_caches", "Library/Caches/com.apple.Safari", 300),
@@ -70,7 +71,7 @@ TEST(StorageReportFigures, GroupCategoriesByClassAndCountOnlyWhatTheSystemMayFre
     scan.held.back().id = heldItemId(scan.held.back().parts);
     scan.held.back().category = "held";
 
-    auto report = makeStorageReport(scan, table, {}, now);
+    auto report = makeStorageReport(scan, table, {}, reportNow);
     std::vector<std::string> order;
     for (const auto& c : report.categories)
         order.push_back(c.id);
@@ -91,54 +92,59 @@ TEST(StorageReportFigures, GroupCategoriesByClassAndCountOnlyWhatTheSystemMayFre
 
 TEST(StorageReportFigures, ThePreconditionFailsOnWhatTheDiskShowsUnsafe) {
     const Rule& pip = *table.find("pip_cache");
-    EXPECT_TRUE(preconditionHoldsOnDisk(pip, item("pip_cache", "Library/Caches/pip", 1).facts, now));
+    EXPECT_TRUE(preconditionHoldsOnDisk(pip, item("pip_cache", "Library/Caches/pip", 1).facts, reportNow));
 
     auto recent = item("pip_cache", "Library/Caches/pip", 1);
-    recent.facts.tally.newestFolderChange = now - 9min;
-    EXPECT_FALSE(preconditionHoldsOnDisk(pip, recent.facts, now));
+    recent.facts.tally.newestFolderChange = reportNow - 9min;
+    EXPECT_FALSE(preconditionHoldsOnDisk(pip, recent.facts, reportNow));
 
     auto withSocket = item("pip_cache", "Library/Caches/pip", 1);
     withSocket.facts.tally.meetingPoints = 1;
-    EXPECT_FALSE(preconditionHoldsOnDisk(pip, withSocket.facts, now));
+    EXPECT_FALSE(preconditionHoldsOnDisk(pip, withSocket.facts, reportNow));
 
     auto withLogin = item("pip_cache", "Library/Caches/pip", 1);
     withLogin.facts.tally.keepsakes = {"Library/Caches/pip/credentials.json"};
-    EXPECT_FALSE(preconditionHoldsOnDisk(pip, withLogin.facts, now));
+    EXPECT_FALSE(preconditionHoldsOnDisk(pip, withLogin.facts, reportNow));
 
     auto partlyRead = item("pip_cache", "Library/Caches/pip", 1);
     partlyRead.facts.tally.ownershipRefusals = 1;
-    EXPECT_FALSE(preconditionHoldsOnDisk(pip, partlyRead.facts, now));
+    EXPECT_FALSE(preconditionHoldsOnDisk(pip, partlyRead.facts, reportNow));
 
     auto link = item("pip_cache", "Library/Caches/pip", 1);
     link.facts.kind = EntryKind::link;
-    EXPECT_FALSE(preconditionHoldsOnDisk(pip, link.facts, now));
+    EXPECT_FALSE(preconditionHoldsOnDisk(pip, link.facts, reportNow));
 }
 
 TEST(StorageReportFigures, AgeIsReadFromTheRulesOwnSignal) {
     // Crash reports: 30 days since the last change.
     const Rule& crashes = *table.find("crash_reports");
-    EXPECT_TRUE(preconditionHoldsOnDisk(crashes, item("crash_reports", "x", 1, now - 31 * 24h).facts, now));
-    EXPECT_FALSE(preconditionHoldsOnDisk(crashes, item("crash_reports", "x", 1, now - 29 * 24h).facts, now));
+    EXPECT_TRUE(preconditionHoldsOnDisk(crashes, item("crash_reports", "x", 1, reportNow - 31 * 24h).facts,
+                                        reportNow));
+    EXPECT_FALSE(preconditionHoldsOnDisk(crashes, item("crash_reports", "x", 1, reportNow - 29 * 24h).facts,
+                                         reportNow));
 
     // Old installers: arrived long ago and not opened since.
     const Rule& installers = *table.find("old_installers");
-    auto opened = item("old_installers", "Downloads/a.dmg", 1, now - 60 * 24h);
-    opened.facts.opened = now - 2 * 24h;
-    EXPECT_FALSE(preconditionHoldsOnDisk(installers, opened.facts, now));
-    opened.facts.opened = now - 45 * 24h;
-    EXPECT_TRUE(preconditionHoldsOnDisk(installers, opened.facts, now));
+    auto opened = item("old_installers", "Downloads/a.dmg", 1, reportNow - 60 * 24h);
+    opened.facts.opened = reportNow - 2 * 24h;
+    EXPECT_FALSE(preconditionHoldsOnDisk(installers, opened.facts, reportNow));
+    opened.facts.opened = reportNow - 45 * 24h;
+    EXPECT_TRUE(preconditionHoldsOnDisk(installers, opened.facts, reportNow));
 
     // A catch-all takes a folder nobody names only after a quiet day.
     const Rule& appCaches = *table.find("app_caches");
-    EXPECT_FALSE(preconditionHoldsOnDisk(appCaches, item("app_caches", "x", 1, now - 5h).facts, now));
-    EXPECT_TRUE(preconditionHoldsOnDisk(appCaches, item("app_caches", "x", 1, now - 25h).facts, now));
+    EXPECT_FALSE(
+        preconditionHoldsOnDisk(appCaches, item("app_caches", "x", 1, reportNow - 5h).facts, reportNow));
+    EXPECT_TRUE(
+        preconditionHoldsOnDisk(appCaches, item("app_caches", "x", 1, reportNow - 25h).facts, reportNow));
 
     // Xcode's own record of last use decides; without it the age is not known.
     const Rule& derived = *table.find("xcode_build_data");
-    auto project = item("xcode_build_data", "Library/Developer/Xcode/DerivedData/App-abc", 1, now - 90 * 24h);
-    EXPECT_FALSE(preconditionHoldsOnDisk(derived, project.facts, now));
-    project.facts.ownersRecord = now - 40 * 24h;
-    EXPECT_TRUE(preconditionHoldsOnDisk(derived, project.facts, now));
+    auto project =
+        item("xcode_build_data", "Library/Developer/Xcode/DerivedData/App-abc", 1, reportNow - 90 * 24h);
+    EXPECT_FALSE(preconditionHoldsOnDisk(derived, project.facts, reportNow));
+    project.facts.ownersRecord = reportNow - 40 * 24h;
+    EXPECT_TRUE(preconditionHoldsOnDisk(derived, project.facts, reportNow));
 }
 
 TEST(StorageReportText, ShowsHeadingsCostsPreconditionsAndTheIdsToChooseFrom) {
@@ -152,7 +158,7 @@ TEST(StorageReportText, ShowsHeadingsCostsPreconditionsAndTheIdsToChooseFrom) {
     scan.held.back().id = "held:0a1b2c";
     scan.gaps.push_back({"/home/u/Library/Mail", ScanGap::Reason::privacy, "Operation not permitted"});
 
-    auto text = storageReportText(makeStorageReport(scan, table, {}, now));
+    auto text = storageReportText(makeStorageReport(scan, table, {}, reportNow));
     auto at = [&](std::string_view words) { return text.find(words); };
     // Class by class, A first; this copy frees nothing, and says so.
     const std::string measuresOnlyA =
@@ -197,7 +203,8 @@ TEST(StorageReportText, ShowsHeadingsCostsPreconditionsAndTheIdsToChooseFrom) {
     EXPECT_NE(at(hint), std::string::npos);
 
     StorageAbilities all{true, true, true};
-    auto able = storageReportText(makeStorageReport(scanOf(scan.items, ScanDepth::full), table, all, now));
+    auto able =
+        storageReportText(makeStorageReport(scanOf(scan.items, ScanDepth::full), table, all, reportNow));
     EXPECT_NE(able.find(headingA), std::string::npos);
     EXPECT_NE(
         able.find("Items that can be set aside, each only if the user chooses it by name (set_aside_storage "
@@ -210,8 +217,8 @@ TEST(StorageReportText, ShowsHeadingsCostsPreconditionsAndTheIdsToChooseFrom) {
 TEST(StorageReportText, SaysWhenCategoriesWereOnlyPartlyRead) {
     auto locked = item("pip_cache", "Library/Caches/pip", 1'000);
     locked.facts.tally.ownershipRefusals = 2;
-    auto text = storageReportText(
-        makeStorageReport(scanOf({locked, item("pip_cache", "Library/Caches/pip2", 1)}), table, {}, now));
+    auto text = storageReportText(makeStorageReport(
+        scanOf({locked, item("pip_cache", "Library/Caches/pip2", 1)}), table, {}, reportNow));
     EXPECT_NE(text.find(", 2 items (1 of them could not be read)\n"), std::string::npos) << text;
     EXPECT_NE(text.find("Part of it could not be read, so it may hold more."), std::string::npos);
     EXPECT_EQ(text.find("Full Disk Access"), std::string::npos);
@@ -220,7 +227,7 @@ TEST(StorageReportText, SaysWhenCategoriesWereOnlyPartlyRead) {
 TEST(StorageReportKept, RoundTripsThroughTheDataFolderAndRefusesABrokenFile) {
     TempDir data;
     auto scan = scanOf({item("pip_cache", "Library/Caches/pip", 1'000)});
-    auto report = makeStorageReport(scan, table, {}, now);
+    auto report = makeStorageReport(scan, table, {}, reportNow);
     EXPECT_FALSE(loadKeptStorageReport(data.path()).has_value());
     ASSERT_TRUE(keepStorageReport(data.path(), report, scan).has_value());
 
@@ -245,7 +252,7 @@ TEST(StorageReportKept, RoundTripsThroughTheDataFolderAndRefusesABrokenFile) {
 TEST(StorageReportText, ANameHoldingANewlineWasSplitAcrossTwoLines) {
     auto report =
         makeStorageReport(scanOf({item("old_installers", "Downloads/two\nlines\x1b[2J.dmg", 5'000)}), table,
-                          StorageAbilities{true, true, true}, now);
+                          StorageAbilities{true, true, true}, reportNow);
     auto text = storageReportText(report);
     EXPECT_NE(text.find("/home/u/Downloads/two$'\\n'lines$'\\033'[2J.dmg  "), std::string::npos) << text;
     EXPECT_EQ(text.find('\x1b'), std::string::npos);

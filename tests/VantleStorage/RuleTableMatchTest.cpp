@@ -13,10 +13,6 @@ using namespace vantle;
 
 namespace {
 
-const RuleTable& table() {
-    return RuleTable::shared();
-}
-
 std::vector<std::string> split(std::string_view path) {
     std::vector<std::string> parts;
     for (auto part : std::views::split(path, '/'))
@@ -26,12 +22,12 @@ std::vector<std::string> split(std::string_view path) {
 
 // The id of the rule that claims `path`, or "" when none does.
 std::string claimedBy(std::string_view path, Anchor anchor = Anchor::home) {
-    auto index = table().claimant(anchor, split(path));
-    return index ? table()[*index].id : "";
+    auto index = RuleTable::shared().claimant(anchor, split(path));
+    return index ? RuleTable::shared()[*index].id : "";
 }
 
 bool matches(std::string_view id, std::string_view path) {
-    return table().matches(*table().indexOf(id), split(path));
+    return RuleTable::shared().matches(*RuleTable::shared().indexOf(id), split(path));
 }
 
 // A folder tree in memory, walked the way the scanner walks a disk: one folder at a time, stepping the
@@ -62,7 +58,7 @@ void walk(const RuleMatcher& matcher, const Tree& folder, const RuleMatcher::Pla
         std::string path;
         for (const auto& part : parts)
             path += (path.empty() ? "" : "/") + part;
-        if (step.rule) out.items.emplace(table()[*step.rule].id, path);
+        if (step.rule) out.items.emplace(RuleTable::shared()[*step.rule].id, path);
         if (step.inside && child) {
             EXPECT_TRUE(std::ranges::equal(step.inside->parts(), parts));
             out.entered.push_back(path);
@@ -73,7 +69,7 @@ void walk(const RuleMatcher& matcher, const Tree& folder, const RuleMatcher::Pla
 
 Walk walk(const Tree& tree, ScanDepth depth, std::optional<std::set<std::string>> only = std::nullopt,
           Anchor anchor = Anchor::home) {
-    RuleMatcher matcher(table(), anchor, RuleSelection(table(), depth, only));
+    RuleMatcher matcher(RuleTable::shared(), anchor, RuleSelection(RuleTable::shared(), depth, only));
     Walk out;
     walk(matcher, tree, matcher.root(), out);
     return out;
@@ -190,15 +186,16 @@ TEST(RuleMatching, NeverMatchesEmptyDotOrSlashedComponents) {
     // "*" alone would take any of these, so the components must be refused before matching.
     for (auto bad : {"", ".", "..", "Library/Caches"}) {
         std::vector<std::string> parts{bad};
-        EXPECT_EQ(table().claimant(Anchor::home, parts), std::nullopt) << bad;
-        EXPECT_FALSE(table().matches(*table().indexOf("home_other"), parts)) << bad;
+        EXPECT_EQ(RuleTable::shared().claimant(Anchor::home, parts), std::nullopt) << bad;
+        EXPECT_FALSE(RuleTable::shared().matches(*RuleTable::shared().indexOf("home_other"), parts)) << bad;
     }
     EXPECT_EQ(claimedBy("Library/Caches/../Caches/Homebrew"), "");
     EXPECT_EQ(claimedBy(".cache/./pip"), "");
-    EXPECT_EQ(table().claimant(Anchor::home, {}), std::nullopt);
-    EXPECT_FALSE(table().matches(table().size(), split("Documents")));
+    EXPECT_EQ(RuleTable::shared().claimant(Anchor::home, {}), std::nullopt);
+    EXPECT_FALSE(RuleTable::shared().matches(RuleTable::shared().size(), split("Documents")));
 
-    RuleMatcher matcher(table(), Anchor::home, RuleSelection(table(), ScanDepth::full));
+    RuleMatcher matcher(RuleTable::shared(), Anchor::home,
+                        RuleSelection(RuleTable::shared(), ScanDepth::full));
     for (auto bad : {"", ".", "..", "a/b"}) {
         auto step = matcher.step(matcher.root(), bad);
         EXPECT_FALSE(step.rule) << bad;
@@ -232,7 +229,7 @@ TEST(RuleWalk, FindsEachItemOnceUnderTheRuleThatClaimsIt) {
     }
     // A rules-depth scan measures none of the user's own folders.
     for (const auto& [id, path] : w.items)
-        EXPECT_EQ(table().find(id)->depth, ScanDepth::rules) << id;
+        EXPECT_EQ(RuleTable::shared().find(id)->depth, ScanDepth::rules) << id;
 }
 
 TEST(RuleWalk, GoesInOnlyWhereAMeasuredPatternLeads) {
@@ -277,7 +274,7 @@ TEST(RuleWalk, ARuleLeftOutOfTheScanStillTakesWhatItClaimsFirst) {
     auto none = walk(home, ScanDepth::rules, std::set<std::string>{"documents", "not_a_rule"});
     EXPECT_TRUE(none.items.empty());
     EXPECT_TRUE(none.entered.empty());
-    RuleSelection selection(table(), ScanDepth::rules,
+    RuleSelection selection(RuleTable::shared(), ScanDepth::rules,
                             std::set<std::string>{"documents", "macos_installers"});
     EXPECT_EQ(selection.count(), 1u);
     EXPECT_TRUE(selection.touches(Anchor::system));

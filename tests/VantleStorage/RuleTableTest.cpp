@@ -13,19 +13,15 @@ using namespace vantle;
 
 namespace {
 
-const RuleTable& table() {
-    return RuleTable::shared();
-}
-
 const Rule& rule(std::string_view id) {
-    const Rule* found = table().find(id);
+    const Rule* found = RuleTable::shared().find(id);
     if (!found) throw std::runtime_error("no rule " + std::string(id));
     return *found;
 }
 
 std::set<std::string> idsWhere(auto predicate) {
     std::set<std::string> out;
-    for (const auto& r : table().rules())
+    for (const auto& r : RuleTable::shared().rules())
         if (predicate(r)) out.insert(r.id);
     return out;
 }
@@ -41,20 +37,21 @@ Rule wellFormed(std::string id) {
 } // namespace
 
 TEST(RuleTable, ShipsFiftySixRulesFromTheParticularToTheGeneral) {
-    ASSERT_EQ(table().size(), 56u);
-    EXPECT_EQ(table()[0].id, "xcode_build_data");
-    EXPECT_EQ(table()[55].id, "home_other");
+    ASSERT_EQ(RuleTable::shared().size(), 56u);
+    EXPECT_EQ(RuleTable::shared()[0].id, "xcode_build_data");
+    EXPECT_EQ(RuleTable::shared()[55].id, "home_other");
 
     std::unordered_set<std::string> ids;
-    for (const auto& r : table().rules())
+    for (const auto& r : RuleTable::shared().rules())
         EXPECT_TRUE(ids.insert(r.id).second) << r.id << " appears twice";
 
     // The user's own folders and the system's areas close the table, and only they wait for a full scan.
-    for (std::size_t i = 0; i < table().size(); ++i)
-        EXPECT_EQ(table()[i].depth, i >= 44 ? ScanDepth::full : ScanDepth::rules) << table()[i].id;
+    for (std::size_t i = 0; i < RuleTable::shared().size(); ++i)
+        EXPECT_EQ(RuleTable::shared()[i].depth, i >= 44 ? ScanDepth::full : ScanDepth::rules)
+            << RuleTable::shared()[i].id;
 
     // Every named cache stands before the catch-alls that would also take it.
-    auto position = [](std::string_view id) { return *table().indexOf(id); };
+    auto position = [](std::string_view id) { return *RuleTable::shared().indexOf(id); };
     for (auto named : {"homebrew_downloads", "yarn_cache", "pip_cache", "cocoapods_cache", "swiftpm_cache",
                        "go_build_cache", "deno_cache", "poetry_cache", "kept_tool_data", "uv_cache",
                        "huggingface_downloads", "ide_caches", "apple_caches"})
@@ -64,18 +61,18 @@ TEST(RuleTable, ShipsFiftySixRulesFromTheParticularToTheGeneral) {
 
 TEST(RuleTable, EachPatternIsClaimedByItsOwnRuleNotByALaterCatchAll) {
     // Put a plain name in place of every "*"; the rule the pattern belongs to must take the result.
-    for (std::size_t i = 0; i < table().size(); ++i) {
-        const Rule& r = table()[i];
-        for (const auto& glob : table().compiled(i).patterns) {
+    for (std::size_t i = 0; i < RuleTable::shared().size(); ++i) {
+        const Rule& r = RuleTable::shared()[i];
+        for (const auto& glob : RuleTable::shared().compiled(i).patterns) {
             std::vector<std::string> parts;
             for (auto component : glob) {
                 for (auto star = component.find('*'); star != std::string::npos; star = component.find('*'))
                     component.replace(star, 1, "Sample");
                 parts.push_back(component);
             }
-            auto claimant = table().claimant(r.anchor, parts);
+            auto claimant = RuleTable::shared().claimant(r.anchor, parts);
             ASSERT_TRUE(claimant) << r.id;
-            EXPECT_EQ(table()[*claimant].id, r.id);
+            EXPECT_EQ(RuleTable::shared()[*claimant].id, r.id);
         }
     }
 }
@@ -103,7 +100,7 @@ TEST(RuleTable, OnlyHomeRulesOfClassAWithRemoveOrClassBWithHoldLetTheSystemFree)
 }
 
 TEST(RuleTable, WordsAndFlagsFollowWhatEachRuleLetsTheSystemDo) {
-    for (const auto& r : table().rules()) {
+    for (const auto& r : RuleTable::shared().rules()) {
         EXPECT_FALSE(r.title.empty()) << r.id;
         EXPECT_TRUE(r.explanation.ends_with(".")) << r.id;
         // A cost is only ever worded where the system deletes something itself.
@@ -124,13 +121,13 @@ TEST(RuleTable, WordsAndFlagsFollowWhatEachRuleLetsTheSystemDo) {
 }
 
 TEST(RuleTable, LooksUpRulesByExactId) {
-    ASSERT_NE(table().find("gradle_caches"), nullptr);
-    EXPECT_EQ(table().find("gradle_caches")->title, "Gradle caches");
-    EXPECT_EQ(table().find("gradle_caches")->patterns,
+    ASSERT_NE(RuleTable::shared().find("gradle_caches"), nullptr);
+    EXPECT_EQ(RuleTable::shared().find("gradle_caches")->title, "Gradle caches");
+    EXPECT_EQ(RuleTable::shared().find("gradle_caches")->patterns,
               (std::vector<std::string>{".gradle/caches", ".gradle/wrapper/dists", ".gradle/daemon"}));
-    EXPECT_EQ(table().indexOf("home_other"), 55u);
+    EXPECT_EQ(RuleTable::shared().indexOf("home_other"), 55u);
     for (auto unknown : {"Gradle_Caches", "gradle_caches ", "", "gradle", "held"})
-        EXPECT_EQ(table().find(unknown), nullptr) << unknown;
+        EXPECT_EQ(RuleTable::shared().find(unknown), nullptr) << unknown;
 }
 
 TEST(Precondition, WordsItsClausesInTheirOrder) {
@@ -183,8 +180,8 @@ TEST(RuleRecord, NamesItsCasesAndComparesAndHashesOverEveryField) {
     EXPECT_EQ(heading(SafetyClass::c), "Yours, shown only (class C)");
     EXPECT_EQ(heading(SafetyClass::d), "Looked after by macOS, never touched (class D)");
 
-    std::unordered_set<Rule> distinct(table().rules().begin(), table().rules().end());
-    EXPECT_EQ(distinct.size(), table().size());
+    std::unordered_set<Rule> distinct(RuleTable::shared().rules().begin(), RuleTable::shared().rules().end());
+    EXPECT_EQ(distinct.size(), RuleTable::shared().size());
 
     Rule copy = rule("app_logs");
     EXPECT_EQ(copy, rule("app_logs"));
@@ -222,9 +219,9 @@ TEST(RuleTableCompile, RefusesMalformedRulesWithASentenceNamingThem) {
     EXPECT_NE(refused(strayInstruction).find("instruction"), std::string::npos);
 
     // The shipped table's split patterns, as the matcher will read them.
-    EXPECT_EQ(table().compiled(43).exclusions.size(), 8u);
-    EXPECT_EQ(table().compiled(43).exclusions.back(),
+    EXPECT_EQ(RuleTable::shared().compiled(43).exclusions.size(), 8u);
+    EXPECT_EQ(RuleTable::shared().compiled(43).exclusions.back(),
               (std::vector<std::string>{"Library", "Caches", "JetBrains"}));
-    EXPECT_EQ(table().compiled(4).patterns.front(),
+    EXPECT_EQ(RuleTable::shared().compiled(4).patterns.front(),
               (std::vector<std::string>{"Library", "Developer", "Xcode", "Archives", "*", "*.xcarchive"}));
 }

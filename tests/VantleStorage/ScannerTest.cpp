@@ -16,17 +16,11 @@
 #include <unordered_set>
 
 using namespace vantle;
+using vantle::testing::allocatedBytesOf;
+using vantle::testing::filled;
 using vantle::testing::TempDir;
 
 namespace {
-
-std::string big(std::size_t n) {
-    return std::string(n, 'x');
-}
-
-std::int64_t onDisk(const std::filesystem::path& place) {
-    return vantle::testing::allocatedBytesOf(place);
-}
 
 class ScannerTest : public ::testing::Test {
   protected:
@@ -51,7 +45,7 @@ class ScannerTest : public ::testing::Test {
     }
 
     std::filesystem::path write(const std::string& rel, std::size_t bytes) {
-        return dir.write("home/" + rel, big(bytes));
+        return dir.write("home/" + rel, filled(bytes));
     }
 };
 
@@ -111,7 +105,8 @@ TEST_F(ScannerTest, FindsEachRulesItemsUnderTheirOwnRuleOnly) {
     EXPECT_EQ(item->facts.kind, EntryKind::folder);
     EXPECT_TRUE(item->facts.wasInspected);
     EXPECT_EQ(item->facts.tally.files, 1);
-    EXPECT_EQ(item->facts.tally.allocatedBytes, onDisk(pip) + onDisk(home / "Library/Caches/pip"));
+    EXPECT_EQ(item->facts.tally.allocatedBytes,
+              allocatedBytesOf(pip) + allocatedBytesOf(home / "Library/Caches/pip"));
     struct stat st {};
     ::stat((home / "Library/Caches/pip").c_str(), &st);
     EXPECT_EQ(item->facts.identity, (FileIdentity{st.st_dev, st.st_ino}));
@@ -121,7 +116,7 @@ TEST_F(ScannerTest, ADepthRulesScanMeasuresNoFullRuleAndAFullScanMeasuresBoth) {
     write("Documents/report.txt", 4'000);
     write("Library/Caches/pip/wheel.whl", 2'000);
     write("projects/code.c", 1'000);
-    dir.write("system/opt/tool/bin", big(1'000));
+    dir.write("system/opt/tool/bin", filled(1'000));
 
     auto rules = scan(ScanDepth::rules);
     for (const auto& item : rules.items)
@@ -165,8 +160,10 @@ TEST_F(ScannerTest, AHardLinkSharedByTwoMatchedItemsIsCountedOnce) {
     auto yarn = itemAt(result, (home / "Library/Caches/Yarn").string());
     auto pip = itemAt(result, (home / "Library/Caches/pip").string());
     ASSERT_TRUE(yarn && pip);
-    auto folders = onDisk(home / "Library/Caches/Yarn") + onDisk(home / "Library/Caches/pip");
-    EXPECT_EQ(yarn->facts.tally.allocatedBytes + pip->facts.tally.allocatedBytes, onDisk(file) + folders);
+    auto folders =
+        allocatedBytesOf(home / "Library/Caches/Yarn") + allocatedBytesOf(home / "Library/Caches/pip");
+    EXPECT_EQ(yarn->facts.tally.allocatedBytes + pip->facts.tally.allocatedBytes,
+              allocatedBytesOf(file) + folders);
     EXPECT_EQ(yarn->facts.tally.reclaimableBytes + pip->facts.tally.reclaimableBytes, folders);
 }
 
@@ -191,7 +188,7 @@ TEST_F(ScannerTest, HardLinksWhoseEveryNameIsInsideOneItemAreReclaimableNotPinne
     EXPECT_EQ(pip->facts.tally.pinnedBytes, 0);
     EXPECT_EQ(pip->facts.tally.reclaimableBytes, pip->facts.tally.allocatedBytes);
     EXPECT_EQ(cacache->facts.tally.pinnedBytes + npx->facts.tally.pinnedBytes, 0);
-    EXPECT_EQ(yarn->facts.tally.pinnedBytes, onDisk(kept));
+    EXPECT_EQ(yarn->facts.tally.pinnedBytes, allocatedBytesOf(kept));
 }
 
 // Access times are what "last opened" and old installers are judged by; this mount is relatime, so
@@ -228,7 +225,7 @@ TEST_F(ScannerTest, AFullScanLeavesEveryAccessTimeExactlyAsItWas) {
 }
 
 TEST_F(ScannerTest, ALinkInsideACacheIsALinkWithNoSize) {
-    auto target = dir.write("elsewhere/big.bin", big(300'000));
+    auto target = dir.write("elsewhere/big.bin", filled(300'000));
     auto own = write("Library/Caches/Homebrew/bottle.tar", 1'000);
     std::filesystem::create_symlink(target, home / "Library/Caches/Homebrew/latest");
     std::filesystem::create_directory_symlink(dir / "elsewhere", home / "Library/Caches/SomeLink");
@@ -237,7 +234,8 @@ TEST_F(ScannerTest, ALinkInsideACacheIsALinkWithNoSize) {
     auto brew = itemAt(result, (home / "Library/Caches/Homebrew").string());
     ASSERT_TRUE(brew);
     EXPECT_EQ(brew->facts.tally.links, 1);
-    EXPECT_EQ(brew->facts.tally.allocatedBytes, onDisk(own) + onDisk(home / "Library/Caches/Homebrew"));
+    EXPECT_EQ(brew->facts.tally.allocatedBytes,
+              allocatedBytesOf(own) + allocatedBytesOf(home / "Library/Caches/Homebrew"));
     // A link taken as an item itself is never followed either.
     auto linked = itemAt(result, (home / "Library/Caches/SomeLink").string());
     ASSERT_TRUE(linked);
@@ -289,8 +287,9 @@ TEST_F(ScannerTest, UnreadablePlacesAreRecordedAndTheScanGoesOn) {
     auto pip = itemAt(*result, (home / "Library/Caches/pip").string());
     ASSERT_TRUE(pip);
     EXPECT_EQ(pip->facts.tally.ownershipRefusals, 1);
-    EXPECT_EQ(pip->facts.tally.allocatedBytes, onDisk(readable) + onDisk(home / "Library/Caches/pip") +
-                                                   onDisk(home / "Library/Caches/pip/locked"));
+    EXPECT_EQ(pip->facts.tally.allocatedBytes, allocatedBytesOf(readable) +
+                                                   allocatedBytesOf(home / "Library/Caches/pip") +
+                                                   allocatedBytesOf(home / "Library/Caches/pip/locked"));
     EXPECT_TRUE(itemAt(*result, (home / "Library/Caches/Yarn").string()));
     ASSERT_EQ(result->gaps.size(), 1u);
     EXPECT_EQ(result->gaps[0].path, (home / "Library/Logs").string());
@@ -335,7 +334,7 @@ TEST_F(ScannerTest, ItemIdsNameTheRuleAndStayTheSameFromScanToScan) {
 
 TEST_F(ScannerTest, TheHoldingFolderIsListedAsHeldAndNeverCountedInACategory) {
     auto holding = home / ".vantle-lite/Holding";
-    auto heldFile = dir.write("home/.vantle-lite/Holding/slot-1/old.dmg", big(80'000));
+    auto heldFile = dir.write("home/.vantle-lite/Holding/slot-1/old.dmg", filled(80'000));
     write(".vantle-lite/Library/storage.json", 500);
 
     StorageScanner::Options options;
@@ -353,7 +352,8 @@ TEST_F(ScannerTest, TheHoldingFolderIsListedAsHeldAndNeverCountedInACategory) {
     std::vector<std::string> former{"Downloads", "old.dmg"};
     EXPECT_EQ(held.id, heldItemId(former));
     EXPECT_EQ(held.path, (holding / "slot-1").string());
-    EXPECT_EQ(held.facts.tally.allocatedBytes, onDisk(heldFile) + onDisk(holding / "slot-1"));
+    EXPECT_EQ(held.facts.tally.allocatedBytes,
+              allocatedBytesOf(heldFile) + allocatedBytesOf(holding / "slot-1"));
 
     auto data = itemAt(*result, (home / ".vantle-lite").string());
     ASSERT_TRUE(data);

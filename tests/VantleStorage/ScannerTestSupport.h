@@ -23,6 +23,11 @@ inline std::int64_t allocatedBytesOf(const std::filesystem::path& file) {
     return static_cast<std::int64_t>(st.st_blocks) * 512;
 }
 
+// Contents that take their whole length on disk (no holes), so sizes can be checked exactly.
+inline std::string filled(std::size_t n) {
+    return std::string(n, 'x');
+}
+
 // A tmpfs mounted at `where` until the value ends; mounted() is false without the right to mount.
 class TmpfsMount {
   public:

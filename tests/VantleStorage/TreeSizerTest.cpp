@@ -14,6 +14,8 @@
 #include <sys/stat.h>
 
 using namespace vantle;
+using vantle::testing::allocatedBytesOf;
+using vantle::testing::filled;
 using vantle::testing::TempDir;
 
 namespace {
@@ -32,20 +34,12 @@ Tally measure(const TempDir& dir, const std::string& rel) {
     return measure(dir, rel, ledger);
 }
 
-std::string big(std::size_t n) {
-    return std::string(n, 'x');
-}
-
-std::int64_t onDisk(const std::filesystem::path& place) {
-    return vantle::testing::allocatedBytesOf(place);
-}
-
 } // namespace
 
 TEST(TreeSizer, CountsFilesFoldersAndTheSpaceTheyTake) {
     TempDir dir;
-    auto a = dir.write("cache/a.bin", big(10'000));
-    auto b = dir.write("cache/deep/er/b.bin", big(30'000));
+    auto a = dir.write("cache/a.bin", filled(10'000));
+    auto b = dir.write("cache/deep/er/b.bin", filled(30'000));
     dir.mkdir("cache/empty");
 
     Tally t = measure(dir, "cache");
@@ -53,8 +47,10 @@ TEST(TreeSizer, CountsFilesFoldersAndTheSpaceTheyTake) {
     EXPECT_EQ(t.folders, 4); // cache, deep, er, empty
     EXPECT_EQ(t.links, 0);
     EXPECT_EQ(t.logicalBytes, 40'000);
-    EXPECT_EQ(t.allocatedBytes, onDisk(a) + onDisk(b) + onDisk(dir / "cache") + onDisk(dir / "cache/deep") +
-                                    onDisk(dir / "cache/deep/er") + onDisk(dir / "cache/empty"));
+    EXPECT_EQ(t.allocatedBytes, allocatedBytesOf(a) + allocatedBytesOf(b) + allocatedBytesOf(dir / "cache") +
+                                    allocatedBytesOf(dir / "cache/deep") +
+                                    allocatedBytesOf(dir / "cache/deep/er") +
+                                    allocatedBytesOf(dir / "cache/empty"));
     EXPECT_EQ(t.reclaimableBytes, t.allocatedBytes);
     EXPECT_EQ(t.pinnedBytes, 0);
     EXPECT_FALSE(t.isPartial());
@@ -62,10 +58,10 @@ TEST(TreeSizer, CountsFilesFoldersAndTheSpaceTheyTake) {
 
 TEST(TreeSizer, ALinkCountsAsALinkWithNoSizeAndIsNeverFollowed) {
     TempDir dir;
-    auto outside = dir.write("outside/huge.bin", big(200'000));
+    auto outside = dir.write("outside/huge.bin", filled(200'000));
     dir.mkdir("outside/folder");
-    dir.write("outside/folder/more.bin", big(100'000));
-    auto own = dir.write("cache/own.bin", big(5'000));
+    dir.write("outside/folder/more.bin", filled(100'000));
+    auto own = dir.write("cache/own.bin", filled(5'000));
     std::filesystem::create_symlink(outside, dir / "cache/to-file");
     std::filesystem::create_directory_symlink(dir / "outside/folder", dir / "cache/to-folder");
 
@@ -74,22 +70,22 @@ TEST(TreeSizer, ALinkCountsAsALinkWithNoSizeAndIsNeverFollowed) {
     EXPECT_EQ(t.files, 1);
     EXPECT_EQ(t.folders, 1);
     EXPECT_EQ(t.logicalBytes, 5'000);
-    EXPECT_EQ(t.allocatedBytes, onDisk(own) + onDisk(dir / "cache"));
+    EXPECT_EQ(t.allocatedBytes, allocatedBytesOf(own) + allocatedBytesOf(dir / "cache"));
 }
 
 TEST(TreeSizer, AHardLinkedFileIsCountedOnceAcrossItemsOfOneScan) {
     TempDir dir;
-    auto shared = dir.write("first/shared.bin", big(50'000));
+    auto shared = dir.write("first/shared.bin", filled(50'000));
     std::filesystem::create_directories(dir / "second");
     std::filesystem::create_hard_link(shared, dir / "second/shared-again.bin");
-    auto blocks = onDisk(shared);
+    auto blocks = allocatedBytesOf(shared);
 
     CancelFlag cancel;
     ScanLedger ledger(cancel);
     Tally first = measure(dir, "first", ledger);
     Tally second = measure(dir, "second", ledger);
     EXPECT_EQ(first.files + second.files, 2); // both names are seen...
-    auto folders = onDisk(dir / "first") + onDisk(dir / "second");
+    auto folders = allocatedBytesOf(dir / "first") + allocatedBytesOf(dir / "second");
     EXPECT_EQ(first.allocatedBytes + second.allocatedBytes, blocks + folders); // ...the blocks once
     EXPECT_EQ(first.logicalBytes + second.logicalBytes, 50'000);
     // Deleting one name would not free what the other name keeps.
@@ -98,7 +94,7 @@ TEST(TreeSizer, AHardLinkedFileIsCountedOnceAcrossItemsOfOneScan) {
 
     // A new scan has its own ledger and counts the file again.
     Tally again = measure(dir, "second");
-    EXPECT_EQ(again.allocatedBytes, blocks + onDisk(dir / "second"));
+    EXPECT_EQ(again.allocatedBytes, blocks + allocatedBytesOf(dir / "second"));
 }
 
 TEST(TreeSizer, NotesSocketsLoginsAndTheNewestWrite) {
@@ -132,7 +128,7 @@ TEST(TreeSizer, AClonesSharedBlocksArePinnedAndCountedOnce) {
     TempDir dir;
     vantle::testing::CloningDisk disk(dir / "disk.img", dir / "disk");
     if (!disk.mounted()) GTEST_SKIP() << "clones need a file system that shares blocks: " << disk.why();
-    auto original = dir.write("disk/one/original.bin", big(300'000));
+    auto original = dir.write("disk/one/original.bin", filled(300'000));
     std::filesystem::create_directories(dir / "disk/two");
     {
         UniqueFd from(::open(original.c_str(), O_RDONLY | O_CLOEXEC));
@@ -140,14 +136,14 @@ TEST(TreeSizer, AClonesSharedBlocksArePinnedAndCountedOnce) {
         UniqueFd to(::open((dir / "disk/two/clone.bin").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
         ASSERT_EQ(::ioctl(to.get(), FICLONE, from.get()), 0) << "the clone itself failed";
     }
-    auto blocks = onDisk(original);
+    auto blocks = allocatedBytesOf(original);
     ASSERT_GT(blocks, 0);
 
     CancelFlag cancel;
     ScanLedger ledger(cancel);
     Tally one = measure(dir, "disk/one", ledger);
     Tally two = measure(dir, "disk/two", ledger);
-    auto folders = onDisk(dir / "disk/one") + onDisk(dir / "disk/two");
+    auto folders = allocatedBytesOf(dir / "disk/one") + allocatedBytesOf(dir / "disk/two");
     // The shared blocks are on disk once; deleting either copy would give none of them back.
     EXPECT_EQ(one.allocatedBytes + two.allocatedBytes, blocks + folders);
     EXPECT_EQ(one.pinnedBytes + two.pinnedBytes, blocks);

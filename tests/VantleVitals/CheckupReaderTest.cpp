@@ -20,13 +20,13 @@ using namespace std::chrono;
 
 namespace {
 
-const TimePoint now = sys_days{2026y / November / 22} + 12h;
+const TimePoint readerNow = sys_days{2026y / November / 22} + 12h;
 
 // A machine laid out under one folder: proc/, sys/, etc/, var/, run/ and home/, with no program
 // asked unless a test writes one.
-struct Machine {
+struct CheckupMachine {
     TempDir dir;
-    Machine() { dir.mkdir("home"); }
+    CheckupMachine() { dir.mkdir("home"); }
 
     CheckupReader::Options options() const {
         CheckupReader::Options o;
@@ -35,7 +35,7 @@ struct Machine {
         o.systemVolume = dir.path();
         o.timeshiftSnapshots = dir / "timeshift/snapshots";
         o.systemctl = o.journalctl = o.gsettings = "";
-        o.clock = [] { return now; };
+        o.clock = [] { return readerNow; };
         return o;
     }
     CheckupFacts read() const { return CheckupReader(options()).read(); }
@@ -65,7 +65,7 @@ const CheckupSection& section(const MacCheckup& c, CheckupArea area) {
 } // namespace
 
 TEST(CheckupReader, ABareContainerLeavesEveryFactUnknownWithItsReasonAndNoFinding) {
-    Machine m;
+    CheckupMachine m;
     auto f = m.read();
     EXPECT_FALSE(f.load1 || f.memoryTotal || f.thermal || f.hasBattery || f.crashes || f.failedUnits ||
                  f.upgrades || f.homeEncrypted || f.firewall || f.automaticUpdates || f.screenLock ||
@@ -80,7 +80,7 @@ TEST(CheckupReader, ABareContainerLeavesEveryFactUnknownWithItsReasonAndNoFindin
     EXPECT_EQ(f.unknown["failedUnits"], "systemctl could not answer: it is not asked here");
     EXPECT_TRUE(f.home) << "statvfs still answers for the home";
 
-    auto c = buildCheckup(f, now);
+    auto c = buildCheckup(f, readerNow);
     ASSERT_EQ(c.sections.size(), 13u);
     EXPECT_EQ(section(c, CheckupArea::backups).verdict, "When this machine was last backed up is not known.");
     for (auto area :
@@ -96,7 +96,7 @@ TEST(CheckupReader, ABareContainerLeavesEveryFactUnknownWithItsReasonAndNoFindin
 }
 
 TEST(CheckupReader, AnEmptyPowerSupplyFolderMeansMainsPowerButOddFilesStayUnknown) {
-    Machine m;
+    CheckupMachine m;
     m.dir.mkdir("sys/class/power_supply");
     m.dir.write("sys/class/power_supply/AC/type", "Mains\n");
     m.dir.write("sys/class/power_supply/AC/online", "1\n");
@@ -113,11 +113,12 @@ TEST(CheckupReader, AnEmptyPowerSupplyFolderMeansMainsPowerButOddFilesStayUnknow
     EXPECT_FALSE(f.memoryTotal) << "a meminfo without MemAvailable gives no memory figures";
     EXPECT_FALSE(f.pressure);
     EXPECT_FALSE(f.thermal);
-    EXPECT_EQ(buildCheckup(f, now).sections[4].verdict, "No battery: this machine runs on mains power.");
+    EXPECT_EQ(buildCheckup(f, readerNow).sections[4].verdict,
+              "No battery: this machine runs on mains power.");
 }
 
 TEST(CheckupReader, ALaptopReadsBatteryDrawHeatMemoryAndLoad) {
-    Machine m;
+    CheckupMachine m;
     auto bat = std::string("sys/class/power_supply/BAT0/");
     for (auto [name, value] :
          std::initializer_list<std::pair<const char*, const char*>>{{"type", "Battery"},
@@ -153,7 +154,7 @@ TEST(CheckupReader, ALaptopReadsBatteryDrawHeatMemoryAndLoad) {
     EXPECT_EQ(f.pressure, VitalsSnapshot::Pressure::critical);
     EXPECT_EQ(f.swapUsed, 3000000ull * 1024);
 
-    auto c = buildCheckup(f, now);
+    auto c = buildCheckup(f, readerNow);
     EXPECT_EQ(section(c, CheckupArea::performance).status,
               CheckupStatus::attention); // 2.5 tasks a core, and hot
     EXPECT_EQ(section(c, CheckupArea::memory).verdict, "Memory is running out.");
@@ -164,7 +165,7 @@ TEST(CheckupReader, ALaptopReadsBatteryDrawHeatMemoryAndLoad) {
 }
 
 TEST(CheckupReader, HomeEncryptionFollowsTheMountDownTheDeviceStack) {
-    Machine m;
+    CheckupMachine m;
     auto home = (m.dir / "home").string();
     auto mountinfo = [&](std::string fs, std::string source) {
         m.dir.write("proc/self/mountinfo", "22 1 259:2 / / rw - ext4 /dev/nvme0n1p2 rw\n"
@@ -207,7 +208,7 @@ TEST(CheckupReader, HomeEncryptionFollowsTheMountDownTheDeviceStack) {
 }
 
 TEST(CheckupReader, CrashesOfTheLastThirtyDaysAndFailedUnitsFromSystemctl) {
-    Machine m;
+    CheckupMachine m;
     age(m.dir.write("var/crash/_usr_bin_gedit.1000.crash", "x"), hours(24 * 2));
     age(m.dir.write("var/crash/_usr_bin_old.1000.crash", "x"), hours(24 * 40));
     m.dir.write("var/crash/notes.txt", "x");
@@ -225,7 +226,7 @@ TEST(CheckupReader, CrashesOfTheLastThirtyDaysAndFailedUnitsFromSystemctl) {
     // The fixture answers the user's manager with the same list.
     EXPECT_EQ(*f.failedUnits, (std::vector<std::string>{"cups.service", "snapd.socket",
                                                         "cups.service (yours)", "snapd.socket (yours)"}));
-    auto stability = section(buildCheckup(f, now), CheckupArea::stability);
+    auto stability = section(buildCheckup(f, readerNow), CheckupArea::stability);
     EXPECT_EQ(stability.status, CheckupStatus::attention);
     EXPECT_EQ(stability.listTitle, "Crashes and failed services");
 
@@ -239,7 +240,7 @@ TEST(CheckupReader, CrashesOfTheLastThirtyDaysAndFailedUnitsFromSystemctl) {
 }
 
 TEST(CheckupReader, UpdatesComeFromDpkgAndTheListsWithoutTheNetwork) {
-    Machine m;
+    CheckupMachine m;
     m.dir.write(
         "var/lib/dpkg/status",
         "Package: libc6\nStatus: install ok installed\nArchitecture: amd64\nVersion: 2.36-9+deb12u7\n\n"
@@ -274,7 +275,8 @@ TEST(CheckupReader, UpdatesComeFromDpkgAndTheListsWithoutTheNetwork) {
     EXPECT_EQ(f.rebootRequired, true);
     EXPECT_EQ(f.rebootFor, (std::vector<std::string>{"linux-image-amd64"}));
     EXPECT_TRUE(f.listsRead);
-    EXPECT_EQ(section(buildCheckup(f, now), CheckupArea::updates).verdict, "Security updates are waiting.");
+    EXPECT_EQ(section(buildCheckup(f, readerNow), CheckupArea::updates).verdict,
+              "Security updates are waiting.");
 }
 
 namespace {
@@ -365,7 +367,7 @@ TEST(CheckupReader, RoutesUnattendedUpgradesAndBackupsAreReadFromTheirOwnFiles) 
     EXPECT_EQ(CheckupReader::unattendedUpgradeSetting({"APT::Periodic::Update-Package-Lists \"1\";\n"}),
               std::nullopt);
 
-    Machine m;
+    CheckupMachine m;
     m.dir.write("home/.config/borg/security/0123/location", "ssh://nas/./ada\n");
     m.dir.write("home/.config/borg/security/0123/manifest-timestamp", "2026-11-20T08:00:00.000000\n");
     m.dir.write("home/.config/borg/security/4567/location", "/media/usb/never\n");
@@ -374,13 +376,13 @@ TEST(CheckupReader, RoutesUnattendedUpgradesAndBackupsAreReadFromTheirOwnFiles) 
     ASSERT_EQ(f.backups->size(), 2u);
     EXPECT_EQ((*f.backups)[0].lastRun, sys_days{2026y / November / 20} + 8h);
     EXPECT_FALSE((*f.backups)[1].lastRun);
-    auto backups = section(buildCheckup(f, now), CheckupArea::backups);
+    auto backups = section(buildCheckup(f, readerNow), CheckupArea::backups);
     EXPECT_EQ(backups.status, CheckupStatus::note) << "one repository has never succeeded";
     EXPECT_EQ(backups.readings[0].value, "2026-11-20 (2 days ago)");
 }
 
 TEST(BoundedCommand, AnswersInTimeOrIsStopped) {
-    Machine m;
+    CheckupMachine m;
     auto ok = runBounded({m.program("hello", "hi there\n", 3).string()}, milliseconds(2000));
     ASSERT_TRUE(ok) << ok.error();
     EXPECT_EQ(ok->text, "hi there\n");
@@ -400,7 +402,7 @@ TEST(BoundedCommand, AnswersInTimeOrIsStopped) {
 }
 
 TEST(CheckupReader, ScreenLockFromTheSchemaDefaultWithoutASessionWasShownAsOn) {
-    Machine m;
+    CheckupMachine m;
     auto o = m.options();
     o.gsettings = m.program("gsettings", "true\n");
     auto f = CheckupReader(o).read();
@@ -413,7 +415,7 @@ TEST(CheckupReader, ScreenLockFromTheSchemaDefaultWithoutASessionWasShownAsOn) {
     m.dir.write("home/.config/kscreenlockerrc", "[Daemon]\nAutolock=false\n");
     EXPECT_EQ(CheckupReader(o).read().screenLock, false);
 
-    Machine session;
+    CheckupMachine session;
     auto inSession = session.options();
     inSession.gsettings = session.program("gsettings", "false\n");
     inSession.desktop = "GNOME";
@@ -421,7 +423,7 @@ TEST(CheckupReader, ScreenLockFromTheSchemaDefaultWithoutASessionWasShownAsOn) {
 }
 
 TEST(CheckupReader, FirewallSaidItNeedsRootWhenRunningAsRoot) {
-    Machine m;
+    CheckupMachine m;
     auto o = m.options();
     o.root = true;
     o.nft = m.program("nft", "table inet filter {\n\tchain input {\n\t\ttype filter hook input priority "
@@ -458,7 +460,7 @@ TEST(CheckupSections, OutOfRangeReadingsWereShownAsNonsenseFigures) {
     f.watts = std::numeric_limits<double>::quiet_NaN();
     f.onBattery = true;
     f.charge = 7.5;
-    auto checkup = buildCheckup(f, now);
+    auto checkup = buildCheckup(f, readerNow);
     auto valueOf = [&](CheckupArea area, std::string_view key) {
         for (auto& r : section(checkup, area).readings)
             if (r.id == key) return r.value;

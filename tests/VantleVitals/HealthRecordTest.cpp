@@ -17,7 +17,7 @@ namespace fs = std::filesystem;
 namespace {
 
 // 2026-03-03 10:00:00 UTC: a whole hour, so quarter and hour arithmetic reads plainly below.
-const TimePoint ten = sys_days{2026y / March / 3} + 10h;
+const TimePoint recordTen = sys_days{2026y / March / 3} + 10h;
 
 HealthPoint minute(TimePoint start, double cpu = 0.1, double seconds = 60) {
     HealthPoint p;
@@ -64,7 +64,9 @@ class HealthRecordTest : public ::testing::Test {
     vantle::testing::TempDir temp;
     fs::path folder = temp / "Health";
     HealthRecord record{folder};
-    std::vector<HealthPoint> all(Table table) { return record.points(table, TimePoint{}, ten + days(400)); }
+    std::vector<HealthPoint> all(Table table) {
+        return record.points(table, TimePoint{}, recordTen + days(400));
+    }
 };
 
 } // namespace
@@ -87,25 +89,25 @@ TEST_F(HealthRecordTest, OpensLazilyIntoAnOwnerOnlyFolderLeftOutOfBackups) {
 }
 
 TEST_F(HealthRecordTest, FirstPointAndPointsInTheSameQuarterRollNothingUp) {
-    record.append(minute(ten + 1min));
-    EXPECT_EQ(startsOf(all(Table::minutes)), std::vector{ten + 1min});
+    record.append(minute(recordTen + 1min));
+    EXPECT_EQ(startsOf(all(Table::minutes)), std::vector{recordTen + 1min});
     EXPECT_TRUE(all(Table::quarters).empty());
     for (int m = 2; m < 15; ++m)
-        record.append(minute(ten + minutes(m)));
+        record.append(minute(recordTen + minutes(m)));
     EXPECT_EQ(all(Table::minutes).size(), 14u);
     EXPECT_TRUE(all(Table::quarters).empty()) << "10:14 is still in the first quarter";
-    EXPECT_EQ(record.earliest(Table::minutes), ten + 1min);
-    EXPECT_EQ(record.latest(Table::minutes), ten + 14min);
+    EXPECT_EQ(record.earliest(Table::minutes), recordTen + 1min);
+    EXPECT_EQ(record.latest(Table::minutes), recordTen + 14min);
 }
 
 TEST_F(HealthRecordTest, TheFirstMinuteOfANewQuarterRollsUpTheOneBefore) {
     for (int m = 0; m < 15; ++m)
-        record.append(minute(ten + minutes(m), m < 10 ? 0.1 : 0.4));
-    record.append(minute(ten + 15min, 0.9));
+        record.append(minute(recordTen + minutes(m), m < 10 ? 0.1 : 0.4));
+    record.append(minute(recordTen + 15min, 0.9));
 
     auto quarters = all(Table::quarters);
     ASSERT_EQ(quarters.size(), 1u);
-    EXPECT_EQ(quarters[0].start, ten);
+    EXPECT_EQ(quarters[0].start, recordTen);
     EXPECT_DOUBLE_EQ(quarters[0].seconds, 15 * 60);
     EXPECT_NEAR(quarters[0].cpu, (10 * 0.1 + 5 * 0.4) / 15, 1e-12) << "the new minute is not part of it";
     EXPECT_DOUBLE_EQ(quarters[0].cpuPeak, 0.4);
@@ -114,73 +116,74 @@ TEST_F(HealthRecordTest, TheFirstMinuteOfANewQuarterRollsUpTheOneBefore) {
 
 TEST_F(HealthRecordTest, TheFirstMinuteOfANewHourRollsUpItsQuarters) {
     for (int m = 0; m <= 60; ++m)
-        record.append(minute(ten + minutes(m), m < 30 ? 0.2 : 0.6));
-    EXPECT_EQ(startsOf(all(Table::quarters)), (std::vector{ten, ten + 15min, ten + 30min, ten + 45min}));
+        record.append(minute(recordTen + minutes(m), m < 30 ? 0.2 : 0.6));
+    EXPECT_EQ(startsOf(all(Table::quarters)),
+              (std::vector{recordTen, recordTen + 15min, recordTen + 30min, recordTen + 45min}));
     auto hours = all(Table::hours);
     ASSERT_EQ(hours.size(), 1u);
-    EXPECT_EQ(hours[0].start, ten);
+    EXPECT_EQ(hours[0].start, recordTen);
     EXPECT_DOUBLE_EQ(hours[0].seconds, 3600);
     EXPECT_NEAR(hours[0].cpu, 0.4, 1e-12);
 }
 
 TEST_F(HealthRecordTest, AGapOfHoursRollsUpOnlyThePreviousMinutesQuarterAndHour) {
     for (int m = 50; m < 60; ++m)
-        record.append(minute(ten + minutes(m)));
-    record.append(minute(ten + 4h + 7min));
+        record.append(minute(recordTen + minutes(m)));
+    record.append(minute(recordTen + 4h + 7min));
 
-    EXPECT_EQ(startsOf(all(Table::quarters)), std::vector{ten + 45min});
+    EXPECT_EQ(startsOf(all(Table::quarters)), std::vector{recordTen + 45min});
     auto hours = all(Table::hours);
-    EXPECT_EQ(startsOf(hours), std::vector{ten});
+    EXPECT_EQ(startsOf(hours), std::vector{recordTen});
     EXPECT_DOUBLE_EQ(hours[0].seconds, 10 * 60) << "made of the one quarter that had minutes";
 }
 
 TEST_F(HealthRecordTest, ASecondPointWithTheSameRoundedStartReplacesTheFirst) {
-    record.append(minute(ten + 5min + 200ms, 0.1));
-    record.append(minute(ten + 5min - 300ms, 0.7));
+    record.append(minute(recordTen + 5min + 200ms, 0.1));
+    record.append(minute(recordTen + 5min - 300ms, 0.7));
     auto points = all(Table::minutes);
     ASSERT_EQ(points.size(), 1u);
     EXPECT_DOUBLE_EQ(points[0].cpu, 0.7);
-    EXPECT_EQ(record.latest(Table::minutes), ten + 5min);
+    EXPECT_EQ(record.latest(Table::minutes), recordTen + 5min);
 }
 
 TEST_F(HealthRecordTest, TrimmingDeletesARowExactlyAsOldAsTheKeepSpan) {
     const auto keep = seconds(HealthRecord::keepSeconds(Table::minutes));
     ASSERT_EQ(keep, 26h);
-    record.append(minute(ten));
-    record.append(minute(ten + 1min));
-    record.append(minute(ten + keep)); // ten is now exactly 93600 s old; ten + 1min is not
-    EXPECT_EQ(record.earliest(Table::minutes), ten + 1min);
+    record.append(minute(recordTen));
+    record.append(minute(recordTen + 1min));
+    record.append(minute(recordTen + keep)); // recordTen is now exactly 93600 s old; recordTen + 1min is not
+    EXPECT_EQ(record.earliest(Table::minutes), recordTen + 1min);
     EXPECT_EQ(HealthRecord::keepSeconds(Table::quarters), 32 * 86400);
     EXPECT_EQ(HealthRecord::keepSeconds(Table::hours), 367 * 86400);
 }
 
 TEST_F(HealthRecordTest, PointsReadFromInclusiveToExclusiveOldestFirst) {
     for (int m : {3, 1, 2, 0})
-        record.append(minute(ten + minutes(m)));
-    EXPECT_EQ(startsOf(record.points(Table::minutes, ten + 1min, ten + 3min)),
-              (std::vector{ten + 1min, ten + 2min}));
-    EXPECT_TRUE(record.points(Table::minutes, ten + 10min, ten + 20min).empty());
+        record.append(minute(recordTen + minutes(m)));
+    EXPECT_EQ(startsOf(record.points(Table::minutes, recordTen + 1min, recordTen + 3min)),
+              (std::vector{recordTen + 1min, recordTen + 2min}));
+    EXPECT_TRUE(record.points(Table::minutes, recordTen + 10min, recordTen + 20min).empty());
     EXPECT_EQ(record.earliest(Table::hours), std::nullopt);
 }
 
 TEST_F(HealthRecordTest, ReadingSkipsRowsThatAreNotPoints) {
-    record.append(minute(ten));
-    record.append(minute(ten + 3min));
+    record.append(minute(recordTen));
+    record.append(minute(recordTen + 3min));
     {
         Peek peek(folder / "record.sqlite");
         ASSERT_TRUE(peek.exec("INSERT INTO minutes(start, point) VALUES (" +
-                              std::to_string(recordSeconds(ten + 1min)) + ", x'00010203')"));
+                              std::to_string(recordSeconds(recordTen + 1min)) + ", x'00010203')"));
         ASSERT_TRUE(peek.exec("INSERT INTO minutes(start, point) VALUES (" +
-                              std::to_string(recordSeconds(ten + 2min)) + ", 'a point in words')"));
+                              std::to_string(recordSeconds(recordTen + 2min)) + ", 'a point in words')"));
     }
-    EXPECT_EQ(startsOf(all(Table::minutes)), (std::vector{ten, ten + 3min}));
-    EXPECT_EQ(record.latest(Table::minutes), ten + 3min);
+    EXPECT_EQ(startsOf(all(Table::minutes)), (std::vector{recordTen, recordTen + 3min}));
+    EXPECT_EQ(record.latest(Table::minutes), recordTen + 3min);
 }
 
 TEST_F(HealthRecordTest, SeedsAllThreeTablesOnlyWhereNoRecordIsHeld) {
-    std::vector hours{minute(ten - 2h, 0.1, 3600), minute(ten - 1h, 0.2, 3600)};
-    std::vector quarters{minute(ten - 15min, 0.3, 900)};
-    std::vector minutes{minute(ten - 1min, 0.4)};
+    std::vector hours{minute(recordTen - 2h, 0.1, 3600), minute(recordTen - 1h, 0.2, 3600)};
+    std::vector quarters{minute(recordTen - 15min, 0.3, 900)};
+    std::vector minutes{minute(recordTen - 1min, 0.4)};
     ASSERT_FALSE(record.holdsRecord());
     ASSERT_TRUE(record.seed(hours, quarters, minutes));
     EXPECT_EQ(all(Table::hours), hours);
@@ -194,10 +197,10 @@ TEST_F(HealthRecordTest, SeedsAllThreeTablesOnlyWhereNoRecordIsHeld) {
 }
 
 TEST_F(HealthRecordTest, EraseLeavesNoTraceInTheFileOrItsLogAndRecordingStartsAgain) {
-    auto marked = minute(ten);
+    auto marked = minute(recordTen);
     marked.apps = {{"Unmistakable-App-Name", 50, 1 << 20, std::nullopt}};
     for (int m = 0; m < 20; ++m) {
-        marked.start = ten + minutes(m);
+        marked.start = recordTen + minutes(m);
         record.append(marked);
     }
     ASSERT_EQ(all(Table::quarters).size(), 1u);
@@ -211,9 +214,10 @@ TEST_F(HealthRecordTest, EraseLeavesNoTraceInTheFileOrItsLogAndRecordingStartsAg
     }
     EXPECT_EQ(fs::file_size(folder / "record.sqlite-wal"), 0u) << "the log is truncated";
 
-    record.append(minute(ten + 1h));
-    EXPECT_EQ(startsOf(all(Table::minutes)), std::vector{ten + 1h});
-    EXPECT_FALSE(record.seed({minute(ten - 1h, 0.5, 3600)}, {}, {})) << "one minute is already a record";
+    record.append(minute(recordTen + 1h));
+    EXPECT_EQ(startsOf(all(Table::minutes)), std::vector{recordTen + 1h});
+    EXPECT_FALSE(record.seed({minute(recordTen - 1h, 0.5, 3600)}, {}, {}))
+        << "one minute is already a record";
 }
 
 TEST(HealthRecordRefusal, ALinkInPlaceOfTheFileOrFolderLeavesTheStoreClosedAndTouchesNothing) {
@@ -222,16 +226,16 @@ TEST(HealthRecordRefusal, ALinkInPlaceOfTheFileOrFolderLeavesTheStoreClosedAndTo
     temp.mkdir("Health");
     fs::create_symlink(elsewhere, temp / "Health" / "record.sqlite");
     HealthRecord linkedFile(temp / "Health");
-    linkedFile.append(minute(ten));
-    EXPECT_TRUE(linkedFile.points(Table::minutes, TimePoint{}, ten + 1h).empty());
-    EXPECT_EQ(linkedFile.seed({minute(ten)}, {}, {}).error().kind,
+    linkedFile.append(minute(recordTen));
+    EXPECT_TRUE(linkedFile.points(Table::minutes, TimePoint{}, recordTen + 1h).empty());
+    EXPECT_EQ(linkedFile.seed({minute(recordTen)}, {}, {}).error().kind,
               HealthRecord::SeedRefusal::Kind::notWritten);
     EXPECT_EQ(vantle::testing::readFile(elsewhere), "not a database of ours");
 
     temp.mkdir("Real");
     fs::create_symlink(temp / "Real", temp / "Linked");
     HealthRecord linkedFolder(temp / "Linked");
-    linkedFolder.append(minute(ten));
+    linkedFolder.append(minute(recordTen));
     EXPECT_FALSE(linkedFolder.holdsRecord());
     EXPECT_TRUE(fs::is_empty(temp / "Real"));
 }
@@ -240,7 +244,7 @@ TEST(HealthRecordRefusal, AFileThatIsNotADatabaseIsLeftAsItWas) {
     vantle::testing::TempDir temp;
     const auto file = temp.write("Health/record.sqlite", std::string(4096, 'x'));
     HealthRecord record(temp / "Health");
-    record.append(minute(ten));
+    record.append(minute(recordTen));
     EXPECT_EQ(record.latest(Table::minutes), std::nullopt);
     EXPECT_EQ(vantle::testing::readFile(file), std::string(4096, 'x'));
 }

@@ -12,7 +12,7 @@ using Table = HealthRecord::Table;
 
 namespace {
 
-const TimePoint ten = sys_days{2026y / March / 3} + 10h;
+const TimePoint recorderTen = sys_days{2026y / March / 3} + 10h;
 
 VitalsSnapshot reading(double cpu, double memoryFraction = 0.5) {
     VitalsSnapshot s;
@@ -28,7 +28,7 @@ class HealthRecorderTest : public ::testing::Test {
   protected:
     vantle::testing::TempDir temp;
     std::shared_ptr<HealthRecord> record = std::make_shared<HealthRecord>(temp / "Health");
-    TimePoint now = ten;
+    TimePoint now = recorderTen;
     bool on = true;
     std::optional<VitalsSnapshot> next = reading(0.1);
     int samplesTaken = 0;
@@ -44,21 +44,23 @@ class HealthRecorderTest : public ::testing::Test {
         next = snapshot;
         recorder.tick();
     }
-    std::vector<HealthPoint> minutes() { return record->points(Table::minutes, TimePoint{}, ten + days(2)); }
+    std::vector<HealthPoint> minutes() {
+        return record->points(Table::minutes, TimePoint{}, recorderTen + days(2));
+    }
 };
 
 } // namespace
 
 TEST_F(HealthRecorderTest, WritesOnePointForAMinuteWhenTheNextMinuteBegins) {
     for (int s = 0; s < 60; s += 5)
-        tickAt(ten + seconds(s), reading(s < 30 ? 0.2 : 0.6, s < 30 ? 0.4 : 0.8));
+        tickAt(recorderTen + seconds(s), reading(s < 30 ? 0.2 : 0.6, s < 30 ? 0.4 : 0.8));
     EXPECT_TRUE(minutes().empty()) << "the minute is still open";
 
-    tickAt(ten + 60s, reading(0.9));
+    tickAt(recorderTen + 60s, reading(0.9));
     auto points = minutes();
     ASSERT_EQ(points.size(), 1u);
     const auto& p = points[0];
-    EXPECT_EQ(p.start, ten);
+    EXPECT_EQ(p.start, recorderTen);
     EXPECT_DOUBLE_EQ(p.seconds, 60);
     EXPECT_NEAR(p.cpu, 0.4, 1e-12);
     EXPECT_DOUBLE_EQ(p.cpuPeak, 0.6);
@@ -84,11 +86,11 @@ TEST_F(HealthRecorderTest, FoldsStatesRatesChargeAndAppsOfTheMinute) {
     strained.topProcesses = {{3, "Editor", 30, 50, false}};
     strained.heaviestProcesses = {{4, "Database", 0, 4000, true}};
 
-    tickAt(ten, calm);
-    tickAt(ten + 15s, calm); // 15 s is past twice the interval: it stands for 5 s
-    tickAt(ten + 20s, strained);
-    tickAt(ten + 25s, strained);
-    tickAt(ten + 30s, calm);
+    tickAt(recorderTen, calm);
+    tickAt(recorderTen + 15s, calm); // 15 s is past twice the interval: it stands for 5 s
+    tickAt(recorderTen + 20s, strained);
+    tickAt(recorderTen + 25s, strained);
+    tickAt(recorderTen + 30s, calm);
     recorder.flush();
 
     auto points = minutes();
@@ -116,36 +118,36 @@ TEST_F(HealthRecorderTest, FoldsStatesRatesChargeAndAppsOfTheMinute) {
 TEST_F(HealthRecorderTest, NothingIsWrittenWhileRecordingIsOff) {
     on = false;
     for (int s = 0; s <= 120; s += 5)
-        tickAt(ten + seconds(s), reading(0.5));
+        tickAt(recorderTen + seconds(s), reading(0.5));
     recorder.flush();
     EXPECT_TRUE(minutes().empty());
     EXPECT_EQ(samplesTaken, 0) << "the machine is not even read";
 
     on = true;
-    tickAt(ten + 3min, reading(0.5));
-    tickAt(ten + 3min + 30s, reading(0.5));
+    tickAt(recorderTen + 3min, reading(0.5));
+    tickAt(recorderTen + 3min + 30s, reading(0.5));
     on = false; // turned off mid-minute: the open minute goes too
-    tickAt(ten + 3min + 35s, reading(0.5));
+    tickAt(recorderTen + 3min + 35s, reading(0.5));
     on = true;
-    tickAt(ten + 4min, reading(0.3));
+    tickAt(recorderTen + 4min, reading(0.3));
     recorder.flush();
     EXPECT_EQ(minutes().size(), 1u);
-    EXPECT_EQ(minutes()[0].start, ten + 4min);
+    EXPECT_EQ(minutes()[0].start, recorderTen + 4min);
 }
 
 TEST_F(HealthRecorderTest, AFailedReadingIsSkippedAndAPauseStandsForOneInterval) {
-    tickAt(ten, reading(0.2));
-    now = ten + 5s;
+    tickAt(recorderTen, reading(0.2));
+    now = recorderTen + 5s;
     next.reset();
     recorder.tick();
-    tickAt(ten + 3h + 10s, reading(0.8)); // the machine slept
-    tickAt(ten + 3h + 15s, reading(0.8));
+    tickAt(recorderTen + 3h + 10s, reading(0.8)); // the machine slept
+    tickAt(recorderTen + 3h + 15s, reading(0.8));
     recorder.flush();
     auto points = minutes();
     ASSERT_EQ(points.size(), 2u);
     EXPECT_DOUBLE_EQ(points[0].seconds, 5);
     EXPECT_DOUBLE_EQ(points[0].cpu, 0.2);
-    EXPECT_EQ(points[1].start, ten + 3h);
+    EXPECT_EQ(points[1].start, recorderTen + 3h);
     EXPECT_DOUBLE_EQ(points[1].seconds, 10);
 }
 
@@ -160,12 +162,12 @@ TEST(HealthRecorderThread, StartTakesASampleAtOnceAndStopJoins) {
                 ++samples;
                 return reading(0.3);
             },
-            [] { return true; }, [] { return ten; }, HealthRecorderOptions{hours(1)});
+            [] { return true; }, [] { return recorderTen; }, HealthRecorderOptions{hours(1)});
         recorder.start();
         recorder.stop();
         EXPECT_EQ(samples.load(), 1);
         recorder.start(); // a recorder can start again after a stop
     }                     // destruction stops the thread and writes the open minute
     EXPECT_GE(samples.load(), 2);
-    EXPECT_EQ(record->latest(Table::minutes), ten);
+    EXPECT_EQ(record->latest(Table::minutes), recorderTen);
 }

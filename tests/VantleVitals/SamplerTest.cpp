@@ -14,7 +14,7 @@ namespace {
 
 // A fixture machine: four cores, 0-1 performance and 2-3 efficiency, 16 GiB, one disk, one
 // network card beside the loopback, a battery and a charger, one thermal zone.
-struct Machine {
+struct SamplerMachine {
     TempDir dir;
     TimePoint now = sys_days{2026y / February / 3} + 10h;
 
@@ -51,7 +51,7 @@ struct Machine {
                                         "   7 0 loop0 1 0 1000000 0 1 0 1000000 0 0 0 0\n");
     }
 
-    Machine() {
+    SamplerMachine() {
         stat({{0, 0, 100, 0}, {0, 0, 100, 0}, {0, 0, 100, 0}, {0, 0, 100, 0}});
         counters(1000, 2000, 10, 20);
         dir.write("proc/meminfo", "MemTotal: 16777216 kB\nMemFree: 1048576 kB\nMemAvailable: 4194304 kB\n"
@@ -108,7 +108,7 @@ struct FixedActivity : ActivitySource {
 } // namespace
 
 TEST(VitalsSampler, ProcessorPerCoreAndByKindBetweenTwoSamples) {
-    Machine m;
+    SamplerMachine m;
     auto sampler = m.sampler();
     auto first = sampler.sample();
     EXPECT_DOUBLE_EQ(first.cpu.total, 0); // all idle since start
@@ -131,7 +131,7 @@ TEST(VitalsSampler, ProcessorPerCoreAndByKindBetweenTwoSamples) {
 }
 
 TEST(VitalsSampler, MemorySwapCompressedAndPressure) {
-    Machine m;
+    SamplerMachine m;
     auto s = m.sampler().sample();
     constexpr std::uint64_t KiB = 1024;
     EXPECT_EQ(s.memory.totalBytes, 16777216 * KiB);
@@ -154,7 +154,7 @@ TEST(VitalsSampler, MemorySwapCompressedAndPressure) {
 }
 
 TEST(VitalsSampler, NetworkAndDiskRatesLeaveOutLoopbackPartitionsAndLoopDevices) {
-    Machine m;
+    SamplerMachine m;
     auto sampler = m.sampler();
     auto first = sampler.sample();
     EXPECT_DOUBLE_EQ(first.network.bytesInPerSecond, 0);
@@ -178,7 +178,7 @@ TEST(VitalsSampler, NetworkAndDiskRatesLeaveOutLoopbackPartitionsAndLoopDevices)
 }
 
 TEST(VitalsSampler, PowerBatteryHealthUptimeAndDisk) {
-    Machine m;
+    SamplerMachine m;
     auto s = m.sampler().sample();
     EXPECT_TRUE(s.power.hasBattery);
     EXPECT_DOUBLE_EQ(*s.power.charge, 0.64);
@@ -228,16 +228,16 @@ TEST(VitalsSampler, ThermalStateAgainstEachZonesTripPoints) {
                                         {105000, Thermal::critical}};
     for (auto [temp, state] : cases) {
         TempDir d;
-        Machine::zone(d, "thermal_zone0", temp,
-                      {{"active", 50000}, {"passive", 90000}, {"critical", 105000}});
+        SamplerMachine::zone(d, "thermal_zone0", temp,
+                             {{"active", 50000}, {"passive", 90000}, {"critical", 105000}});
         EXPECT_EQ(VitalsSampler::thermalState(d / "sys"), state) << temp;
     }
 
     TempDir d;
-    Machine::zone(d, "thermal_zone0", 60000, {{"passive", 95000}});
-    Machine::zone(d, "thermal_zone1", 88000, {{"hot", 85000}});       // the worst zone speaks
-    Machine::zone(d, "thermal_zone2", 150000, {{"active", 40000}});   // no trip says what hot means here
-    Machine::zone(d, "thermal_zone3", -274000, {{"critical", 1000}}); // a sensor that is not there
+    SamplerMachine::zone(d, "thermal_zone0", 60000, {{"passive", 95000}});
+    SamplerMachine::zone(d, "thermal_zone1", 88000, {{"hot", 85000}});     // the worst zone speaks
+    SamplerMachine::zone(d, "thermal_zone2", 150000, {{"active", 40000}}); // no trip says what hot means here
+    SamplerMachine::zone(d, "thermal_zone3", -274000, {{"critical", 1000}}); // a sensor that is not there
     EXPECT_EQ(VitalsSampler::thermalState(d / "sys"), Thermal::critical);
     d.write("sys/class/thermal/thermal_zone1/mode", "disabled\n");
     EXPECT_EQ(VitalsSampler::thermalState(d / "sys"), Thermal::nominal);
@@ -293,7 +293,7 @@ TEST(VitalsSampler, AnEmptyOrOddMachineGivesZerosNotACrash) {
 }
 
 TEST(VitalsSampler, BusiestAndHeaviestProcessesAndTheRunningApps) {
-    Machine m;
+    SamplerMachine m;
     auto activity = std::make_shared<FixedActivity>();
     auto row = [](int pid, double cpu, std::uint64_t footprint, std::uint64_t resident,
                   std::optional<std::string> app = {}, bool own = true) {
