@@ -17,7 +17,7 @@ namespace vantle {
 namespace {
 
 // The entry's folder relative to the home, when it lies inside it.
-std::optional<std::filesystem::path> insideHome(const std::filesystem::path& home,
+std::optional<std::filesystem::path> relativeInHome(const std::filesystem::path& home,
                                                 const std::filesystem::path& folder) {
     auto relative = folder.lexically_normal().lexically_relative(home.lexically_normal());
     if (relative.empty() || *relative.begin() == "..") return std::nullopt;
@@ -83,7 +83,7 @@ std::expected<void, OpenAtLogin::Failure> OpenAtLogin::turnOn(const std::vector<
         return std::unexpected(Failure{fillIn(Failure::notWritten, {{"reason", reason}})});
     };
     auto folder = entry_.parent_path();
-    if (auto relative = insideHome(home_, folder)) {
+    if (auto relative = relativeInHome(home_, folder)) {
         // Made from the home one folder at a time, so a link planted on the way is never followed.
         UniqueFd homeFd(::open(home_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
         if (!homeFd) return fail(systemErrorText(errno));
@@ -105,7 +105,7 @@ std::expected<void, OpenAtLogin::Failure> OpenAtLogin::turnOff() {
     };
     auto folderPath = entry_.parent_path();
     std::expected<UniqueFd, int> folder = std::unexpected(0);
-    if (auto relative = insideHome(home_, folderPath)) {
+    if (auto relative = relativeInHome(home_, folderPath)) {
         UniqueFd homeFd(::open(home_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
         if (!homeFd) return fail(errno);
         folder = openBeneath(homeFd.get(), *relative, O_RDONLY | O_DIRECTORY | O_CLOEXEC);

@@ -11,26 +11,27 @@ using vantle::testing::TempDir;
 
 namespace {
 
-ProcessRow row(std::string name, ProcessKind kind, double cpu) {
+ProcessRow busyRow(std::string name, ProcessKind kind, double cpu) {
     return ProcessRow{.pid = 4242, .name = std::move(name), .user = "ada", .kind = kind, .cpuPercent = cpu};
 }
 
 } // namespace
 
 TEST(BusyProcess, EachKindGetsTheFirstSentenceThatAppliesAndHalfACoreIsBusy) {
-    EXPECT_EQ(busySentence(row("firefox", ProcessKind::app, 180.0)), "An app you have open.")
+    EXPECT_EQ(busySentence(busyRow("firefox", ProcessKind::app, 180.0)), "An app you have open.")
         << "an open app is that, however busy";
-    auto agentRow = row("node", ProcessKind::background, 90.0);
+    auto agentRow = busyRow("node", ProcessKind::background, 90.0);
     agentRow.agent = "coder";
     AgentsReading agents{.agents = {RunningAgent{.id = "coder", .name = "Coder"}}};
     EXPECT_EQ(busySentence(agentRow, agents), "Coder at work: an AI agent running on this Mac.");
-    EXPECT_EQ(busySentence(row("packagekitd", ProcessKind::system, 70.0)),
+    EXPECT_EQ(busySentence(busyRow("packagekitd", ProcessKind::system, 70.0)),
               "Looks for and installs updates to the system's software.")
         << "a known description comes before being part of the system";
-    EXPECT_EQ(busySentence(row("kworker/0:1", ProcessKind::system, 70.0)), "Part of macOS, busy right now.");
-    EXPECT_EQ(busySentence(row("make", ProcessKind::background, 50.0)),
+    EXPECT_EQ(busySentence(busyRow("kworker/0:1", ProcessKind::system, 70.0)),
+              "Part of macOS, busy right now.");
+    EXPECT_EQ(busySentence(busyRow("make", ProcessKind::background, 50.0)),
               "A program you started, busy right now.");
-    EXPECT_EQ(busySentence(row("make", ProcessKind::background, 49.99)),
+    EXPECT_EQ(busySentence(busyRow("make", ProcessKind::background, 49.99)),
               "A program you started, running in the background.");
 }
 
