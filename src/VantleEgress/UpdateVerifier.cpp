@@ -16,8 +16,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
-using Reader = std::unique_ptr<archive, decltype(&::archive_read_free)>;
-using Writer = std::unique_ptr<archive, decltype(&::archive_write_free)>;
+using ArchiveReader = std::unique_ptr<archive, decltype(&::archive_read_free)>;
+using ArchiveWriter = std::unique_ptr<archive, decltype(&::archive_write_free)>;
 struct PlistDeleter {
     void operator()(void* p) const { plist_free(static_cast<plist_t>(p)); }
 };
@@ -28,8 +28,8 @@ struct ContextDeleter {
     void operator()(EVP_MD_CTX* c) const { EVP_MD_CTX_free(c); }
 };
 
-Reader openArchive(const ArchiveCalls& ar, std::string_view bytes) {
-    Reader reader(ar.read_new(), ar.read_free);
+ArchiveReader openArchive(const ArchiveCalls& ar, std::string_view bytes) {
+    ArchiveReader reader(ar.read_new(), ar.read_free);
     if (!reader) return reader;
     ar.read_support_filter_all(reader.get());
     ar.read_support_format_all(reader.get());
@@ -210,7 +210,7 @@ std::expected<void, std::string> UpdateVerifier::unpack(std::string_view bytes, 
     if (!calls) return std::unexpected("the archive library could not be loaded (" + calls.error() + ")");
     const ArchiveCalls& ar = **calls;
     auto reader = openArchive(ar, bytes);
-    Writer writer(ar.write_disk_new(), ar.write_free);
+    ArchiveWriter writer(ar.write_disk_new(), ar.write_free);
     if (!reader || !writer) return std::unexpected("the archive could not be opened");
     // Every entry's own path was checked to stay inside and is then put under `folder`, which is
     // absolute, so libarchive's own refusal of absolute paths cannot be asked for here.
