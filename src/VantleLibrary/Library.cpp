@@ -54,6 +54,16 @@ std::optional<SearchResult> Library::search(const SearchParser& parser, std::str
     return searchFiles(parser, words, *result.snapshot, result.reading, limit);
 }
 
+std::optional<QueryAnswer> Library::find(const FileQuery& query, const CancelFlag& cancel) {
+    if (auto latest = catalog_.latest(); latest && latest->snapshot)
+        return runQuery(query, latest->snapshot->facts);
+    QueryMatcher matcher(query);
+    if (catalog_.readKept([&](const Facts& f) { matcher.offer(f); })) return matcher.answer();
+    auto result = catalog_.read(cancel);
+    if (cancel.isCancelled() || !result.snapshot) return std::nullopt;
+    return runQuery(query, result.snapshot->facts);
+}
+
 LibrarySummary Library::summary(const CancelFlag& cancel, const DiskWalk::ProgressFn& progress) {
     // A fresh kept index is tallied entry by entry, without loading it; kept again only if it differs.
     SummaryTally tally(options_.samples);

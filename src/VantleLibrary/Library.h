@@ -76,6 +76,11 @@ class Library {
                                        const CancelFlag& cancel, const DiskWalk::ProgressFn& progress = {},
                                        const Catalog::MediaProgressFn* waitForMediaFacts = nullptr);
 
+    // A query answered as fast as the catalog can: from the latest reading in memory even when a
+    // change has made it stale (what a search-as-you-type wants; the next read() walks again), else
+    // from the kept index entry by entry, else from one walk. nullopt when that walk was stopped.
+    std::optional<QueryAnswer> find(const FileQuery& query, const CancelFlag& cancel);
+
     // The summary of the current reading, kept in Library/summary.json when the reading is new. A
     // summary that could not be kept says so in its note.
     LibrarySummary summary(const CancelFlag& cancel, const DiskWalk::ProgressFn& progress = {});

@@ -133,6 +133,9 @@ void wireTrashAndStartup(VantleLite& live) {
     }
     live.trash = std::make_shared<HomeTrash>(std::move(trash));
     live.startup = std::make_shared<StartupItems>(std::move(startup));
+    // The desktop's autostart folder on a real run; a sandbox keeps its own, as its home's .config.
+    auto autostart = live.isSandbox ? live.home / ".config" / "autostart" : live.profile.launchAgentsFolder;
+    live.openAtLogin = std::make_shared<OpenAtLogin>(live.home, autostart / OpenAtLogin::fileName);
 }
 
 } // namespace

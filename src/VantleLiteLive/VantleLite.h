@@ -10,6 +10,7 @@
 #include "VantleLiteLive/HomeTrash.h"
 #include "VantleLiteLive/LoadBalance.h"
 #include "VantleLiteLive/MachineControls.h"
+#include "VantleLiteLive/OpenAtLogin.h"
 #include "VantleLiteLive/Opener.h"
 #include "VantleLiteLive/PlatformProfile.h"
 #include "VantleLiteLive/SandboxRule.h"
@@ -20,8 +21,8 @@
 #include "VantleStorage/HoldingShelf.h"
 #include "VantleStorage/StorageCleaner.h"
 #include "VantleStorage/StorageScanner.h"
-#include "VantleVitals/HealthHistory.h"
 #include "VantleVitals/CheckupService.h"
+#include "VantleVitals/HealthHistory.h"
 #include "VantleVitals/HealthRecord.h"
 #include "VantleVitals/StandInCheckup.h"
 #include "VantleVitals/StandInVitals.h"
@@ -40,10 +41,10 @@ namespace vantle {
 struct VantleLite {
     struct Options {
         std::optional<std::filesystem::path> sandbox;
-        std::optional<std::filesystem::path> support; // replaces the data folder when given
-        bool offline = false;                         // no network road at all
-        std::set<int> standInProcesses;               // live pids the stand-in process list may act on
-        bool realReadingsOnSandbox = false;           // a sandbox still reads this machine's vitals
+        std::optional<std::filesystem::path> support;   // replaces the data folder when given
+        bool offline = false;                           // no network road at all
+        std::set<int> standInProcesses;                 // live pids the stand-in process list may act on
+        bool realReadingsOnSandbox = false;             // a sandbox still reads this machine's vitals
         UpdateSource updates = UpdateSource::builtIn(); // where the update check looks
 
         // Seams for tests: the home of a real run and the folders a sandbox is checked against.
@@ -83,23 +84,24 @@ struct VantleLite {
     // vitals, health, checkup, activity: the health services (step 9)
     std::shared_ptr<HealthRecord>
         healthRecord; // Health/record.sqlite in the data folder, opened on first use
-    std::shared_ptr<HealthHistory> healthHistory; // reads healthRecord back for a day, a month or a year
-    std::shared_ptr<VitalsReader> vitals;          // this machine's readings, or the sandbox's stand-in
-    std::shared_ptr<ActivitySource> activity;      // the process list with processor shares and rates
-    std::shared_ptr<StandInVitals> standInVitals;  // in a sandbox that shows made-up readings; else null
+    std::shared_ptr<HealthHistory> healthHistory;   // reads healthRecord back for a day, a month or a year
+    std::shared_ptr<VitalsReader> vitals;           // this machine's readings, or the sandbox's stand-in
+    std::shared_ptr<ActivitySource> activity;       // the process list with processor shares and rates
+    std::shared_ptr<StandInVitals> standInVitals;   // in a sandbox that shows made-up readings; else null
     std::shared_ptr<CheckupService> checkup;        // the checkup, kept in Health/checkups.json
     std::shared_ptr<StandInCheckup> standInCheckup; // in a sandbox that shows made-up readings; else null
-    std::shared_ptr<EgressLedgerReading> ledger; // the silent ledger when offline
-    std::shared_ptr<EgressLedger> ledgerWriter;  // null when the ledger could not be opened
-    std::shared_ptr<EgressBroker> broker;        // the network road (step 6); null when offline
-    std::shared_ptr<Opener> opener;              // everything handed to another app goes through it
-    std::shared_ptr<AppUpdater> updater;         // over the data folder's Updates folder (step 12)
+    std::shared_ptr<EgressLedgerReading> ledger;    // the silent ledger when offline
+    std::shared_ptr<EgressLedger> ledgerWriter;     // null when the ledger could not be opened
+    std::shared_ptr<EgressBroker> broker;           // the network road (step 6); null when offline
+    std::shared_ptr<Opener> opener;                 // everything handed to another app goes through it
+    std::shared_ptr<AppUpdater> updater;            // over the data folder's Updates folder (step 12)
     // trash, startup: with their own work
-    std::shared_ptr<StandInMac> mac;             // stand-in in a sandbox; the real machine's controls come later
+    std::shared_ptr<StandInMac> mac; // stand-in in a sandbox; the real machine's controls come later
     std::shared_ptr<StandInProcesses> processes; // stand-in in a sandbox; a real run reads /proc
     std::shared_ptr<StandInApps> standInApps;
     std::shared_ptr<HomeTrash> trash;         // (step 11) moves to the Trash with receipts
     std::shared_ptr<StartupItems> startup;    // (step 11) turns the user's startup items off and on
+    std::shared_ptr<OpenAtLogin> openAtLogin; // (step 11) this program's own autostart entry
     std::shared_ptr<MachineControls> machine; // (step 10) restart: the stand-in's or the session's
     std::shared_ptr<ProcessControls> balance; // (step 13) moves and quits: the stand-in's in a sandbox
     std::vector<std::string> notes;

@@ -80,9 +80,6 @@ struct LiteSentences {
 
     static constexpr std::string_view quitDone = "{name} is no longer running";
     static constexpr std::string_view quitTitle = "Quit {name}?";
-    static constexpr std::string_view quitMessage = "{name} is using {percent}% of a core and {memory} of "
-                                                    "memory. It quits as its own Quit command does: with "
-                                                    "unsaved work it asks you first.";
     static constexpr std::string_view quitConfirm = "Quit";
     static constexpr std::string_view quitCancelled = "{name} stays open";
 
@@ -98,6 +95,13 @@ struct LiteSentences {
     static constexpr std::string_view balanceMovedMany =
         "Moved {count} processes to the efficiency cores · ⌘Z puts them back";
     static constexpr std::string_view backOnEveryCore = " back on every core.";
+
+    static constexpr std::string_view eraseRecordTitle = "Erase the health record?";
+    static constexpr std::string_view eraseRecordMessage =
+        "Every point kept so far goes, and History starts again from now. This cannot be undone.";
+    static constexpr std::string_view eraseRecordConfirm = "Erase";
+    static constexpr std::string_view recordErased = "The health record was erased";
+    static constexpr std::string_view recordKept = "Nothing was erased";
 
     static constexpr std::string_view restartTitle = "Restart this Mac?";
     static constexpr std::string_view restartMessage =

@@ -6,6 +6,7 @@
 #include "VantleSpec/ByteCount.h"
 #include "VantleSpec/Figures.h"
 #include "VantleSpec/Sentence.h"
+#include "Vantle_Lite/BusyProcess.h"
 
 #include <algorithm>
 #include <cctype>
@@ -258,35 +259,49 @@ std::optional<ResultLine> LiteProduct::answer(bool yes) {
     return finish(yes ? question.act() : question.cancelled());
 }
 
-ResultLine LiteProduct::quitApp(int pid, const std::string& name) {
-    if (live_.processes) {
-        if (live_.processes->quit(pid) == QuitOutcome::quit)
-            return finish({fillIn(LiteSentences::quitDone, {{"name", name}}), "info.circle"});
-        return finish({fillIn("{name} did not quit: it may be asking about unsaved work.", {{"name", name}}),
-                       "exclamationmark.circle"});
-    }
-    if (!quitter)
-        return finish(
-            {fillIn("{name} could not be asked to quit.", {{"name", name}}), "exclamationmark.circle"});
-    auto quit = quitter(pid);
-    if (!quit) return finish({quit.error(), "exclamationmark.circle"});
-    return finish({fillIn(LiteSentences::quitDone, {{"name", name}}), "info.circle"});
-}
-
 void LiteProduct::askToQuit(const ProcessRow& process) {
     auto name = process.app.value_or(process.name);
     Confirmation question;
     question.title = fillIn(LiteSentences::quitTitle, {{"name", name}});
-    question.message =
-        fillIn(LiteSentences::quitMessage,
-               {{"name", name},
-                {"percent", wholeNumber(process.cpuPercent)},
-                {"memory", memoryBytes(std::int64_t(process.memory ? process.memory : process.realMemory))}});
+    question.message = quitQuestion(process);
     question.confirm = LiteSentences::quitConfirm;
-    question.act = [this, pid = process.pid, name] { return quitApp(pid, name); };
+    question.act = [this, pid = process.pid, name] { return quitNow(pid, name); };
     question.cancelled = [name] {
         return ResultLine{fillIn(LiteSentences::quitCancelled, {{"name", name}}), "info.circle"};
     };
+    confirmation_ = std::move(question);
+    notify();
+}
+
+ResultLine LiteProduct::quitApp(int pid, const std::string& name) {
+    return finish(quitNow(pid, name));
+}
+
+ResultLine LiteProduct::quitNow(int pid, const std::string& name) {
+    if (live_.processes) {
+        if (live_.processes->quit(pid) == QuitOutcome::quit)
+            return {fillIn(LiteSentences::quitDone, {{"name", name}}), "info.circle"};
+        return {fillIn("{name} did not quit: it may be asking about unsaved work.", {{"name", name}}),
+                "exclamationmark.circle"};
+    }
+    if (!quitter)
+        return {fillIn("{name} could not be asked to quit.", {{"name", name}}), "exclamationmark.circle"};
+    auto quit = quitter(pid);
+    if (!quit) return {quit.error(), "exclamationmark.circle"};
+    return {fillIn(LiteSentences::quitDone, {{"name", name}}), "info.circle"};
+}
+
+void LiteProduct::askToEraseHealthRecord() {
+    Confirmation question;
+    question.title = LiteSentences::eraseRecordTitle;
+    question.message = LiteSentences::eraseRecordMessage;
+    question.confirm = LiteSentences::eraseRecordConfirm;
+    question.act = [this]() -> ResultLine {
+        if (!live_.healthRecord) return {std::string(LiteSentences::recordKept), "info.circle"};
+        live_.healthRecord->erase();
+        return {std::string(LiteSentences::recordErased), "trash"};
+    };
+    question.cancelled = [] { return ResultLine{std::string(LiteSentences::recordKept), "info.circle"}; };
     confirmation_ = std::move(question);
     notify();
 }

@@ -45,6 +45,10 @@ class LiteProduct {
         return true;
     }
 
+    // Whether the menu bar panel is open; the panel keeps it in step as it opens and closes.
+    bool panelOpen() const { return panelOpen_; }
+    void setPanelOpen(bool open) { panelOpen_ = open; }
+
     // The health record's on/off choice, kept in the settings; the recorder thread reads the copy in
     // `recording_`, never the settings store, which belongs to the main thread.
     bool keepsHealthRecord() const { return recording_.load(); }
@@ -76,11 +80,10 @@ class LiteProduct {
     std::optional<ResultLine> answer(bool yes);
     const std::optional<Confirmation>& confirmation() const { return confirmation_; }
 
-    // Quitting an app asks as the panel does; this is the act after the yes.
-    ResultLine quitApp(int pid, const std::string& name);
-    // Asks before quitting a busy process, naming its share of a core and its memory.
+    // Quitting a busy process asks first, naming its share of a core and its memory; the yes quits it
+    // as its own Quit command does (quitApp).
     void askToQuit(const ProcessRow& process);
-
+    ResultLine quitApp(int pid, const std::string& name);
     // Balance the load. The reading and its candidates are taken off the UI thread (`readLoad`, a
     // second's reading on a real machine); the question names what is ticked; the yes moves and
     // quits each by itself, reads the machine again after a pause, keeps the report, and keeps the
@@ -91,6 +94,8 @@ class LiteProduct {
     const std::optional<LoadBalanced>& lastBalance() const { return lastBalance_; }
     // The pauses of a balance: none for a sandbox's made-up figures.
     static LoadTiming balanceTiming(const VantleLite& live);
+    // Erasing the health record asks first; only the yes erases it.
+    void askToEraseHealthRecord();
     // Shows an item in the file manager through the opener's reveal (filled in by the wiring).
     ResultLine showInFileManager(const std::filesystem::path& item);
     std::function<std::expected<void, std::string>(const std::filesystem::path&)> revealer;
@@ -117,10 +122,12 @@ class LiteProduct {
     ResultLine trashNow(const std::vector<std::filesystem::path>& files);
     ResultLine cleanNow(const CleanPlan& plan);
     ResultLine balanceNow(const ScoredReading& before, const std::vector<BalanceCandidate>& chosen);
+    ResultLine quitNow(int pid, const std::string& name);
 
     VantleLite live_;
     std::unique_ptr<SettingsStore> settings_;
     bool windowVisible_ = true;
+    bool panelOpen_ = false;
     std::atomic<bool> recording_{false};
     std::unique_ptr<HealthRecorder> recorder_;
     std::optional<Confirmation> confirmation_;

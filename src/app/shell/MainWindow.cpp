@@ -7,7 +7,11 @@
 #include "app/design/Symbols.h"
 #include "app/pages/health/HealthPage.h"
 #include "app/pages/home/HomePage.h"
+#include "app/pages/privacy/PrivacyPage.h"
+#include "app/pages/settings/SettingsPage.h"
 #include "app/pages/storage/StoragePage.h"
+#include "app/panel/MenuBarItem.h"
+#include "app/panel/PanelView.h"
 #include "app/shell/ScreenLockWatch.h"
 
 #include <QApplication>
@@ -328,13 +332,15 @@ QWidget* MainWindow::makeShell() {
     addPage("home", home_);
     addPage("health", new HealthPage(*bridge_));
     addPage("storage", storage_);
-    addPage("privacy",
-            new NoticePage("Privacy", "Everything that left this computer, from the network ledger",
-                           "security-high",
-                           "The Privacy page comes in the next version of this window. Meanwhile "
-                           "`vantle ledger` lists every request that left this computer."));
-    addPage("settings", new NoticePage("Settings", "Your choices for Vantle Lite", "preferences-system",
-                                       "Settings come in the next version of this window."));
+    privacy_ = new PrivacyPage(*bridge_);
+    addPage("privacy", privacy_);
+    // What the autostart entry runs: this program, on this run's home, starting in the tray.
+    QStringList atLogin{QCoreApplication::applicationFilePath()};
+    if (launch_.sandbox) atLogin << "-sandbox" << qt(launch_.sandbox->string());
+    atLogin << "--at-login";
+    settings_ = new SettingsPage(*bridge_, atLogin);
+    if (menuBar_) settings_->setHotKeyNote(menuBar_->hotKeyNote());
+    addPage("settings", settings_);
 
     rule = new QFrame;
     rule->setFrameShape(QFrame::HLine);
@@ -494,6 +500,20 @@ void MainWindow::started(const LiteState::Phase& phase) {
     if (!ready) return;
     bridge_ = new ProductBridge(ready->product, this);
     connect(bridge_, &ProductBridge::changed, this, &MainWindow::productChanged);
+    menuBar_ = new MenuBarItem(*bridge_, launch_.sandbox ? qt(launch_.sandbox->string()) : QString(), this);
+    connect(menuBar_, &MenuBarItem::openWindow, this, [this] {
+        showNormal();
+        raise();
+        activateWindow();
+    });
+    connect(menuBar_, &MenuBarItem::showInVantle, this, &MainWindow::showFileInHome);
+    connect(menuBar_, &MenuBarItem::showActivity, this, [this] {
+        showNormal();
+        raise();
+        activateWindow();
+        showPage("health");
+    });
+    if (panelAsked_) menuBar_->open();
     auto library = ready->product->live().library;
     // The catalog follows the disk while the app runs; adding the watches walks the home, so off the UI.
     bridge_->inBackground([library](CancelFlag&) { return library ? library->startWatching() : false; },
@@ -545,7 +565,8 @@ QString MainWindow::failure() const {
 void MainWindow::productChanged() {
     updateMenu();
     const auto& question = bridge_->question();
-    if (question && !question_) {
+    // The panel asks its own questions inside itself.
+    if (question && !question_ && !(menuBar_ && menuBar_->asksItself())) {
         question_ = new QMessageBox(this);
         question_->setObjectName("question");
         question_->setIcon(QMessageBox::Question);
@@ -645,6 +666,9 @@ void MainWindow::buildMenu() {
     auto* window = menuBar()->addMenu("Window");
     add(window, "minimize", "Minimize", QKeySequence("Ctrl+M"), [this] { showMinimized(); });
     add(window, "zoom", "Zoom", {}, [this] { isMaximized() ? showNormal() : showMaximized(); });
+    window->addSeparator();
+    // Without a tray this is where the panel opens from (and from `vantle-lite --panel`).
+    add(window, "panel", "Menu Bar Panel", {}, [this] { openPanel(); });
     updateMenu();
 }
 
@@ -653,6 +677,7 @@ void MainWindow::updateMenu() {
     for (auto name : {"goHome", "goHealth", "goStorage", "goPrivacy", "cleanUp", "settings"})
         actions_[name]->setEnabled(inShell);
     actions_["checkForUpdates"]->setEnabled(bridge_ != nullptr);
+    actions_["panel"]->setEnabled(menuBar_ != nullptr);
     // Undo is there only when the product holds something to put back, and never over a question.
     actions_["undo"]->setEnabled(inShell && bridge_ && bridge_->undoable() && !bridge_->question());
 }
@@ -661,6 +686,28 @@ void MainWindow::cleanUp() {
     if (phase_ != Phase::shell) return;
     showPage("storage");
     storage_->scanIfNone();
+}
+
+void MainWindow::openPanel() {
+    if (menuBar_)
+        menuBar_->open();
+    else
+        panelAsked_ = true;
+}
+
+void MainWindow::showFileInHome(const QString& path) {
+    if (phase_ != Phase::shell) return;
+    showNormal();
+    raise();
+    activateWindow();
+    showPage("home");
+    // Selected once its folder is listed.
+    auto* context = new QObject(this);
+    connect(home_, &HomePage::listed, context, [this, path, context] {
+        home_->select(path);
+        context->deleteLater();
+    });
+    home_->showFolder(qt(std::filesystem::path(utf8(path)).parent_path().string()));
 }
 
 void MainWindow::changeEvent(QEvent* event) {

@@ -30,6 +30,9 @@ class ResultBar;
 class ScreenLockWatch;
 class HomePage;
 class StoragePage;
+class PrivacyPage;
+class SettingsPage;
+class MenuBarItem;
 
 class MainWindow : public QMainWindow {
     Q_OBJECT
@@ -50,6 +53,12 @@ class MainWindow : public QMainWindow {
     ResultBar* resultBar() const { return resultBar_; }
     HomePage* homePage() const { return home_; }
     StoragePage* storagePage() const { return storage_; }
+    PrivacyPage* privacyPage() const { return privacy_; }
+    SettingsPage* settingsPage() const { return settings_; }
+    // The tray item and its panel; none until start-up succeeds.
+    MenuBarItem* menuBarItem() const { return menuBar_; }
+    // Opens the menu bar panel, now or as soon as start-up has succeeded (`vantle-lite --panel`).
+    void openPanel();
     // Shows a page by its name: "home", "health", "storage", "privacy", "settings".
     void showPage(const QString& name);
     QString pageShown() const;
@@ -85,6 +94,7 @@ class MainWindow : public QMainWindow {
     void updateMenu();
     void updateVisibility();
     void cleanUp();
+    void showFileInHome(const QString& path);
 
     LiteLaunch launch_;
     LiteState state_;
@@ -107,6 +117,10 @@ class MainWindow : public QMainWindow {
     std::map<QString, Page*> pageByName_;
     HomePage* home_ = nullptr;
     StoragePage* storage_ = nullptr;
+    PrivacyPage* privacy_ = nullptr;
+    SettingsPage* settings_ = nullptr;
+    MenuBarItem* menuBar_ = nullptr;
+    bool panelAsked_ = false;
     ResultBar* resultBar_ = nullptr;
     QMessageBox* question_ = nullptr;
     std::map<QString, QAction*> actions_;

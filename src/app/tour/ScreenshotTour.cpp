@@ -1,7 +1,8 @@
 // vantle-lite-tour OUTDIR SANDBOX [PREFIX]: opens the app on a sandbox home (a fresh demo home, made by
 // tools/screenshots) and walks it through its pages and states, saving a PNG of the screen at each:
 // the welcome, Home (files, images, a search with chips, duplicates, sources, the Trash question),
-// Storage (a scan, the report, a clean's question, its receipt). Run under an X server (Xvfb): the
+// Storage (a scan, the report, a clean's question, its receipt), Privacy, Settings and the menu bar
+// panel (recent downloads, a search, a Quit question). Run under an X server (Xvfb): the
 // questions are windows of their own, so the screen is what is captured. Changes the sandbox.
 #include "Vantle_Lite/LiteLaunch.h"
 #include "app/bridge/ProductBridge.h"
@@ -10,11 +11,15 @@
 #include "app/pages/health/HealthPage.h"
 #include "app/pages/home/FileListModel.h"
 #include "app/pages/home/HomePage.h"
+#include "app/pages/privacy/PrivacyPage.h"
 #include "app/pages/storage/StoragePage.h"
+#include "app/panel/MenuBarItem.h"
+#include "app/panel/PanelView.h"
 #include "app/shell/MainWindow.h"
 
 #include <QAbstractButton>
 #include <QApplication>
+#include <QLineEdit>
 #include <QMessageBox>
 #include <QScreen>
 #include <QSignalSpy>
@@ -48,6 +53,35 @@ void shoot(MainWindow& window, const QString& name) {
     } else {
         std::printf("%s\n", qPrintable(file));
     }
+}
+
+// The panel is a window of its own, away from the main one.
+void shootPanel(PanelView& panel, const QString& name) {
+    QTest::qWait(400);
+    QApplication::processEvents();
+    auto frame = panel.frameGeometry();
+    auto pixmap = panel.screen()->grabWindow(0, frame.x(), frame.y(), frame.width(), frame.height());
+    if (pixmap.isNull()) pixmap = panel.grab();
+    auto file = outDir + "/" + prefix + name + ".png";
+    if (!pixmap.save(file)) {
+        std::fprintf(stderr, "could not save %s\n", qPrintable(file));
+        ++failures;
+    } else {
+        std::printf("%s\n", qPrintable(file));
+    }
+}
+
+// The demo home has sent nothing yet: two update checks are written to its ledger as the broker
+// writes them, one answered and one that found no connection.
+void recordDemoRequests(EgressLedger& ledger, bool answered) {
+    EgressLedger::Leaving leaving{.purpose = LedgerEntry::Purpose::update,
+                                  .url = "https://vantle.app/updates/lite/appcast.xml"};
+    auto id = ledger.recordLeaving(leaving);
+    if (!id) return;
+    if (answered)
+        ledger.recordResult(*id, {.status = 200, .bytesReceived = 3184});
+    else
+        ledger.recordResult(*id, {.failure = "connection failed"});
 }
 
 bool waitFor(const std::function<bool()>& done, const char* what, int ms = 60000) {
@@ -185,5 +219,35 @@ int main(int argc, char** argv) {
             shoot(window, "17-health-balance-report");
         }
     }
+
+    if (auto ledger = window.bridge()->live().ledgerWriter) recordDemoRequests(*ledger, false);
+    window.showPage("privacy");
+    auto* privacy = window.privacyPage();
+    waitFor([&] { return privacy->requests()->topLevelItemCount() > 0; }, "the ledger");
+    // A request made while the page is open arrives on its own.
+    if (auto ledger = window.bridge()->live().ledgerWriter) recordDemoRequests(*ledger, true);
+    waitFor([&] { return privacy->requests()->topLevelItemCount() > 1; }, "the new request");
+    privacy->requests()->expandItem(privacy->requests()->topLevelItem(0));
+    shoot(window, "18-privacy");
+
+    window.showPage("settings");
+    waitFor([&] { return window.bridge()->pending() == 0; }, "the settings");
+    shoot(window, "19-settings");
+
+    auto* item = window.menuBarItem();
+    item->open();
+    auto* panel = item->panel();
+    waitFor([&] { return !panel->filesShown().empty() && !panel->busyShown().empty(); },
+            "the panel's readings");
+    shootPanel(*panel, "20-panel-downloads");
+    QTest::keyClicks(panel->searchField(), "invoice");
+    waitFor([&] { return panel->filesTitle() == "Files" && !panel->busy() && !panel->filesShown().empty(); },
+            "the panel's search");
+    shootPanel(*panel, "21-panel-search");
+    panel->searchField()->clear();
+    panel->askToQuit(0);
+    waitFor([&] { return panel->questionFrame()->isVisible(); }, "the Quit question");
+    shootPanel(*panel, "22-panel-quit-question");
+    panel->answer(false);
     return failures == 0 ? 0 : 1;
 }

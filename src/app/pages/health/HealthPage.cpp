@@ -1,6 +1,6 @@
 #include "app/pages/health/HealthPage.h"
 
-#include "VantleSpec/BusySentence.h"
+#include "Vantle_Lite/BusyProcess.h"
 #include "VantleSpec/ByteCount.h"
 #include "VantleSpec/Figures.h"
 #include "app/bridge/ProductBridge.h"
