@@ -1,13 +1,9 @@
 #include "Vantle_Lite/BusyProcess.h"
 #include "VantleSpec/ByteCount.h"
-#include "Vantle_Lite/LiteProduct.h"
-
-#include "support/TempDir.h"
 
 #include <gtest/gtest.h>
 
 using namespace vantle;
-using vantle::testing::TempDir;
 
 namespace {
 
@@ -50,42 +46,4 @@ TEST(BusyProcess, TheReadingLineSaysWhenMemoryIsTight) {
     EXPECT_EQ(readingLine(totals), "Processor 23% · Memory 6 GB of 16 GB");
     totals.pressure = VitalsSnapshot::Pressure::warning;
     EXPECT_EQ(readingLine(totals), "Processor 23% · Memory 6 GB of 16 GB · memory is tight");
-}
-
-TEST(BusyProcess, QuittingAsksWithShareAndMemoryAndOnlyTheYesQuits) {
-    TempDir dir;
-    dir.mkdir("home");
-    VantleLite::Options options;
-    options.sandbox = dir / "box";
-    options.sandboxRule = SandboxRule{{dir / "home"}};
-    auto product = LiteProduct::make(*VantleLite::make(options), LiteProduct::Lifetime::oneCommand);
-    auto processes = product->live().processes->processes();
-    auto quits = std::ranges::find_if(processes, [](const StandInProcess& p) { return !p.asksToSave; });
-    ASSERT_NE(quits, processes.end());
-    const auto target = *quits;
-    ProcessRow shown{.pid = target.pid,
-                     .name = target.name,
-                     .app = target.app,
-                     .kind = target.kind,
-                     .cpuPercent = 62.5,
-                     .memory = 3 * GiB / 2};
-    auto name = target.app.value_or(target.name);
-    auto running = [&] {
-        auto now = product->live().processes->processes();
-        return std::ranges::any_of(now, [&](const StandInProcess& p) { return p.pid == target.pid; });
-    };
-
-    product->askToQuit(shown);
-    ASSERT_TRUE(product->confirmation());
-    EXPECT_EQ(product->confirmation()->title, "Quit " + name + "?");
-    EXPECT_EQ(product->confirmation()->message,
-              name + " is using 63% of a core and 1.5 GB of memory. It quits as its own Quit command does: "
-                     "with unsaved work it asks you first.");
-    EXPECT_EQ(product->confirmation()->confirm, "Quit");
-    EXPECT_EQ(product->answer(false)->text, name + " stays open");
-    EXPECT_TRUE(running());
-
-    product->askToQuit(shown);
-    product->answer(true);
-    EXPECT_FALSE(running());
 }

@@ -9,7 +9,7 @@
 #include "app/pages/storage/StoragePage.h"
 #include "app/shell/MainWindow.h"
 
-#include "support/TempDir.h"
+#include "AppTestSupport.h"
 
 #include <QAction>
 #include <QApplication>
@@ -28,50 +28,10 @@
 
 using namespace vantle;
 using namespace vantle::app;
-using vantle::testing::TempDir;
+using namespace vantle::testing;
 namespace fs = std::filesystem;
 
-// Failures name the text, not its UTF-16 units.
-void PrintTo(const QString& text, std::ostream* out) {
-    *out << '"' << text.toStdString() << '"';
-}
-
 namespace {
-
-constexpr int waitMs = 20000;
-
-VantleLite::Options seams(const TempDir& dir) {
-    dir.mkdir("home");
-    VantleLite::Options options;
-    options.sandboxRule = SandboxRule{{dir / "home"}};
-    options.offline = true;
-    return options;
-}
-
-LiteLaunch sandboxLaunch(const TempDir& dir) {
-    return LiteLaunch::parse({"vantle-lite", "-sandbox", (dir / "box").string()});
-}
-
-// A window over `box` that has left the welcome and shows the shell.
-std::unique_ptr<MainWindow> shellOver(const TempDir& dir) {
-    auto window = std::make_unique<MainWindow>(sandboxLaunch(dir), seams(dir));
-    window->show();
-    window->activateWindow();
-    EXPECT_TRUE(QTest::qWaitForWindowActive(window.get()));
-    EXPECT_TRUE(QTest::qWaitFor([&] { return window->phase() != MainWindow::Phase::starting; }, waitMs));
-    if (window->phase() == MainWindow::Phase::welcome) window->leaveWelcome();
-    EXPECT_EQ(window->phase(), MainWindow::Phase::shell);
-    return window;
-}
-
-bool settle(MainWindow& window) {
-    return QTest::qWaitFor([&] { return window.bridge() && window.bridge()->pending() == 0; }, waitMs);
-}
-
-QString labelText(QWidget& root, const char* name) {
-    auto* label = root.findChild<QLabel*>(name);
-    return label ? label->text() : QString("(no label %1)").arg(name);
-}
 
 void age(const fs::path& root, std::chrono::hours by) {
     auto then = std::chrono::system_clock::now() - by;
@@ -88,14 +48,15 @@ void age(const fs::path& root, std::chrono::hours by) {
 TEST(AppStartUp, ShowsReadyAtOnceThenWelcomeUntilLeftOnceThenTheShell) {
     TempDir dir;
     {
-        MainWindow window(sandboxLaunch(dir), seams(dir));
+        MainWindow window(sandboxLaunch(dir), sandboxSeams(dir));
         EXPECT_EQ(window.windowTitle(), "Vantle Lite");
         EXPECT_EQ(window.phase(), MainWindow::Phase::starting)
             << "the window shows before the wiring is done";
         EXPECT_EQ(labelText(window, "startingText"), "Getting Vantle Lite ready");
         EXPECT_FALSE(window.action("goHome")->isEnabled());
 
-        ASSERT_TRUE(QTest::qWaitFor([&] { return window.phase() != MainWindow::Phase::starting; }, waitMs));
+        ASSERT_TRUE(
+            QTest::qWaitFor([&] { return window.phase() != MainWindow::Phase::starting; }, appWaitMs));
         ASSERT_EQ(window.phase(), MainWindow::Phase::welcome);
         auto* welcome = window.findChild<QWidget*>("welcome");
         ASSERT_TRUE(welcome);
@@ -115,19 +76,19 @@ TEST(AppStartUp, ShowsReadyAtOnceThenWelcomeUntilLeftOnceThenTheShell) {
         ASSERT_TRUE(settle(window));
     }
     // Leaving the welcome was kept: the next start goes straight to the shell.
-    MainWindow again(sandboxLaunch(dir), seams(dir));
-    ASSERT_TRUE(QTest::qWaitFor([&] { return again.phase() != MainWindow::Phase::starting; }, waitMs));
+    MainWindow again(sandboxLaunch(dir), sandboxSeams(dir));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return again.phase() != MainWindow::Phase::starting; }, appWaitMs));
     EXPECT_EQ(again.phase(), MainWindow::Phase::shell);
     ASSERT_TRUE(settle(again));
 }
 
 TEST(AppStartUp, AFolderThatIsNoSandboxEndsInTheFailedPageWithItsSentence) {
     TempDir dir;
-    auto options = seams(dir);
+    auto options = sandboxSeams(dir);
     options.sandboxRule = SandboxRule{{dir / "box"}}; // the sandbox is a real home
     dir.mkdir("box");
     MainWindow window(sandboxLaunch(dir), options);
-    ASSERT_TRUE(QTest::qWaitFor([&] { return window.phase() != MainWindow::Phase::starting; }, waitMs));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return window.phase() != MainWindow::Phase::starting; }, appWaitMs));
     ASSERT_EQ(window.phase(), MainWindow::Phase::failed);
     EXPECT_TRUE(
         window.failure().endsWith("A sandbox is a folder of its own that stands in for the home folder."))
@@ -139,10 +100,10 @@ TEST(AppStartUp, AFolderThatIsNoSandboxEndsInTheFailedPageWithItsSentence) {
 
 TEST(AppWindow, VisibilityFollowsMinimisingAndTheScreenLockAndIsPublishedOnlyOnChange) {
     TempDir dir;
-    MainWindow window(sandboxLaunch(dir), seams(dir));
+    MainWindow window(sandboxLaunch(dir), sandboxSeams(dir));
     window.screenLockChanged(true); // while starting: nothing changes, nothing is remembered
     window.show();
-    ASSERT_TRUE(QTest::qWaitFor([&] { return window.phase() != MainWindow::Phase::starting; }, waitMs));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return window.phase() != MainWindow::Phase::starting; }, appWaitMs));
     auto* bridge = window.bridge();
     ASSERT_TRUE(bridge);
     EXPECT_TRUE(bridge->windowVisible()) << "a lock heard before start-up ended is forgotten";
@@ -176,7 +137,7 @@ TEST(AppActions, TrashAsksThenCtrlZPutsItBackAndUndoIsEnabledOnlyWhileSomethingC
     EXPECT_FALSE(window->action("undo")->isEnabled());
 
     window->bridge()->askToTrash({file});
-    ASSERT_TRUE(QTest::qWaitFor([&] { return window->questionBox() != nullptr; }, waitMs));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return window->questionBox() != nullptr; }, appWaitMs));
     auto* box = window->questionBox();
     EXPECT_EQ(box->text(), "Move “plan.txt” to the Trash?");
     EXPECT_EQ(box->informativeText(),
@@ -199,7 +160,7 @@ TEST(AppActions, TrashAsksThenCtrlZPutsItBackAndUndoIsEnabledOnlyWhileSomethingC
 
     // Cancelling touches nothing and keeps nothing for Undo.
     window->bridge()->askToTrash({file});
-    ASSERT_TRUE(QTest::qWaitFor([&] { return window->questionBox() != nullptr; }, waitMs));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return window->questionBox() != nullptr; }, appWaitMs));
     QTest::keyClick(window->questionBox(), Qt::Key_Escape);
     ASSERT_TRUE(settle(*window));
     EXPECT_TRUE(fs::exists(file));
@@ -216,7 +177,7 @@ TEST(AppStorage, ACleanShowsItsQuestionThenTheReceiptsWordsAndTheFiguresAreMeasu
     window->action("cleanUp")->trigger();
     auto* storage = window->storagePage();
     EXPECT_EQ(window->pageShown(), "storage");
-    ASSERT_TRUE(QTest::qWaitFor([&] { return storage->state() == StoragePage::State::report; }, waitMs));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return storage->state() == StoragePage::State::report; }, appWaitMs));
     ASSERT_TRUE(settle(*window));
     ASSERT_TRUE(storage->report());
     auto& categories = storage->report()->categories;
@@ -225,7 +186,7 @@ TEST(AppStorage, ACleanShowsItsQuestionThenTheReceiptsWordsAndTheFiguresAreMeasu
 
     ASSERT_TRUE(storage->tick("pip_cache"));
     storage->cleanTicked();
-    ASSERT_TRUE(QTest::qWaitFor([&] { return window->questionBox() != nullptr; }, waitMs));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return window->questionBox() != nullptr; }, appWaitMs));
     EXPECT_EQ(window->questionBox()->text(), "Delete 1 item for good?");
     EXPECT_TRUE(window->questionBox()->informativeText().startsWith("pip ("))
         << window->questionBox()->informativeText().toStdString();
@@ -233,7 +194,7 @@ TEST(AppStorage, ACleanShowsItsQuestionThenTheReceiptsWordsAndTheFiguresAreMeasu
     EXPECT_TRUE(fs::exists(pip)) << "the question comes before anything is touched";
 
     QTest::mouseClick(window->questionBox()->findChild<QPushButton*>("confirm"), Qt::LeftButton);
-    ASSERT_TRUE(QTest::qWaitFor([&] { return window->resultBar()->text().startsWith("Deleted"); }, waitMs))
+    ASSERT_TRUE(QTest::qWaitFor([&] { return window->resultBar()->text().startsWith("Deleted"); }, appWaitMs))
         << window->resultBar()->text().toStdString();
     EXPECT_FALSE(fs::exists(dir / "box/Library/Caches/pip"));
     EXPECT_TRUE(window->resultBar()->text().contains("This cannot be undone."));
@@ -245,7 +206,7 @@ TEST(AppStorage, ACleanShowsItsQuestionThenTheReceiptsWordsAndTheFiguresAreMeasu
                    std::ranges::find(storage->report()->categories, std::string("pip_cache"),
                                      &StorageReport::Category::id) == storage->report()->categories.end();
         },
-        waitMs));
+        appWaitMs));
     ASSERT_TRUE(settle(*window));
 }
 
@@ -256,12 +217,13 @@ TEST(AppHome, ListsTheFilesAndASearchsChipsAndRemovingAChipWidensTheSearch) {
     dir.write("box/Downloads/holiday.pdf", std::string(7000, 'h'));
     auto window = shellOver(dir);
     auto* home = window->homePage();
-    ASSERT_TRUE(QTest::qWaitFor([&] { return !home->reading() && home->files()->rowCount() == 3; }, waitMs))
+    ASSERT_TRUE(
+        QTest::qWaitFor([&] { return !home->reading() && home->files()->rowCount() == 3; }, appWaitMs))
         << home->files()->rowCount();
 
     home->search("pdfs in downloads");
-    ASSERT_TRUE(
-        QTest::qWaitFor([&] { return home->files()->rowCount() == 1 && home->chips().size() == 2; }, waitMs))
+    ASSERT_TRUE(QTest::qWaitFor([&] { return home->files()->rowCount() == 1 && home->chips().size() == 2; },
+                                appWaitMs))
         << home->chips().join(" | ").toStdString();
     EXPECT_EQ(home->files()->itemAt(0)->name, "holiday.pdf");
 
@@ -269,8 +231,8 @@ TEST(AppHome, ListsTheFilesAndASearchsChipsAndRemovingAChipWidensTheSearch) {
     int place = home->chips().indexOf(home->chips().filter("ownload").value(0));
     ASSERT_GE(place, 0) << home->chips().join(" | ").toStdString();
     home->removeChip(place);
-    ASSERT_TRUE(
-        QTest::qWaitFor([&] { return home->files()->rowCount() == 2 && home->chips().size() == 1; }, waitMs))
+    ASSERT_TRUE(QTest::qWaitFor([&] { return home->files()->rowCount() == 2 && home->chips().size() == 1; },
+                                appWaitMs))
         << home->chips().join(" | ").toStdString();
     ASSERT_TRUE(settle(*window));
 }
@@ -281,21 +243,22 @@ TEST(AppHome, MoveToTrashFromTheListAsksThenCtrlZPutsTheFileBackAndTheListFollow
     dir.write("box/Documents/keep.txt", "k");
     auto window = shellOver(dir);
     auto* home = window->homePage();
-    ASSERT_TRUE(QTest::qWaitFor([&] { return !home->reading() && home->files()->rowCount() == 2; }, waitMs));
+    ASSERT_TRUE(
+        QTest::qWaitFor([&] { return !home->reading() && home->files()->rowCount() == 2; }, appWaitMs));
     ASSERT_TRUE(home->select(QString::fromStdString(file.string())));
     EXPECT_EQ(home->inspectorName(), "draft.txt");
     home->trashSelection();
-    ASSERT_TRUE(QTest::qWaitFor([&] { return window->questionBox() != nullptr; }, waitMs));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return window->questionBox() != nullptr; }, appWaitMs));
     EXPECT_EQ(window->questionBox()->text(), "Move “draft.txt” to the Trash?");
     QTest::mouseClick(window->questionBox()->findChild<QPushButton*>("confirm"), Qt::LeftButton);
-    ASSERT_TRUE(QTest::qWaitFor([&] { return home->files()->rowCount() == 1; }, waitMs))
+    ASSERT_TRUE(QTest::qWaitFor([&] { return home->files()->rowCount() == 1; }, appWaitMs))
         << "the list follows";
     EXPECT_FALSE(fs::exists(file));
 
     window->activateWindow();
     ASSERT_TRUE(QTest::qWaitForWindowActive(window.get()));
     QTest::keyClick(window->windowHandle(), Qt::Key_Z, Qt::ControlModifier);
-    ASSERT_TRUE(QTest::qWaitFor([&] { return home->files()->rowCount() == 2; }, waitMs));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return home->files()->rowCount() == 2; }, appWaitMs));
     EXPECT_TRUE(fs::exists(file));
     EXPECT_EQ(window->resultBar()->text(), "Put back 1 item");
     ASSERT_TRUE(settle(*window));
@@ -307,10 +270,10 @@ TEST(AppHome, DuplicatesKeepOneCopyOfEachGroupWhateverIsTicked) {
     auto b = dir.write("box/Downloads/song.mp3", std::string(9000, 's'));
     auto window = shellOver(dir);
     auto* home = window->homePage();
-    ASSERT_TRUE(QTest::qWaitFor([&] { return !home->reading(); }, waitMs));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !home->reading(); }, appWaitMs));
     home->showView(HomePage::View::duplicates);
     home->findDuplicates();
-    ASSERT_TRUE(QTest::qWaitFor([&] { return home->duplicatesTree()->topLevelItemCount() == 1; }, waitMs));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return home->duplicatesTree()->topLevelItemCount() == 1; }, appWaitMs));
     auto* group = home->duplicatesTree()->topLevelItem(0);
     ASSERT_EQ(group->childCount(), 2);
     auto ticked = [&] {
@@ -324,12 +287,12 @@ TEST(AppHome, DuplicatesKeepOneCopyOfEachGroupWhateverIsTicked) {
     home->tickCopy(QString::fromStdString(b.string()), true);
     EXPECT_EQ(ticked(), 1) << "the last kept copy cannot be ticked away";
     home->trashSelection();
-    ASSERT_TRUE(QTest::qWaitFor([&] { return window->questionBox() != nullptr; }, waitMs));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return window->questionBox() != nullptr; }, appWaitMs));
     QTest::mouseClick(window->questionBox()->findChild<QPushButton*>("confirm"), Qt::LeftButton);
     ASSERT_TRUE(settle(*window));
     EXPECT_NE(fs::exists(a), fs::exists(b)) << "exactly one copy went to the Trash";
     ASSERT_TRUE(
-        QTest::qWaitFor([&] { return window->bridge()->pending() == 0 && !home->reading(); }, waitMs));
+        QTest::qWaitFor([&] { return window->bridge()->pending() == 0 && !home->reading(); }, appWaitMs));
 }
 
 TEST(AppHome, ImagesShowThumbnailsMadeOffTheUiThreadOrTakenFromTheDesktopsCache) {
@@ -367,7 +330,7 @@ TEST(AppHome, ImagesShowThumbnailsMadeOffTheUiThreadOrTakenFromTheDesktopsCache)
         return value.typeId() == QMetaType::QPixmap ? value.value<QPixmap>() : QPixmap();
     };
     ASSERT_TRUE(
-        QTest::qWaitFor([&] { return !pixmapOf(photo).isNull() && !pixmapOf(cached).isNull(); }, waitMs));
+        QTest::qWaitFor([&] { return !pixmapOf(photo).isNull() && !pixmapOf(cached).isNull(); }, appWaitMs));
     EXPECT_EQ(pixmapOf(photo).width(), Thumbnails::side) << "made, scaled to the thumbnail's side";
     EXPECT_EQ(pixmapOf(photo).toImage().pixelColor(10, 10), QColor(Qt::red));
     EXPECT_EQ(pixmapOf(cached).toImage().pixelColor(10, 10), QColor(Qt::blue)) << "taken from the cache";

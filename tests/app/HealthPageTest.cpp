@@ -8,7 +8,7 @@
 #include "app/pages/storage/StoragePage.h"
 #include "app/shell/MainWindow.h"
 
-#include "support/TempDir.h"
+#include "AppTestSupport.h"
 
 #include <QLabel>
 #include <QMessageBox>
@@ -19,38 +19,18 @@
 
 using namespace vantle;
 using namespace vantle::app;
-using vantle::testing::TempDir;
+using namespace vantle::testing;
 
 namespace {
 
-constexpr int healthWaitMs = 20000;
-
 std::unique_ptr<MainWindow> healthOver(const TempDir& dir) {
-    dir.mkdir("home");
-    VantleLite::Options options;
-    options.sandboxRule = SandboxRule{{dir / "home"}};
-    options.offline = true;
-    auto window = std::make_unique<MainWindow>(
-        LiteLaunch::parse({"vantle-lite", "-sandbox", (dir / "box").string()}), options);
-    window->show();
-    EXPECT_TRUE(
-        QTest::qWaitFor([&] { return window->phase() != MainWindow::Phase::starting; }, healthWaitMs));
-    if (window->phase() == MainWindow::Phase::welcome) window->leaveWelcome();
+    auto window = shellOver(dir);
     window->showPage("health");
     return window;
 }
 
 HealthPage* healthOf(MainWindow& window) {
     return window.findChild<HealthPage*>("health");
-}
-
-bool settleHealth(MainWindow& window) {
-    return QTest::qWaitFor([&] { return window.bridge()->pending() == 0; }, healthWaitMs);
-}
-
-QString healthLabelText(QWidget& root, const char* name) {
-    auto* label = root.findChild<QLabel*>(name);
-    return label ? label->text() : QString();
 }
 
 } // namespace
@@ -61,7 +41,7 @@ TEST(AppHealth, LiveGaugesStopWhileTheWindowIsHiddenOrThePageIsLeftAndResumeWhen
     auto* page = healthOf(*window);
     ASSERT_TRUE(page);
     page->setRefreshInterval(50);
-    ASSERT_TRUE(QTest::qWaitFor([&] { return page->readingsTaken() >= 3; }, healthWaitMs));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return page->readingsTaken() >= 3; }, appWaitMs));
     EXPECT_TRUE(page->readingLive());
     ASSERT_TRUE(page->score());
     EXPECT_EQ(page->findChild<Ring*>("scoreRing")->figure(), QString::number(page->score()->value));
@@ -73,10 +53,10 @@ TEST(AppHealth, LiveGaugesStopWhileTheWindowIsHiddenOrThePageIsLeftAndResumeWhen
         << sentences.join(" | ").toStdString();
 
     auto stillAfterAWhile = [&] {
-        EXPECT_TRUE(settleHealth(*window)); // a reading already on its way may land
+        EXPECT_TRUE(settle(*window)); // a reading already on its way may land
         int taken = page->readingsTaken();
         QTest::qWait(400); // eight intervals
-        EXPECT_TRUE(settleHealth(*window));
+        EXPECT_TRUE(settle(*window));
         return page->readingsTaken() == taken;
     };
     window->hide();
@@ -86,7 +66,7 @@ TEST(AppHealth, LiveGaugesStopWhileTheWindowIsHiddenOrThePageIsLeftAndResumeWhen
     window->show();
     EXPECT_TRUE(page->readingLive());
     int shown = page->readingsTaken();
-    ASSERT_TRUE(QTest::qWaitFor([&] { return page->readingsTaken() > shown + 1; }, healthWaitMs));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return page->readingsTaken() > shown + 1; }, appWaitMs));
 
     window->screenLockChanged(true);
     EXPECT_FALSE(page->readingLive()) << "a locked screen is not looked at";
@@ -99,17 +79,17 @@ TEST(AppHealth, LiveGaugesStopWhileTheWindowIsHiddenOrThePageIsLeftAndResumeWhen
     window->showPage("health");
     EXPECT_TRUE(page->readingLive());
     page->setRefreshInterval(2000);
-    ASSERT_TRUE(settleHealth(*window));
+    ASSERT_TRUE(settle(*window));
 }
 
 TEST(AppHealth, BalanceAsksForWhatIsTickedThenReportsAndUndoPutsTheMoveBack) {
     TempDir dir;
     auto window = healthOver(dir);
     auto* page = healthOf(*window);
-    ASSERT_TRUE(settleHealth(*window));
+    ASSERT_TRUE(settle(*window));
     page->startBalance();
-    ASSERT_TRUE(QTest::qWaitFor([&] { return page->balanceState() == HealthPage::Balance::candidates; },
-                                healthWaitMs));
+    ASSERT_TRUE(
+        QTest::qWaitFor([&] { return page->balanceState() == HealthPage::Balance::candidates; }, appWaitMs));
     ASSERT_GE(page->candidateCount(), 2) << "the busy stand-in scene offers work to move";
     for (int i = 1; i < page->candidateCount(); ++i)
         page->tickCandidate(i, false);
@@ -117,18 +97,18 @@ TEST(AppHealth, BalanceAsksForWhatIsTickedThenReportsAndUndoPutsTheMoveBack) {
 
     // Cancelling the question moves nothing and leaves the ticks as they were.
     page->askToBalance();
-    ASSERT_TRUE(QTest::qWaitFor([&] { return window->questionBox() != nullptr; }, healthWaitMs));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return window->questionBox() != nullptr; }, appWaitMs));
     EXPECT_EQ(page->balanceState(), HealthPage::Balance::asking);
     EXPECT_FALSE(page->tickCandidate(1, true)) << "the ticks are held while the question is open";
     QTest::keyClick(window->questionBox(), Qt::Key_Escape);
-    ASSERT_TRUE(QTest::qWaitFor([&] { return page->balanceState() == HealthPage::Balance::candidates; },
-                                healthWaitMs));
-    ASSERT_TRUE(settleHealth(*window));
+    ASSERT_TRUE(
+        QTest::qWaitFor([&] { return page->balanceState() == HealthPage::Balance::candidates; }, appWaitMs));
+    ASSERT_TRUE(settle(*window));
     EXPECT_EQ(window->resultBar()->text(), "Nothing was changed.");
     EXPECT_FALSE(window->bridge()->undoable());
 
     page->askToBalance();
-    ASSERT_TRUE(QTest::qWaitFor([&] { return window->questionBox() != nullptr; }, healthWaitMs));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return window->questionBox() != nullptr; }, appWaitMs));
     EXPECT_EQ(window->questionBox()->text(), "Balance the load?");
     const auto message = window->questionBox()->informativeText();
     EXPECT_TRUE(message.endsWith(" move to the efficiency cores at low priority, and ⌘Z puts them back on "
@@ -136,8 +116,8 @@ TEST(AppHealth, BalanceAsksForWhatIsTickedThenReportsAndUndoPutsTheMoveBack) {
         << message.toStdString();
     QTest::mouseClick(window->questionBox()->findChild<QPushButton*>("confirm"), Qt::LeftButton);
     ASSERT_TRUE(
-        QTest::qWaitFor([&] { return page->balanceState() == HealthPage::Balance::report; }, healthWaitMs));
-    ASSERT_TRUE(settleHealth(*window));
+        QTest::qWaitFor([&] { return page->balanceState() == HealthPage::Balance::report; }, appWaitMs));
+    ASSERT_TRUE(settle(*window));
     const auto moved = page->reportLines().value(0);
     EXPECT_TRUE(moved.startsWith("Moved to the efficiency cores at low priority: ")) << moved.toStdString();
     EXPECT_TRUE(page->reportLines().filter("health score").size() == 1) << "the score's change is reported";
@@ -146,7 +126,7 @@ TEST(AppHealth, BalanceAsksForWhatIsTickedThenReportsAndUndoPutsTheMoveBack) {
     auto* undo = page->findChild<QPushButton*>("balanceUndo");
     ASSERT_TRUE(undo && undo->isVisible());
     QTest::mouseClick(undo, Qt::LeftButton);
-    ASSERT_TRUE(settleHealth(*window));
+    ASSERT_TRUE(settle(*window));
     auto name = moved.mid(moved.indexOf(": ") + 2).chopped(1);
     EXPECT_EQ(window->resultBar()->text(), name + " is back on every core.");
     EXPECT_FALSE(undo->isVisible());
@@ -156,17 +136,14 @@ TEST(AppHealth, TheHistorySaysWhyItIsEmptyUntilTheRecordHoldsSomethingThenDrawsI
     TempDir dir;
     auto window = healthOver(dir);
     auto* page = healthOf(*window);
-    ASSERT_TRUE(
-        QTest::qWaitFor([&] { return !healthLabelText(*page, "historyEmpty").isEmpty(); }, healthWaitMs));
-    ASSERT_TRUE(settleHealth(*window));
-    EXPECT_TRUE(
-        healthLabelText(*page, "historyEmpty").startsWith("Health keeps no record of this computer yet."));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !labelText(*page, "historyEmpty").isEmpty(); }, appWaitMs));
+    ASSERT_TRUE(settle(*window));
+    EXPECT_TRUE(labelText(*page, "historyEmpty").startsWith("Health keeps no record of this computer yet."));
     auto* keep = page->findChild<QPushButton*>("keepRecord");
     ASSERT_TRUE(keep && keep->isVisible());
     QTest::mouseClick(keep, Qt::LeftButton);
     ASSERT_TRUE(QTest::qWaitFor(
-        [&] { return healthLabelText(*page, "historyEmpty").startsWith("The record is on."); },
-        healthWaitMs));
+        [&] { return labelText(*page, "historyEmpty").startsWith("The record is on."); }, appWaitMs));
     EXPECT_FALSE(keep->isVisible());
 
     // A made-up week, as a sandbox's record may hold: a month shows its days.
@@ -174,12 +151,11 @@ TEST(AppHealth, TheHistorySaysWhyItIsEmptyUntilTheRecordHoldsSomethingThenDrawsI
     auto week = HealthHistory::madeUpWeek(systemNow());
     ASSERT_TRUE(live.healthRecord->seed(week.hours, week.quarters, week.minutes));
     page->showSpan(HealthHistory::Span::month);
-    ASSERT_TRUE(QTest::qWaitFor([&] { return page->historyRows() >= 7; }, healthWaitMs))
-        << page->historyRows();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return page->historyRows() >= 7; }, appWaitMs)) << page->historyRows();
     EXPECT_FALSE(page->historyEmpty());
-    EXPECT_TRUE(healthLabelText(*page, "historyLine").startsWith("The processor averaged "))
+    EXPECT_TRUE(labelText(*page, "historyLine").startsWith("The processor averaged "))
         << "the span in a sentence";
-    ASSERT_TRUE(settleHealth(*window));
+    ASSERT_TRUE(settle(*window));
 }
 
 TEST(AppHealth, AFindingsButtonLeadsWhereItSaysBalanceHereCleanUpOnTheStoragePage) {
@@ -193,22 +169,22 @@ TEST(AppHealth, AFindingsButtonLeadsWhereItSaysBalanceHereCleanUpOnTheStoragePag
         return nullptr;
     };
     for (int i = 0; i < 4 && !actionNamed("Clean Up…"); ++i) {
-        ASSERT_TRUE(settleHealth(*window));
+        ASSERT_TRUE(settle(*window));
         page->runCheckup();
-        ASSERT_TRUE(settleHealth(*window));
+        ASSERT_TRUE(settle(*window));
     }
     ASSERT_TRUE(actionNamed("Clean Up…")) << "the stand-in's attention row offers Clean Up";
 
     QTest::mouseClick(actionNamed("Balance the Load…"), Qt::LeftButton);
     EXPECT_EQ(page->balanceState(), HealthPage::Balance::reading);
-    ASSERT_TRUE(QTest::qWaitFor([&] { return page->balanceState() == HealthPage::Balance::candidates; },
-                                healthWaitMs));
+    ASSERT_TRUE(
+        QTest::qWaitFor([&] { return page->balanceState() == HealthPage::Balance::candidates; }, appWaitMs));
     EXPECT_EQ(window->pageShown(), "health");
 
     QTest::mouseClick(actionNamed("Clean Up…"), Qt::LeftButton);
     EXPECT_EQ(window->pageShown(), "storage");
     EXPECT_NE(window->storagePage()->state(), StoragePage::State::before) << "Clean Up starts the scan";
     ASSERT_TRUE(QTest::qWaitFor([&] { return window->storagePage()->state() == StoragePage::State::report; },
-                                healthWaitMs));
-    ASSERT_TRUE(settleHealth(*window));
+                                appWaitMs));
+    ASSERT_TRUE(settle(*window));
 }

@@ -10,7 +10,7 @@
 #include "app/panel/PanelView.h"
 #include "app/shell/MainWindow.h"
 
-#include "support/TempDir.h"
+#include "AppTestSupport.h"
 
 #include <QApplication>
 #include <QCheckBox>
@@ -26,32 +26,10 @@
 
 using namespace vantle;
 using namespace vantle::app;
-using vantle::testing::readFile;
-using vantle::testing::TempDir;
+using namespace vantle::testing;
 namespace fs = std::filesystem;
 
 namespace {
-
-constexpr int panelWaitMs = 20000;
-
-// A window over the sandbox `box` that shows the shell (the welcome already left).
-std::unique_ptr<MainWindow> panelShellOver(const TempDir& dir) {
-    dir.mkdir("home");
-    VantleLite::Options options;
-    options.sandboxRule = SandboxRule{{dir / "home"}};
-    options.offline = true;
-    auto window = std::make_unique<MainWindow>(
-        LiteLaunch::parse({"vantle-lite", "-sandbox", (dir / "box").string()}), options);
-    window->show();
-    EXPECT_TRUE(QTest::qWaitFor([&] { return window->phase() != MainWindow::Phase::starting; }, panelWaitMs));
-    if (window->phase() == MainWindow::Phase::welcome) window->leaveWelcome();
-    EXPECT_EQ(window->phase(), MainWindow::Phase::shell);
-    return window;
-}
-
-bool panelSettle(MainWindow& window) {
-    return QTest::qWaitFor([&] { return window.bridge() && window.bridge()->pending() == 0; }, panelWaitMs);
-}
 
 QStringList shownNames(const PanelView& panel) {
     QStringList shown;
@@ -63,7 +41,7 @@ QStringList shownNames(const PanelView& panel) {
 bool panelOpenInProduct(MainWindow& window) {
     bool open = false;
     window.bridge()->withProduct([](LiteProduct& p) { return p.panelOpen(); }, [&](bool o) { open = o; });
-    panelSettle(window);
+    settle(window);
     return open;
 }
 
@@ -74,13 +52,13 @@ TEST(AppPanel, SearchTurnsTheSectionIntoFilesAndClearingItBringsBackRecentDownlo
     dir.write("box/Downloads/boarding-pass.pdf", std::string(800, 'b'));
     dir.write("box/Downloads/tax-report-2026.zip", std::string(900, 't'));
     dir.write("box/Documents/annual report.odt", std::string(700, 'a'));
-    auto window = panelShellOver(dir);
+    auto window = shellOver(dir);
     ASSERT_TRUE(window->menuBarItem());
     window->menuBarItem()->open();
     auto* panel = window->menuBarItem()->panel();
     ASSERT_TRUE(panel->isVisible());
     EXPECT_EQ(panel->searchField()->placeholderText(), "Search files by name");
-    ASSERT_TRUE(QTest::qWaitFor([&] { return panel->filesShown().size() == 2; }, panelWaitMs))
+    ASSERT_TRUE(QTest::qWaitFor([&] { return panel->filesShown().size() == 2; }, appWaitMs))
         << panel->filesNote().toStdString();
     EXPECT_EQ(panel->filesTitle(), "Recent downloads");
     EXPECT_FALSE(shownNames(*panel).contains("annual report.odt")) << "only the downloads";
@@ -88,15 +66,14 @@ TEST(AppPanel, SearchTurnsTheSectionIntoFilesAndClearingItBringsBackRecentDownlo
 
     QTest::keyClicks(panel->searchField(), "report");
     EXPECT_EQ(panel->filesTitle(), "Files");
-    ASSERT_TRUE(
-        QTest::qWaitFor([&] { return shownNames(*panel).size() == 2 && !panel->busy(); }, panelWaitMs));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return shownNames(*panel).size() == 2 && !panel->busy(); }, appWaitMs));
     EXPECT_TRUE(shownNames(*panel).contains("annual report.odt"))
         << shownNames(*panel).join(", ").toStdString();
     EXPECT_TRUE(shownNames(*panel).contains("tax-report-2026.zip"));
 
     QTest::keyClicks(panel->searchField(), " annual");
     ASSERT_TRUE(
-        QTest::qWaitFor([&] { return shownNames(*panel) == QStringList{"annual report.odt"}; }, panelWaitMs))
+        QTest::qWaitFor([&] { return shownNames(*panel) == QStringList{"annual report.odt"}; }, appWaitMs))
         << "every word must be in the name";
 
     panel->searchField()->clear();
@@ -127,10 +104,10 @@ TEST(AppPanel, BusyProcessesAreWordedByKindAndHalfACoreIsBusyAndQuitAsksInThePan
                         process(202, "sync", std::nullopt, ProcessKind::background, 12.0)};
     record.apps = {{"Web Browser", 101}};
     dir.write("box/.vantle-lite/stand-in-processes.json", encodeJson(record));
-    auto window = panelShellOver(dir);
+    auto window = shellOver(dir);
     window->menuBarItem()->open();
     auto* panel = window->menuBarItem()->panel();
-    ASSERT_TRUE(QTest::qWaitFor([&] { return panel->busyShown().size() == 3; }, panelWaitMs));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return panel->busyShown().size() == 3; }, appWaitMs));
     QStringList shown;
     ASSERT_TRUE(QTest::qWaitFor(
         [&] {
@@ -139,28 +116,28 @@ TEST(AppPanel, BusyProcessesAreWordedByKindAndHalfACoreIsBusyAndQuitAsksInThePan
                 shown << label->text();
             return shown.size() == 3;
         },
-        panelWaitMs));
+        appWaitMs));
     EXPECT_EQ(shown, (QStringList{"An app you have open.", "A program you started, busy right now.",
                                   "A program you started, running in the background."}));
     EXPECT_TRUE(panel->readingText().startsWith("Processor ")) << panel->readingText().toStdString();
 
     // Quitting asks inside the panel, and the window asks nothing of its own.
     panel->askToQuit(1);
-    ASSERT_TRUE(QTest::qWaitFor([&] { return panel->questionFrame()->isVisible(); }, panelWaitMs));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return panel->questionFrame()->isVisible(); }, appWaitMs));
     EXPECT_EQ(
         panel->findChild<QLabel*>("questionText")->text(),
         "render is using 50% of a core and 300 MB of memory. It quits as its own Quit command does: with "
         "unsaved work it asks you first.");
     EXPECT_EQ(window->questionBox(), nullptr);
     QTest::mouseClick(panel->findChild<QPushButton*>("questionCancel"), Qt::LeftButton);
-    ASSERT_TRUE(panelSettle(*window));
+    ASSERT_TRUE(settle(*window));
     EXPECT_EQ(window->resultBar()->text(), "render stays open");
     EXPECT_EQ(window->bridge()->live().processes->processes().size(), 3u) << "Cancel quits nothing";
 }
 
 TEST(AppSettings, TheHealthRecordIsErasedOnlyAfterItsQuestionIsAnsweredYes) {
     TempDir dir;
-    auto window = panelShellOver(dir);
+    auto window = shellOver(dir);
     auto record = window->bridge()->live().healthRecord;
     HealthPoint point;
     point.start = std::chrono::time_point_cast<std::chrono::seconds>(std::chrono::system_clock::now());
@@ -172,61 +149,61 @@ TEST(AppSettings, TheHealthRecordIsErasedOnlyAfterItsQuestionIsAnsweredYes) {
     window->showPage("settings");
     auto* settings = window->settingsPage();
     QTest::mouseClick(settings->eraseRecord(), Qt::LeftButton);
-    ASSERT_TRUE(QTest::qWaitFor([&] { return window->questionBox() != nullptr; }, panelWaitMs));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return window->questionBox() != nullptr; }, appWaitMs));
     EXPECT_EQ(window->questionBox()->text(), "Erase the health record?");
     QTest::mouseClick(window->questionBox()->findChild<QPushButton*>("cancel"), Qt::LeftButton);
-    ASSERT_TRUE(panelSettle(*window));
+    ASSERT_TRUE(settle(*window));
     EXPECT_TRUE(record->holdsRecord()) << "Cancel keeps every point";
     EXPECT_EQ(window->resultBar()->text(), "Nothing was erased");
 
     QTest::mouseClick(settings->eraseRecord(), Qt::LeftButton);
-    ASSERT_TRUE(QTest::qWaitFor([&] { return window->questionBox() != nullptr; }, panelWaitMs));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return window->questionBox() != nullptr; }, appWaitMs));
     EXPECT_TRUE(record->holdsRecord()) << "the question comes before anything is erased";
     QTest::mouseClick(window->questionBox()->findChild<QPushButton*>("confirm"), Qt::LeftButton);
-    ASSERT_TRUE(panelSettle(*window));
+    ASSERT_TRUE(settle(*window));
     EXPECT_FALSE(record->holdsRecord());
     EXPECT_EQ(window->resultBar()->text(), "The health record was erased");
 }
 
 TEST(AppSettings, OpenAtLoginWritesTheSandboxsOwnAutostartEntryAndRemovesIt) {
     TempDir dir;
-    auto window = panelShellOver(dir);
+    auto window = shellOver(dir);
     window->showPage("settings");
     auto* box = window->settingsPage()->openAtLogin();
-    ASSERT_TRUE(panelSettle(*window));
+    ASSERT_TRUE(settle(*window));
     EXPECT_FALSE(box->isChecked());
     auto entry = dir / "box/.config/autostart/vantle-lite.desktop";
 
     box->click();
-    ASSERT_TRUE(QTest::qWaitFor([&] { return box->isEnabled() && fs::exists(entry); }, panelWaitMs))
+    ASSERT_TRUE(QTest::qWaitFor([&] { return box->isEnabled() && fs::exists(entry); }, appWaitMs))
         << window->settingsPage()->loginNote().toStdString();
     EXPECT_TRUE(box->isChecked());
     auto text = readFile(entry);
     EXPECT_NE(text.find("-sandbox " + (dir / "box").string() + " --at-login\n"), std::string::npos) << text;
 
     box->click();
-    ASSERT_TRUE(QTest::qWaitFor([&] { return box->isEnabled() && !fs::exists(entry); }, panelWaitMs));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return box->isEnabled() && !fs::exists(entry); }, appWaitMs));
     EXPECT_FALSE(box->isChecked());
-    ASSERT_TRUE(panelSettle(*window));
+    ASSERT_TRUE(settle(*window));
 }
 
 TEST(AppPrivacy, ARequestsTwoLinesArriveAsOneRowWhileThePageIsOnScreenAndWaitWhileItIsNot) {
     TempDir dir;
-    auto window = panelShellOver(dir);
+    auto window = shellOver(dir);
     auto ledger = window->bridge()->live().ledgerWriter;
     ASSERT_TRUE(ledger);
     window->showPage("privacy");
     auto* requests = window->privacyPage()->requests();
-    ASSERT_TRUE(panelSettle(*window));
+    ASSERT_TRUE(settle(*window));
     EXPECT_EQ(requests->topLevelItemCount(), 0);
 
     auto id = ledger->recordLeaving(
         {.purpose = LedgerEntry::Purpose::update, .url = "https://vantle.app/updates/lite/appcast.xml"});
     ASSERT_TRUE(id);
-    ASSERT_TRUE(QTest::qWaitFor([&] { return requests->topLevelItemCount() == 1; }, panelWaitMs));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return requests->topLevelItemCount() == 1; }, appWaitMs));
     EXPECT_EQ(requests->topLevelItem(0)->text(3), "On its way…");
     ASSERT_TRUE(ledger->recordResult(*id, {.status = 200, .bytesReceived = 3184}));
-    ASSERT_TRUE(QTest::qWaitFor([&] { return requests->topLevelItem(0)->childCount() == 2; }, panelWaitMs));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return requests->topLevelItem(0)->childCount() == 2; }, appWaitMs));
     EXPECT_EQ(requests->topLevelItemCount(), 1) << "both lines of a request are one row";
     EXPECT_EQ(requests->topLevelItem(0)->text(2), "vantle.app");
     EXPECT_EQ(requests->topLevelItem(0)->text(3), "Status 200 · 3 KB");
@@ -239,7 +216,7 @@ TEST(AppPrivacy, ARequestsTwoLinesArriveAsOneRowWhileThePageIsOnScreenAndWaitWhi
     QApplication::processEvents();
     EXPECT_EQ(requests->topLevelItemCount(), 1);
     window->showPage("privacy");
-    ASSERT_TRUE(QTest::qWaitFor([&] { return requests->topLevelItemCount() == 2; }, panelWaitMs));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return requests->topLevelItemCount() == 2; }, appWaitMs));
     EXPECT_EQ(requests->topLevelItem(0)->text(1), "Update download") << "newest first";
-    ASSERT_TRUE(panelSettle(*window));
+    ASSERT_TRUE(settle(*window));
 }
