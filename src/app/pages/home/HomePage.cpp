@@ -192,9 +192,12 @@ HomePage::HomePage(ProductBridge& bridge, QWidget* parent) : Page(parent), bridg
     listTitle_ = new QLabel;
     listTitle_->setObjectName("listTitle");
     listTitle_->setForegroundRole(QPalette::PlaceholderText);
+    // A count with a note behind it ("still being read…") wraps in the room the bar leaves rather
+    // than widening the whole window past the screen.
+    listTitle_->setWordWrap(true);
+    listTitle_->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
     bar->addSpacing(8);
-    bar->addWidget(listTitle_);
-    bar->addStretch(1);
+    bar->addWidget(listTitle_, 1);
     trash_ = new QPushButton(symbolIcon("user-trash"), "Move to Trash…");
     trash_->setObjectName("moveToTrash");
     trash_->setEnabled(false);
