@@ -1,6 +1,7 @@
 #include "VantleLibrary/Duplicates.h"
 
 #include "Platform/SharedExtents.h"
+#include "Platform/UniqueFd.h"
 #include "Platform/UserEntryOpen.h"
 #include "VantleLibrary/DiskWalk.h"
 #include "VantleLibrary/FingerprintReader.h"
@@ -17,42 +18,56 @@ namespace vantle {
 
 namespace {
 
-using Bucket = std::vector<size_t>; // indices of records that may still be copies of each other
+// What statx said of one candidate. Records with their names are made only for the files that end
+// in a group: most candidates leave at the sample stage, and a copy of each path would cost more
+// than the statx.
+struct Seen {
+    size_t candidate;
+    FileStatus status;
+};
 
-size_t distinctFiles(const Bucket& bucket, const std::vector<Duplicates::Record>& records) {
+using Bucket = std::vector<size_t>; // indices into the seen files that may still be copies
+
+size_t distinctFiles(const Bucket& bucket, const std::vector<Seen>& seen) {
+    if (bucket.size() == 2) return seen[bucket[0]].status.number == seen[bucket[1]].status.number ? 1 : 2;
     std::vector<FileNumber> numbers;
+    numbers.reserve(bucket.size());
     for (auto i : bucket)
-        numbers.push_back(records[i].number);
+        numbers.push_back(seen[i].status.number);
     std::ranges::sort(numbers);
     return static_cast<size_t>(std::ranges::distance(numbers.begin(), std::ranges::unique(numbers).begin()));
 }
 
 // Fills in the clone fields. Only file systems that can share blocks are asked for extent maps, and
 // whether one can is asked once per device.
-void readSharing(std::vector<Duplicates::Record>& records, const std::vector<Bucket>& buckets) {
-    std::map<std::int32_t, bool> deviceShares;
-    for (const auto& bucket : buckets)
-        for (auto i : bucket) {
-            auto& r = records[i];
-            r.privateSize = r.allocated;
-            auto known = deviceShares.find(r.number.device);
-            if (known != deviceShares.end() && !known->second) continue;
-            auto opened = openUserEntry(AT_FDCWD, r.path.c_str(), O_RDONLY | O_NONBLOCK);
-            if (!opened) continue;
-            const auto& fd = *opened;
-            if (known == deviceShares.end())
-                known = deviceShares.emplace(r.number.device, fileSystemSharesBlocks(fd.get())).first;
-            if (!known->second) continue;
-            auto extents = sharedExtents(fd.get());
-            if (!extents || extents->empty()) continue;
-            std::int64_t shared = 0;
-            for (const auto& e : *extents)
-                shared += static_cast<std::int64_t>(e.lengthBytes);
-            r.isShared = true;
-            r.cloneID = extents->front().physical;
-            r.sharesAllBlocks = shared >= r.allocated;
-            r.privateSize = std::max<std::int64_t>(0, r.allocated - shared);
-        }
+void readSharing(std::vector<Duplicates::Record>& records, std::map<std::int32_t, bool>& deviceShares) {
+    for (auto& r : records) {
+        r.privateSize = r.allocated;
+        auto known = deviceShares.find(r.number.device);
+        if (known != deviceShares.end() && !known->second) continue;
+        auto opened = openUserEntry(AT_FDCWD, r.path.c_str(), O_RDONLY | O_NONBLOCK);
+        if (!opened) continue;
+        const auto& fd = *opened;
+        if (known == deviceShares.end())
+            known = deviceShares.emplace(r.number.device, fileSystemSharesBlocks(fd.get())).first;
+        if (!known->second) continue;
+        auto extents = sharedExtents(fd.get());
+        if (!extents || extents->empty()) continue;
+        std::int64_t shared = 0;
+        for (const auto& e : *extents)
+            shared += static_cast<std::int64_t>(e.lengthBytes);
+        r.isShared = true;
+        r.cloneID = extents->front().physical;
+        r.sharesAllBlocks = shared >= r.allocated;
+        r.privateSize = std::max<std::int64_t>(0, r.allocated - shared);
+    }
+}
+
+// The folder part of an absolute path ("/" for a file at the root); empty when there is none.
+std::string_view folderOf(std::string_view path) {
+    auto slash = path.rfind('/');
+    if (slash == std::string_view::npos) return {};
+    return path.substr(0, slash == 0 ? 1 : slash);
 }
 
 } // namespace
@@ -123,7 +138,33 @@ std::optional<DuplicateScan> Duplicates::fresh() const {
 }
 
 DuplicateScan Duplicates::scan(std::span<const FileItem> items, CancelFlag& cancel,
-                               const std::function<void(const DuplicateProgress&)>& progress) {
+                               const ProgressFn& progress) {
+    std::vector<Candidate> candidates;
+    candidates.reserve(items.size());
+    for (size_t i = 0; i < items.size(); ++i)
+        candidates.push_back({&items[i].path, items[i].size, i});
+    return scanCandidates(
+        std::move(candidates), [&](size_t i) { return items[i]; }, cancel, progress);
+}
+
+DuplicateScan Duplicates::scan(std::span<const Facts> facts, CancelFlag& cancel, const ProgressFn& progress) {
+    auto counts = [&](const Facts& f) {
+        return !f.isFolder && !f.isPackage && f.size >= options_.smallestSize;
+    };
+    std::unordered_map<std::int64_t, int> sizes;
+    for (const auto& f : facts)
+        if (counts(f)) ++sizes[f.size];
+    std::vector<Candidate> candidates;
+    for (size_t i = 0; i < facts.size(); ++i)
+        if (counts(facts[i]) && sizes[facts[i].size] > 1)
+            candidates.push_back({&facts[i].path, facts[i].size, i});
+    return scanCandidates(
+        std::move(candidates), [&](size_t i) { return toFileItem(facts[i]); }, cancel, progress);
+}
+
+DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
+                                         const std::function<FileItem(size_t source)>& itemOf,
+                                         CancelFlag& cancel, const ProgressFn& progress) {
     std::lock_guard lock(mutex_);
     const auto changesAtStart = changes_.load();
     const auto started = options_.clock();
@@ -132,151 +173,175 @@ DuplicateScan Duplicates::scan(std::span<const FileItem> items, CancelFlag& canc
     out.at = toMilliseconds(started); // the precision a stored scan keeps
     cache_.load();
 
-    bool stopped = false;
-    std::atomic<int> missed{0}; // candidates that could not be read, or changed while being read
     const auto threads =
         options_.threads > 0 ? options_.threads : std::max(1u, std::thread::hardware_concurrency());
-    auto shouldStop = [&] {
-        if (!stopped && (cancel.isCancelled() || options_.clock() > deadline)) stopped = true;
-        return stopped;
+    std::mutex clockMutex; // an injected clock need not be safe to call from two threads
+    Clock clock = [&] {
+        std::lock_guard hold(clockMutex);
+        return options_.clock();
     };
-    auto report = [&](DuplicateProgress::Phase phase, size_t done, size_t total, std::int64_t bytes) {
-        if (progress) progress({phase, done, total, bytes});
+    std::atomic<bool> stopped{false};
+    auto shouldStop = [&] {
+        if (!stopped.load() && (cancel.isCancelled() || clock() > deadline)) stopped = true;
+        return stopped.load();
+    };
+    std::atomic<int> missed{0}; // candidates that could not be read, or changed while being read
+    std::mutex progressMutex;
+    std::int64_t bytesRead = 0; // guarded by progressMutex
+    auto report = [&](DuplicateProgress::Phase phase, size_t done, size_t total, std::int64_t moreBytes) {
+        std::lock_guard hold(progressMutex);
+        bytesRead += moreBytes;
+        if (progress) progress({phase, done, total, bytesRead});
+    };
+    // Runs `work` on every core, this thread among them; each takes its next share from `next`.
+    auto everyCore = [&](size_t shares, const std::function<void(std::atomic<size_t> & next)>& work) {
+        std::atomic<size_t> next{0};
+        auto helpers = std::min<size_t>(threads - 1, shares / 2);
+        std::vector<std::jthread> pool;
+        for (size_t t = 0; t < helpers; ++t)
+            pool.emplace_back([&] { work(next); });
+        work(next);
     };
 
     // 1. Records, read only for files the catalog says share a size with another: a size alone in the
-    //    library cannot have a copy, whatever the file holds now.
+    //    library cannot have a copy, whatever the file holds now. A walk lists a folder's files
+    //    together, so each run of them is looked at through one open folder rather than by walking
+    //    every path from the root again.
     std::unordered_map<std::int64_t, int> listedSizes;
-    for (const auto& item : items)
-        if (item.size >= options_.smallestSize) ++listedSizes[item.size];
-    std::vector<Record> records;
-    std::vector<size_t> itemOf;
-    for (size_t i = 0; i < items.size() && !shouldStop(); ++i) {
-        const auto& item = items[i];
-        if (item.size < options_.smallestSize || listedSizes[item.size] < 2) continue;
-        auto status = fileStatus(item.path);
-        if (!status || !status->isRegular || status->size < options_.smallestSize) continue;
-        Record r;
-        r.path = item.path;
-        r.names = {item.name};
-        r.number = status->number;
-        r.size = status->size;
-        r.allocated = status->allocated;
-        r.linkCount = status->links;
-        r.modified = status->modified;
-        r.born = status->born;
-        records.push_back(std::move(r));
-        itemOf.push_back(i);
-        if (records.size() % 256 == 0) report(DuplicateProgress::Phase::recording, i + 1, items.size(), 0);
+    for (const auto& c : candidates)
+        if (c.size >= options_.smallestSize) ++listedSizes[c.size];
+    std::vector<size_t> wanted;
+    wanted.reserve(candidates.size());
+    for (size_t i = 0; i < candidates.size(); ++i)
+        if (candidates[i].size >= options_.smallestSize && listedSizes[candidates[i].size] >= 2)
+            wanted.push_back(i);
+    std::vector<std::pair<size_t, size_t>> runs; // [begin, end) of `wanted` in one folder
+    for (size_t begin = 0; begin < wanted.size();) {
+        auto folder = folderOf(*candidates[wanted[begin]].path);
+        auto end = begin + 1;
+        while (end < wanted.size() && folderOf(*candidates[wanted[end]].path) == folder)
+            ++end;
+        runs.emplace_back(begin, end);
+        begin = end;
     }
+    std::vector<std::optional<FileStatus>> statuses(wanted.size());
+    std::atomic<size_t> recorded{0};
+    everyCore(runs.size(), [&](std::atomic<size_t>& next) {
+        while (!shouldStop()) {
+            auto k = next.fetch_add(1);
+            if (k >= runs.size()) break;
+            auto [begin, end] = runs[k];
+            auto folder = folderOf(*candidates[wanted[begin]].path);
+            UniqueFd dir(folder.empty()
+                             ? -1
+                             : openatNoAtime(AT_FDCWD, std::string(folder).c_str(), O_PATH | O_DIRECTORY));
+            for (auto i = begin; i < end; ++i) {
+                const auto& path = *candidates[wanted[i]].path;
+                statuses[i] =
+                    dir ? fileStatusAt(dir.get(), path.c_str() + path.rfind('/') + 1) : fileStatus(path);
+            }
+            auto done = recorded.fetch_add(end - begin) + (end - begin);
+            if (done / 256 != (done - (end - begin)) / 256)
+                report(DuplicateProgress::Phase::recording, done, wanted.size(), 0);
+        }
+    });
+    std::vector<Seen> seen;
+    seen.reserve(wanted.size());
+    for (size_t i = 0; i < wanted.size(); ++i)
+        if (statuses[i] && statuses[i]->isRegular && statuses[i]->size >= options_.smallestSize)
+            seen.push_back({wanted[i], *statuses[i]});
+    statuses = {};
+    auto pathOf = [&](size_t i) -> const std::string& { return *candidates[seen[i].candidate].path; };
 
     // 2. Size groups of at least two distinct files (two names of one file are not two copies).
     std::vector<Bucket> buckets;
     {
-        std::vector<size_t> order(records.size());
+        std::vector<size_t> order(seen.size());
         for (size_t i = 0; i < order.size(); ++i)
             order[i] = i;
-        std::ranges::stable_sort(order, {}, [&](size_t i) { return records[i].size; });
+        std::ranges::stable_sort(order, {}, [&](size_t i) { return seen[i].status.size; });
         for (size_t begin = 0; begin < order.size();) {
             size_t end = begin;
-            while (end < order.size() && records[order[end]].size == records[order[begin]].size)
+            while (end < order.size() && seen[order[end]].status.size == seen[order[begin]].status.size)
                 ++end;
             Bucket bucket(order.begin() + begin, order.begin() + end);
-            if (distinctFiles(bucket, records) >= 2) {
+            if (distinctFiles(bucket, seen) >= 2) {
                 out.candidates += static_cast<int>(bucket.size());
                 buckets.push_back(std::move(bucket));
             }
             begin = end;
         }
     }
-    readSharing(records, buckets);
 
     // 3-6. Sample hashes split the size groups, then full hashes split what is left. Each distinct file
-    //      is hashed once, in inode order (the map's), which on most file systems follows the disk.
-    //      Hashing runs on every core: warm, SHA-256 is the cost; cold, two reads in flight keep the
-    //      disk busier than one. The cache is consulted before and written after, on this thread.
-    std::mutex clockMutex; // an injected clock need not be safe to call from two threads
-    Clock clock = [&] {
-        std::lock_guard hold(clockMutex);
-        return options_.clock();
-    };
-    std::mutex progressMutex;
-    std::int64_t bytesRead = 0;
-    std::vector<std::optional<Digest>> digests(records.size());
+    //      is hashed once, in inode order, which on most file systems follows the disk. Hashing runs
+    //      on every core: warm, SHA-256 is the cost; cold, two reads in flight keep the disk busier
+    //      than one. The cache is consulted before and written after, on this thread.
+    std::vector<std::optional<Digest>> digests(seen.size());
     auto refine = [&](HashMode mode, DuplicateProgress::Phase phase) {
-        std::map<FileNumber, std::vector<size_t>> work; // file -> its names among the records
+        // Each file with its names among the seen, in inode order.
+        std::vector<std::pair<FileNumber, size_t>> byNumber;
         for (const auto& bucket : buckets)
             for (auto i : bucket)
-                work[records[i].number].push_back(i);
+                byNumber.emplace_back(seen[i].status.number, i);
+        std::ranges::sort(byNumber);
+        std::vector<std::pair<size_t, size_t>> files; // [begin, end) of byNumber: one file's names
+        for (size_t begin = 0; begin < byNumber.size();) {
+            auto end = begin + 1;
+            while (end < byNumber.size() && byNumber[end].first == byNumber[begin].first)
+                ++end;
+            files.emplace_back(begin, end);
+            begin = end;
+        }
         std::ranges::fill(digests, std::nullopt);
-        auto statusOf = [&](const Record& r) {
-            return FileStatus{true, r.number, r.size, r.allocated, r.modified, r.born, r.linkCount};
-        };
-        std::vector<const std::vector<size_t>*> toHash;
-        for (const auto& [number, names] : work) {
-            auto asRecorded = statusOf(records[names.front()]);
+        std::vector<std::pair<size_t, size_t>> toHash;
+        for (auto [begin, end] : files) {
+            const auto& asRecorded = seen[byNumber[begin].second].status;
             std::optional<Digest> known;
-            for (auto i : names)
-                if (auto* kept = cache_.valid(records[i].path, asRecorded)) {
+            for (auto k = begin; k < end && !known; ++k)
+                if (auto* kept = cache_.valid(pathOf(byNumber[k].second), asRecorded))
                     known = mode == HashMode::sample ? kept->sample : kept->full;
-                    if (known) break;
-                }
             if (!known) {
-                toHash.push_back(&names);
+                toHash.emplace_back(begin, end);
                 continue;
             }
-            for (auto i : names) {
-                digests[i] = known;
-                cache_.store(records[i].path, asRecorded, mode, *known);
+            for (auto k = begin; k < end; ++k) {
+                digests[byNumber[k].second] = known;
+                cache_.store(pathOf(byNumber[k].second), asRecorded, mode, *known);
             }
         }
 
         std::vector<std::optional<Digest>> made(toHash.size());
-        std::atomic<size_t> nextFile{0};
-        std::atomic<bool> stop{stopped};
-        size_t done = work.size() - toHash.size();
-        auto hashSome = [&] {
+        std::atomic<size_t> done{files.size() - toHash.size()};
+        everyCore(toHash.size(), [&](std::atomic<size_t>& next) {
             FingerprintReader reader(clock, deadline, &cancel);
             std::int64_t reported = 0;
-            while (!stop.load()) {
-                if (cancel.isCancelled() || clock() > deadline) {
-                    stop = true;
-                    break;
-                }
-                auto k = nextFile.fetch_add(1);
+            while (!shouldStop()) {
+                auto k = next.fetch_add(1);
                 if (k >= toHash.size()) break;
-                const auto& first = records[toHash[k]->front()];
-                auto result = reader.hash(first.path, {first.number, first.size, first.modified}, mode);
+                auto first = byNumber[toHash[k].first].second;
+                const auto& status = seen[first].status;
+                auto result = reader.hash(pathOf(first), {status.number, status.size, status.modified}, mode);
                 if (result) {
                     made[k] = *result;
                 } else if (result.error() == FingerprintReader::Miss::pastDeadline ||
                            result.error() == FingerprintReader::Miss::cancelled) {
-                    stop = true;
+                    stopped = true;
                 } else if (result.error() != FingerprintReader::Miss::notRegular) {
                     // Unreadable, or changed under the scan: its copies, if any, are not known.
                     missed.fetch_add(1);
                 }
-                std::lock_guard hold(progressMutex);
-                bytesRead += reader.bytesRead() - reported;
+                report(phase, done.fetch_add(1) + 1, files.size(), reader.bytesRead() - reported);
                 reported = reader.bytesRead();
-                ++done;
-                report(phase, done, work.size(), bytesRead);
             }
-        };
-        auto helpers = std::min<size_t>(threads > 0 ? threads - 1 : 0, toHash.size() / 2);
-        {
-            std::vector<std::jthread> pool;
-            for (size_t t = 0; t < helpers; ++t)
-                pool.emplace_back(hashSome);
-            hashSome();
-        }
-        if (stop.load()) stopped = true;
+        });
         for (size_t k = 0; k < toHash.size(); ++k) {
             if (!made[k]) continue;
-            auto asRecorded = statusOf(records[toHash[k]->front()]);
-            for (auto i : *toHash[k]) {
-                digests[i] = made[k];
-                cache_.store(records[i].path, asRecorded, mode, *made[k]);
+            auto [begin, end] = toHash[k];
+            const auto& asRecorded = seen[byNumber[begin].second].status;
+            for (auto n = begin; n < end; ++n) {
+                digests[byNumber[n].second] = made[k];
+                cache_.store(pathOf(byNumber[n].second), asRecorded, mode, *made[k]);
             }
         }
 
@@ -287,7 +352,7 @@ DuplicateScan Duplicates::scan(std::span<const FileItem> items, CancelFlag& canc
             for (auto i : bucket)
                 if (digests[i]) byDigest[*digests[i]].push_back(i);
             for (auto& [digest, part] : byDigest)
-                if (distinctFiles(part, records) >= 2) next.push_back(std::move(part));
+                if (distinctFiles(part, seen) >= 2) next.push_back(std::move(part));
         }
         buckets = std::move(next);
     };
@@ -299,18 +364,31 @@ DuplicateScan Duplicates::scan(std::span<const FileItem> items, CancelFlag& canc
     }
 
     std::vector<std::pair<DuplicateGroup, DuplicateSharing>> found;
+    std::map<std::int32_t, bool> deviceShares;
     for (const auto& bucket : buckets) {
-        const auto& first = records[bucket.front()];
+        const auto& first = seen[bucket.front()].status;
         DuplicateGroup group{hexOf(*digests[bucket.front()]), first.size, {}};
+        std::vector<Record> copies;
         for (auto i : bucket) {
-            auto item = items[itemOf[i]];
-            item.size = records[i].size;
+            const auto& s = seen[i].status;
+            auto item = itemOf(candidates[seen[i].candidate].source);
+            item.size = s.size;
+            copies.push_back(Record{pathOf(i),
+                                    {item.name},
+                                    s.number,
+                                    s.size,
+                                    s.allocated,
+                                    0,
+                                    s.links,
+                                    0,
+                                    false,
+                                    false,
+                                    s.modified,
+                                    s.born});
             group.items.push_back(std::move(item));
         }
         std::ranges::sort(group.items, {}, &FileItem::path);
-        std::vector<Record> copies;
-        for (auto i : bucket)
-            copies.push_back(records[i]);
+        readSharing(copies, deviceShares);
         auto sharing = sharingOf(group.fingerprint, group.size, copies);
         found.emplace_back(std::move(group), std::move(sharing));
     }
@@ -336,9 +414,10 @@ DuplicateScan Duplicates::scan(std::span<const FileItem> items, CancelFlag& canc
                             std::chrono::duration_cast<std::chrono::seconds>(options_.timeLimit).count())}}));
     if (out.missed > 0) notes.push_back(fillIn(filesMissedNote, {{"count", groupedCount(out.missed)}}));
     if (!stopped) {
-        std::unordered_set<std::string> paths;
-        for (const auto& item : items)
-            paths.insert(item.path);
+        std::unordered_set<std::string_view> paths;
+        paths.reserve(candidates.size());
+        for (const auto& c : candidates)
+            paths.insert(*c.path);
         cache_.keepOnly(paths);
     }
     if (auto saved = cache_.save(); !saved)

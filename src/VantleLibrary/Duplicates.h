@@ -106,10 +106,15 @@ class Duplicates {
 
     explicit Duplicates(Options options);
 
+    using ProgressFn = std::function<void(const DuplicateProgress&)>;
+
     // Scans `items` (regular files; others are skipped). Stops at the time limit or when `cancel` is
     // set, returning the groups found so far with isComplete false.
-    DuplicateScan scan(std::span<const FileItem> items, CancelFlag& cancel,
-                       const std::function<void(const DuplicateProgress&)>& progress = {});
+    DuplicateScan scan(std::span<const FileItem> items, CancelFlag& cancel, const ProgressFn& progress = {});
+
+    // The same over a catalog reading, taking candidatesOf's files: an item is made only for a file
+    // that ends in a group, so a library of tens of thousands of files costs no copy of each.
+    DuplicateScan scan(std::span<const Facts> facts, CancelFlag& cancel, const ProgressFn& progress = {});
 
     // The files of a catalog reading worth giving to scan(): regular files (not folders or app
     // bundles) at least `smallestSize` long whose size another such file shares.
@@ -130,6 +135,16 @@ class Duplicates {
     void noteChanges() { changes_.fetch_add(1); }
 
   private:
+    // A file to look at: its path and listed size, and where it came from in the caller's list.
+    struct Candidate {
+        const std::string* path;
+        std::int64_t size;
+        size_t source;
+    };
+    DuplicateScan scanCandidates(std::vector<Candidate> candidates,
+                                 const std::function<FileItem(size_t source)>& itemOf, CancelFlag& cancel,
+                                 const ProgressFn& progress);
+
     mutable std::mutex mutex_;
     Options options_;
     FingerprintCache cache_;

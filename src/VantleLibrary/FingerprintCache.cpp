@@ -6,6 +6,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <charconv>
 #include <limits>
 
 namespace vantle {
@@ -137,6 +138,89 @@ class CacheReader : public nlohmann::json_sax<nlohmann::json> {
     bool bad_ = false;
 };
 
+// Well-formed UTF-8 as JSON text must be: no overlong forms, surrogates or code points past U+10FFFF.
+bool validUtf8(std::string_view text) {
+    static constexpr std::uint32_t least[] = {0, 0, 0x80, 0x800, 0x10000};
+    for (size_t i = 0; i < text.size();) {
+        auto c = static_cast<unsigned char>(text[i]);
+        size_t n = c < 0x80             ? 1
+                   : (c & 0xE0) == 0xC0 ? 2
+                   : (c & 0xF0) == 0xE0 ? 3
+                   : (c & 0xF8) == 0xF0 ? 4
+                                        : 0;
+        if (n == 0 || i + n > text.size()) return false;
+        if (n > 1) {
+            std::uint32_t point = c & (0x7F >> n);
+            for (size_t k = 1; k < n; ++k) {
+                auto d = static_cast<unsigned char>(text[i + k]);
+                if ((d & 0xC0) != 0x80) return false;
+                point = point << 6 | (d & 0x3F);
+            }
+            if (point < least[n] || point > 0x10FFFF || (point >= 0xD800 && point <= 0xDFFF)) return false;
+        }
+        i += n;
+    }
+    return true;
+}
+
+// Reads the file as save() writes it, with no general parser: one pass over the text, no value
+// built but the entries themselves, which makes reading the cache a small part of an unchanged
+// rescan. Anything it does not expect (spaces, fields in another order, an escape in a path, a digest
+// that is not one) answers false, and the general reader reads the file instead, with its rules for
+// damaged entries.
+bool readOwnFormat(std::string_view text, std::unordered_map<std::string, Fingerprint>& into) {
+    size_t at = 0;
+    auto eat = [&](std::string_view literal) {
+        if (text.substr(at, literal.size()) != literal) return false;
+        at += literal.size();
+        return true;
+    };
+    auto integer = [&](auto& out) {
+        if (at < text.size() && text[at] == '0' && at + 1 < text.size() && text[at + 1] >= '0' &&
+            text[at + 1] <= '9')
+            return false; // a leading zero is not JSON
+        auto [end, error] = std::from_chars(text.data() + at, text.data() + text.size(), out);
+        if (error != std::errc{}) return false;
+        at = static_cast<size_t>(end - text.data());
+        return true;
+    };
+    auto digest = [&](std::optional<Digest>& out) {
+        if (text.size() - at < 65 || text[at + 64] != '"') return false;
+        out = digestFromHex(text.substr(at, 64));
+        at += 65;
+        return out.has_value();
+    };
+    if (!eat("{")) return false;
+    if (!eat("}")) {
+        for (;;) {
+            if (!eat("\"")) return false;
+            auto close = text.find('"', at);
+            if (close == std::string_view::npos) return false;
+            auto path = text.substr(at, close - at);
+            bool ascii = true;
+            for (unsigned char c : path) {
+                if (c < 0x20 || c == '\\') return false;
+                ascii = ascii && c < 0x80;
+            }
+            if (!ascii && !validUtf8(path)) return false;
+            at = close + 1;
+            Fingerprint f;
+            if (!eat(":{\"size\":") || !integer(f.size) || !eat(",\"modified\":") || !integer(f.modified) ||
+                !eat(",\"inode\":") || !integer(f.inode))
+                return false;
+            if (eat(",\"sample\":\"") && !digest(f.sample)) return false;
+            if (eat(",\"full\":\"") && !digest(f.full)) return false;
+            if (!eat("}")) return false;
+            into.insert_or_assign(!ascii && mayHoldEscapes(path) ? unescapeBytes(path) : std::string(path),
+                                  f);
+            if (eat(",\n")) continue;
+            if (eat("}")) break;
+            return false;
+        }
+    }
+    return text.find_first_not_of(" \t\r\n", at) == std::string_view::npos;
+}
+
 } // namespace
 
 void FingerprintCache::load() {
@@ -151,6 +235,9 @@ void FingerprintCache::load() {
         if (text.error().what != KeptFileFailure::Case::missing) changed_ = true; // replaced at the next save
         return;
     }
+    fingerprints_.reserve(text->size() / 200);
+    if (readOwnFormat(*text, fingerprints_)) return;
+    fingerprints_.clear();
     CacheReader reader(fingerprints_);
     nlohmann::json::sax_parse(*text, &reader);
     // An entry we cannot read is dropped, and the file rewritten without it.
@@ -177,7 +264,7 @@ void FingerprintCache::store(const std::string& path, const FileStatus& status, 
     changed_ = true;
 }
 
-void FingerprintCache::keepOnly(const std::unordered_set<std::string>& paths) {
+void FingerprintCache::keepOnly(const std::unordered_set<std::string_view>& paths) {
     auto removed =
         std::erase_if(fingerprints_, [&](const auto& entry) { return !paths.contains(entry.first); });
     if (removed > 0) changed_ = true;
@@ -186,16 +273,41 @@ void FingerprintCache::keepOnly(const std::unordered_set<std::string>& paths) {
 std::expected<void, std::string> FingerprintCache::save() {
     if (!changed_ || cacheFile_.empty()) return {};
     // Written by hand: every entry has the same few fields, and a tree of tens of thousands of small
-    // objects costs more to build than the text does.
+    // objects costs more to build than the text does. Most paths need no escape and go in as they are.
     std::string text = "{";
     text.reserve(fingerprints_.size() * 260);
+    char number[24];
+    auto append = [&](auto value) {
+        auto end = std::to_chars(number, number + sizeof number, value).ptr;
+        text.append(number, end);
+    };
+    auto plain = [](std::string_view path) {
+        for (unsigned char c : path)
+            if (c < 0x20 || c == '"' || c == '\\' || c >= 0x80) return false;
+        return true;
+    };
     for (const auto& [path, f] : fingerprints_) {
         if (text.size() > 1) text += ",\n";
-        text += nlohmann::json(escapeBytes(path)).dump();
-        text += ":{\"size\":" + std::to_string(f.size) + ",\"modified\":" + std::to_string(f.modified) +
-                ",\"inode\":" + std::to_string(f.inode);
-        if (f.sample) text += ",\"sample\":\"" + hexOf(*f.sample) + '"';
-        if (f.full) text += ",\"full\":\"" + hexOf(*f.full) + '"';
+        if (plain(path)) {
+            text += '"';
+            text += path;
+            text += '"';
+        } else {
+            text += nlohmann::json(escapeBytes(path)).dump();
+        }
+        text += ":{\"size\":";
+        append(f.size);
+        text += ",\"modified\":";
+        append(f.modified);
+        text += ",\"inode\":";
+        append(f.inode);
+        for (auto [key, digest] :
+             {std::pair{",\"sample\":\"", &f.sample}, std::pair{",\"full\":\"", &f.full}})
+            if (*digest) {
+                text += key;
+                text += hexOf(**digest);
+                text += '"';
+            }
         text += '}';
     }
     text += "}\n";

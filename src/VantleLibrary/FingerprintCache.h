@@ -8,6 +8,7 @@
 #include <expected>
 #include <filesystem>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -30,7 +31,7 @@ class FingerprintCache {
     void store(const std::string& path, const FileStatus& status, HashMode mode, const Digest& digest);
 
     // Drops every entry whose path is not in `paths`.
-    void keepOnly(const std::unordered_set<std::string>& paths);
+    void keepOnly(const std::unordered_set<std::string_view>& paths);
 
     // Writes the file atomically when something changed since it was read or last saved; the error is
     // the system's description.

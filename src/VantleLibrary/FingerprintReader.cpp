@@ -58,6 +58,10 @@ std::optional<FileStatus> fileStatus(int fd) {
     return statusAt(fd, "", AT_EMPTY_PATH);
 }
 
+std::optional<FileStatus> fileStatusAt(int dirFd, const char* name) {
+    return statusAt(dirFd, name, 0);
+}
+
 std::vector<ByteRange> sampleRanges(std::int64_t size) {
     auto slice = std::min(size, sampleSliceBytes);
     auto middle = std::max<std::int64_t>(0, size / 2 - sampleSliceBytes / 2);

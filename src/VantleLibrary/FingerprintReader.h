@@ -43,6 +43,8 @@ struct FileStatus {
 };
 std::optional<FileStatus> fileStatus(const std::filesystem::path& path);
 std::optional<FileStatus> fileStatus(int fd);
+// `name` beneath the open folder `dirFd`: one statx with no walk down the whole path.
+std::optional<FileStatus> fileStatusAt(int dirFd, const char* name);
 
 // Head, middle and tail slices, always three, overlapping (even identical) for small files so that
 // every size has one well-defined sample.

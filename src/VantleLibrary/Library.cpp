@@ -94,8 +94,7 @@ DuplicateScan Library::findDuplicates(CancelFlag& cancel,
     if (auto fresh = duplicates_.fresh()) return *fresh;
     std::optional<Catalog::Result> own;
     if (!read) read = &own.emplace(catalog_.read(cancel));
-    auto candidates = Duplicates::candidatesOf(read->snapshot->facts);
-    auto scan = duplicates_.scan(candidates, cancel, progress);
+    auto scan = duplicates_.scan(std::span<const Facts>(read->snapshot->facts), cancel, progress);
     // Files the catalog could not see may have copies too.
     if (auto partial = read->reading.note()) {
         scan.isComplete = false;
