@@ -366,3 +366,29 @@ TEST(DuplicateScan, NamesThatAreNotUtf8AreKnownOnTheSecondScan) {
     ASSERT_TRUE(back) << back.error();
     EXPECT_EQ(back->groups, second.groups);
 }
+
+TEST(DuplicateScan, FilesOfOneNameInSeveralFoldersAreEachLookedAtInTheirOwnFolder) {
+    // Listed interleaved, as a merged listing could give them: each run of one folder is read
+    // through that folder, never through the folder of the run before it.
+    TempDir dir;
+    auto content = patterned(40'000, 11);
+    auto other = patterned(40'000, 12);
+    dir.write("one/same", other);
+    dir.write("two/same", content);
+    dir.write("one/caf\xc3\xa9", content); // valid UTF-8 beyond ASCII, as most homes hold
+    std::vector<FileItem> items{itemFor(dir / "one/same"), itemFor(dir / "two/same"),
+                                itemFor(dir / "one/caf\xc3\xa9")};
+    auto cacheFile = dir / "Library/fingerprints.json";
+    CancelFlag cancel;
+    auto first = Duplicates({cacheFile, 45s, 1, systemClock()}).scan(items, cancel);
+    EXPECT_TRUE(first.isComplete);
+    EXPECT_EQ(first.missed, 0);
+    EXPECT_EQ(namesByGroup(first), (std::set<std::set<std::string>>{{"same", "caf\xc3\xa9"}}));
+    ASSERT_EQ(first.groups.size(), 1u);
+    EXPECT_EQ(first.groups[0].fingerprint, sha256Hex(content));
+
+    // A fresh finder reads every kept hash back, the accented name's too.
+    auto second = Duplicates({cacheFile, 45s, 1, systemClock()}).scan(items, cancel);
+    EXPECT_EQ(second.bytesRead, 0);
+    EXPECT_EQ(second.groups, first.groups);
+}
