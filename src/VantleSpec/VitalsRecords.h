@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace vantle {
@@ -112,6 +113,21 @@ struct VitalsSnapshot {
 VANTLE_ENUM_NAMES(VitalsSnapshot::Pressure, "normal", "warning", "critical")
 VANTLE_ENUM_NAMES(VitalsSnapshot::Thermal, "nominal", "fair", "serious", "critical")
 VANTLE_ENUM_NAMES(VitalsSnapshot::CoreKind, "performance", "efficiency", "unknown")
+
+// How a thermal state reads to the user, wherever the heat is shown.
+constexpr std::string_view heatWord(VitalsSnapshot::Thermal thermal) {
+    switch (thermal) {
+    case VitalsSnapshot::Thermal::nominal:
+        return "Cool";
+    case VitalsSnapshot::Thermal::fair:
+        return "Warm";
+    case VitalsSnapshot::Thermal::serious:
+        return "Hot";
+    case VitalsSnapshot::Thermal::critical:
+        return "Very hot";
+    }
+    return {};
+}
 VANTLE_RECORD_JSON(VitalsSnapshot::CPU, total, perCore, kinds, performanceCores, efficiencyCores)
 VANTLE_RECORD_JSON(VitalsSnapshot::Memory, totalBytes, usedBytes, appBytes, wiredBytes, compressedBytes,
                    swapUsedBytes, pressure)

@@ -181,8 +181,7 @@ CheckupSection performanceSection(const CheckupFacts& f, const Opt& o, Findings&
         Status s = *f.thermal >= T::serious ? Status::attention
                    : *f.thermal == T::fair  ? Status::note
                                             : Status::good;
-        const char* words[] = {"Cool", "Warm", "Hot", "Very hot"};
-        a.reading("heat", "Heat", words[int(*f.thermal)],
+        a.reading("heat", "Heat", std::string(heatWord(*f.thermal)),
                   "The hottest thermal zone against its own trip points.", heatWhy, s, "/sys/class/thermal",
                   s == Status::good ? std::nullopt : std::optional<Action>(Action{Kind::showActivity, {}}));
         if (s == Status::attention)

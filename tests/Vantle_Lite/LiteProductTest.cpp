@@ -7,12 +7,22 @@
 using namespace vantle;
 using vantle::testing::TempDir;
 
-TEST(LiteProduct, HealthRecordChoiceIsKeptInTheSettingsAndOffUntilChosen) {
-    TempDir dir;
+namespace {
+
+// A product over a sandbox in `dir`, whose home is the sandbox rule's one allowed folder.
+VantleLite::Options sandboxedProductOptions(TempDir& dir) {
     dir.mkdir("home");
     VantleLite::Options options;
     options.sandbox = dir / "box";
     options.sandboxRule = SandboxRule{{dir / "home"}};
+    return options;
+}
+
+} // namespace
+
+TEST(LiteProduct, HealthRecordChoiceIsKeptInTheSettingsAndOffUntilChosen) {
+    TempDir dir;
+    auto options = sandboxedProductOptions(dir);
     {
         auto product = LiteProduct::make(*VantleLite::make(options));
         EXPECT_FALSE(product->keepsHealthRecord());
@@ -25,10 +35,7 @@ TEST(LiteProduct, HealthRecordChoiceIsKeptInTheSettingsAndOffUntilChosen) {
 
 TEST(LiteProduct, HealthRecordWasNotKeptWhileTheProgramRan) {
     TempDir dir;
-    dir.mkdir("home");
-    VantleLite::Options options;
-    options.sandbox = dir / "box";
-    options.sandboxRule = SandboxRule{{dir / "home"}};
+    auto options = sandboxedProductOptions(dir);
     auto minutesKept = [&] {
         return VantleLite::make(options)->healthRecord->latest(HealthRecord::Table::minutes);
     };
@@ -45,19 +52,14 @@ TEST(LiteProduct, HealthRecordWasNotKeptWhileTheProgramRan) {
     EXPECT_TRUE(minutesKept()) << "the record is kept while the program runs and the choice is on";
 
     TempDir off;
-    off.mkdir("home");
-    options.sandbox = off / "box";
-    options.sandboxRule = SandboxRule{{off / "home"}};
+    options = sandboxedProductOptions(off);
     { auto program = LiteProduct::make(*VantleLite::make(options)); }
     EXPECT_FALSE(minutesKept()) << "nothing is written until the user turns the record on";
 }
 
 TEST(LiteProduct, BalanceAsksNamingWhatIsTickedThenUndoPutsTheMovesBackOnEveryCore) {
     TempDir dir;
-    dir.mkdir("home");
-    VantleLite::Options options;
-    options.sandbox = dir / "box";
-    options.sandboxRule = SandboxRule{{dir / "home"}};
+    auto options = sandboxedProductOptions(dir);
     auto product = LiteProduct::make(*VantleLite::make(options), LiteProduct::Lifetime::oneCommand);
 
     auto before = LiteProduct::readLoad(product->live());
@@ -101,10 +103,7 @@ TEST(LiteProduct, BalanceAsksNamingWhatIsTickedThenUndoPutsTheMovesBackOnEveryCo
 
 TEST(LiteProduct, QuittingABusyProcessAsksWithItsShareOfACoreAndItsMemoryFirst) {
     TempDir dir;
-    dir.mkdir("home");
-    VantleLite::Options options;
-    options.sandbox = dir / "box";
-    options.sandboxRule = SandboxRule{{dir / "home"}};
+    auto options = sandboxedProductOptions(dir);
     auto product = LiteProduct::make(*VantleLite::make(options), LiteProduct::Lifetime::oneCommand);
     auto running = product->live().processes->processes();
     auto target = std::ranges::find_if(running, [](const StandInProcess& p) { return !p.asksToSave; });

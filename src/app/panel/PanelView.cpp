@@ -4,6 +4,7 @@
 #include "VantleSpec/Figures.h"
 #include "Vantle_Lite/BusyProcess.h"
 #include "app/bridge/ProductBridge.h"
+#include "app/design/Labels.h"
 #include "app/design/Symbols.h"
 #include "app/pages/home/FileListModel.h"
 
@@ -55,13 +56,6 @@ QLabel* sectionTitle(const QString& text) {
     font.setPointSizeF(font.pointSizeF() - 1);
     label->setFont(font);
     label->setForegroundRole(QPalette::PlaceholderText);
-    return label;
-}
-
-QLabel* quiet(const QString& text = {}) {
-    auto* label = new QLabel(text);
-    label->setForegroundRole(QPalette::PlaceholderText);
-    label->setWordWrap(true);
     return label;
 }
 
@@ -153,10 +147,10 @@ PanelView::PanelView(ProductBridge& bridge, QWidget* parent)
     connect(files_, &QListWidget::currentRowChanged, this, &PanelView::updateHint);
     connect(files_, &QListWidget::itemActivated, this, [this] { actOnSelection(Qt::NoModifier); });
     column->addWidget(files_);
-    filesNote_ = quiet(readingDownloads);
+    filesNote_ = mutedLabel(readingDownloads);
     filesNote_->setObjectName("filesNote");
     column->addWidget(filesNote_);
-    hint_ = quiet(hintLine);
+    hint_ = mutedLabel(hintLine);
     hint_->setObjectName("hint");
     auto hintFont = hint_->font();
     hintFont.setPointSizeF(hintFont.pointSizeF() - 1);
@@ -186,7 +180,7 @@ PanelView::PanelView(ProductBridge& bridge, QWidget* parent)
     busyRows_->setContentsMargins(0, 0, 0, 0);
     busyRows_->setSpacing(8);
     column->addWidget(busyBox_);
-    busyNote_ = quiet(readingRunning);
+    busyNote_ = mutedLabel(readingRunning);
     busyNote_->setObjectName("busyNote");
     column->addWidget(busyNote_);
 
@@ -221,11 +215,11 @@ PanelView::PanelView(ProductBridge& bridge, QWidget* parent)
     column->addWidget(question_);
 
     column->addStretch(1);
-    said_ = quiet();
+    said_ = mutedLabel();
     said_->setObjectName("panelResult");
     said_->hide();
     column->addWidget(said_);
-    reading_ = quiet(lookingOver);
+    reading_ = mutedLabel(lookingOver);
     reading_->setObjectName("reading");
     column->addWidget(reading_);
     auto* open = new QPushButton(symbolIcon("arrow.up.forward.app"), "Open Vantle Lite");
@@ -482,11 +476,11 @@ void PanelView::showBusy(const ActivitySample& sample) {
         bold.setBold(true);
         name->setFont(bold);
         auto memory = process.memory ? process.memory : process.realMemory;
-        auto* figures = quiet(QString("%1% of a core · %2")
-                                  .arg(qt(wholeNumber(process.cpuPercent, 0, 1e6)))
-                                  .arg(qt(memoryBytes(std::int64_t(memory)))));
+        auto* figures = mutedLabel(QString("%1% of a core · %2")
+                                       .arg(qt(wholeNumber(process.cpuPercent, 0, 1e6)))
+                                       .arg(qt(memoryBytes(std::int64_t(memory)))));
         figures->setWordWrap(false);
-        auto* sentence = quiet(qt(busySentence(process, sample.agents)));
+        auto* sentence = mutedLabel(qt(busySentence(process, sample.agents)));
         sentence->setObjectName("busySentence");
         auto small = sentence->font();
         small.setPointSizeF(small.pointSizeF() - 1);

@@ -1,10 +1,11 @@
 #include "app/pages/health/HealthPage.h"
 
-#include "Vantle_Lite/BusyProcess.h"
 #include "VantleSpec/ByteCount.h"
 #include "VantleSpec/Figures.h"
+#include "Vantle_Lite/BusyProcess.h"
 #include "app/bridge/ProductBridge.h"
 #include "app/design/Gauges.h"
+#include "app/design/Labels.h"
 #include "app/design/Symbols.h"
 #include "app/pages/health/HistoryChart.h"
 
@@ -67,39 +68,11 @@ QLabel* cardTitle(const QString& words, int delta = 2) {
     return label;
 }
 
-QLabel* muted(const QString& words = {}) {
-    auto* label = new QLabel(words);
-    label->setWordWrap(true);
-    label->setForegroundRole(QPalette::PlaceholderText);
-    return label;
-}
-
+// "Excellent", "Good", ...: the grade's own name, as a heading.
 QString gradeWord(HealthScore::Grade grade) {
-    switch (grade) {
-    case HealthScore::Grade::excellent:
-        return "Excellent";
-    case HealthScore::Grade::good:
-        return "Good";
-    case HealthScore::Grade::fair:
-        return "Fair";
-    case HealthScore::Grade::poor:
-        return "Poor";
-    }
-    return {};
-}
-
-QString heatWord(VitalsSnapshot::Thermal thermal) {
-    switch (thermal) {
-    case VitalsSnapshot::Thermal::nominal:
-        return "Cool";
-    case VitalsSnapshot::Thermal::fair:
-        return "Warm";
-    case VitalsSnapshot::Thermal::serious:
-        return "Hot";
-    case VitalsSnapshot::Thermal::critical:
-        return "Very hot";
-    }
-    return {};
+    auto word = text(nameOf(grade));
+    word[0] = word[0].toUpper();
+    return word;
 }
 
 QString pressureWords(VitalsSnapshot::Pressure pressure) {
@@ -237,7 +210,7 @@ QWidget* HealthPage::makeScoreCard() {
     auto* reasons = new QVBoxLayout;
     reasons->setSpacing(8);
     reasons->addWidget(cardTitle("Health score"));
-    scoreLine_ = muted(readingSentence);
+    scoreLine_ = mutedLabel(readingSentence);
     scoreLine_->setObjectName("scoreLine");
     reasons->addWidget(scoreLine_);
     penalties_ = new QVBoxLayout;
@@ -250,7 +223,7 @@ QWidget* HealthPage::makeScoreCard() {
     how->setAutoRaise(true);
     how->setToolButtonStyle(Qt::ToolButtonTextBesideIcon);
     how->setArrowType(Qt::RightArrow);
-    explanation_ = muted();
+    explanation_ = mutedLabel();
     explanation_->setObjectName("explanation");
     explanation_->setTextFormat(Qt::RichText);
     {
@@ -294,7 +267,7 @@ QWidget* HealthPage::makeGaugesCard() {
         font.setBold(true);
         heading->setFont(font);
         heading->setAlignment(Qt::AlignHCenter);
-        auto* line = muted();
+        auto* line = mutedLabel();
         line->setAlignment(Qt::AlignHCenter | Qt::AlignTop);
         line->setMinimumHeight(line->fontMetrics().lineSpacing() * 2);
         stack->addWidget(ring, 0, Qt::AlignHCenter);
@@ -341,7 +314,7 @@ QWidget* HealthPage::makeHistoryCard() {
     historyColumn->addLayout(historyHead);
     chart_ = new HistoryChart;
     historyColumn->addWidget(chart_);
-    auto* legend = muted();
+    auto* legend = mutedLabel();
     legend->setTextFormat(Qt::RichText);
     auto swatch = [](const QColor& c, const QString& words) {
         return QString("<span style='color:%1'>■</span>&nbsp;%2").arg(c.name(), words);
@@ -356,7 +329,7 @@ QWidget* HealthPage::makeHistoryCard() {
     historyLine_->setWordWrap(true);
     historyColumn->addWidget(historyLine_);
     auto* emptyRow = new QHBoxLayout;
-    historyEmpty_ = muted();
+    historyEmpty_ = mutedLabel();
     historyEmpty_->setObjectName("historyEmpty");
     keepRecord_ = new QPushButton("Keep a Record");
     keepRecord_->setObjectName("keepRecord");
@@ -420,7 +393,7 @@ QWidget* HealthPage::makeBalanceCard() {
     auto* idle = new QWidget;
     auto* idleColumn = new QVBoxLayout(idle);
     idleColumn->setContentsMargins(0, 0, 0, 0);
-    auto* line = muted(balanceLine);
+    auto* line = mutedLabel(balanceLine);
     idleColumn->addWidget(line);
     auto* start = new QPushButton("Balance the Load…");
     start->setObjectName("balanceStart");
@@ -533,7 +506,7 @@ QWidget* HealthPage::makeCheckupCard() {
     checkupLine_->setObjectName("checkupLine");
     checkupLine_->setWordWrap(true);
     checkupColumn->addWidget(checkupLine_);
-    checkupNote_ = muted();
+    checkupNote_ = mutedLabel();
     checkupNote_->setObjectName("checkupNote");
     checkupNote_->hide();
     checkupColumn->addWidget(checkupNote_);
@@ -642,7 +615,7 @@ void HealthPage::apply(const Reading& r) {
     }
     // Heat
     double heat = (int(s.thermal) + 1) / 4.0;
-    gauges_[3]->set(heat, heatWord(s.thermal), {}, s.thermal >= VitalsSnapshot::Thermal::serious);
+    gauges_[3]->set(heat, text(heatWord(s.thermal)), {}, s.thermal >= VitalsSnapshot::Thermal::serious);
     gaugeLines_[3]->setText(s.thermal == VitalsSnapshot::Thermal::nominal ? "nothing is slowed"
                             : s.thermal == VitalsSnapshot::Thermal::fair  ? "nothing is slowed yet"
                                                                           : "the chip is slowed to cool it");
@@ -702,7 +675,7 @@ void HealthPage::showScore() {
         line->setWordWrap(true);
         words->addWidget(line);
         if (penalty.help) {
-            auto* help = muted(QString::fromStdString(*penalty.help));
+            auto* help = mutedLabel(QString::fromStdString(*penalty.help));
             help->setObjectName("penaltyHelp");
             words->addWidget(help);
         }
@@ -1058,7 +1031,7 @@ void HealthPage::showCheckup() {
         auto* detail = new QLabel(QString::fromStdString(f.detail));
         detail->setWordWrap(true);
         words->addWidget(detail);
-        if (!f.why.empty()) words->addWidget(muted(QString::fromStdString(f.why)));
+        if (!f.why.empty()) words->addWidget(mutedLabel(QString::fromStdString(f.why)));
         row->addWidget(icon, 0, Qt::AlignTop);
         row->addLayout(words, 1);
         if (f.action) {
@@ -1110,7 +1083,7 @@ void HealthPage::showCheckup() {
                            names.join(", ");
         }
         if (!figures.isEmpty()) {
-            auto* list = muted(figures.join("<br>"));
+            auto* list = mutedLabel(figures.join("<br>"));
             list->setTextFormat(Qt::RichText);
             col->addWidget(list);
         }

@@ -3,6 +3,7 @@
 #include "VantleLiteLive/Opener.h"
 #include "VantleLiteLive/VantleLite.h"
 #include "app/bridge/ProductBridge.h"
+#include "app/design/Labels.h"
 #include "app/design/Symbols.h"
 
 #include <QCheckBox>
@@ -55,13 +56,6 @@ QVBoxLayout* group(QVBoxLayout* page, const QString& heading, const char* icon) 
     return rows;
 }
 
-QLabel* line(const QString& text) {
-    auto* label = new QLabel(text);
-    label->setWordWrap(true);
-    label->setForegroundRole(QPalette::PlaceholderText);
-    return label;
-}
-
 } // namespace
 
 SettingsPage::SettingsPage(ProductBridge& bridge, QStringList loginCommand, QWidget* parent)
@@ -96,7 +90,7 @@ SettingsPage::SettingsPage(ProductBridge& bridge, QStringList loginCommand, QWid
     recordRow->addWidget(keepRecord_, 1);
     recordRow->addWidget(erase_);
     record->addLayout(recordRow);
-    record->addWidget(line(recordLine));
+    record->addWidget(mutedLabel(recordLine));
     connect(keepRecord_, &QCheckBox::toggled, this,
             [this](bool on) { bridge_.withProduct([on](LiteProduct& p) { p.setKeepsHealthRecord(on); }); });
     connect(erase_, &QPushButton::clicked, this,
@@ -114,8 +108,8 @@ SettingsPage::SettingsPage(ProductBridge& bridge, QStringList loginCommand, QWid
     updateRow->addWidget(check_);
     updates->addLayout(updateRow);
     updates->addWidget(
-        line("Each request of the check is written to the network ledger first; the Privacy page "
-             "lists them."));
+        mutedLabel("Each request of the check is written to the network ledger first; the Privacy page "
+                   "lists them."));
     connect(check_, &QPushButton::clicked, this, [this] {
         if (checking_) return;
         checking_ = true;
@@ -144,7 +138,7 @@ SettingsPage::SettingsPage(ProductBridge& bridge, QStringList loginCommand, QWid
     keyRow->addWidget(keyLabel, 1);
     keyRow->addWidget(hotKey_);
     panel->addLayout(keyRow);
-    hotKeyNote_ = line({});
+    hotKeyNote_ = mutedLabel({});
     hotKeyNote_->setObjectName("hotKeyNote");
     hotKeyNote_->setTextInteractionFlags(Qt::TextSelectableByMouse);
     panel->addWidget(hotKeyNote_);
@@ -164,7 +158,7 @@ SettingsPage::SettingsPage(ProductBridge& bridge, QStringList loginCommand, QWid
     openAtLogin_ = new QCheckBox(loginLabel);
     openAtLogin_->setObjectName("openAtLogin");
     login->addWidget(openAtLogin_);
-    loginNote_ = line(loginLine);
+    loginNote_ = mutedLabel(loginLine);
     loginNote_->setObjectName("loginNote");
     login->addWidget(loginNote_);
     connect(openAtLogin_, &QCheckBox::clicked, this, &SettingsPage::setOpenAtLogin);
@@ -174,7 +168,7 @@ SettingsPage::SettingsPage(ProductBridge& bridge, QStringList loginCommand, QWid
     auto* privacyText = new QLabel(qt(std::string(Opener::privacySentence)));
     privacyText->setWordWrap(true);
     privacy->addWidget(privacyText);
-    privacy->addWidget(line(linuxPrivacyLine));
+    privacy->addWidget(mutedLabel(linuxPrivacyLine));
     page->addStretch(1);
 
     statusPoll_ = new QTimer(this);
