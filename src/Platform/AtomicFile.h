@@ -6,6 +6,7 @@
 #pragma once
 #include <expected>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <sys/types.h>
@@ -13,12 +14,20 @@
 namespace vantle {
 
 // The error is the system's description (systemErrorText).
-std::expected<void, std::string> writeFileAtomically(const std::filesystem::path& file, std::string_view bytes,
-                                                     mode_t mode = 0644);
+std::expected<void, std::string> writeFileAtomically(const std::filesystem::path& file,
+                                                     std::string_view bytes, mode_t mode = 0644);
 
 // Makes the folder with its missing parents (mode for the ones it makes), then writes atomically.
 std::expected<void, std::string> writeFileAtomicallyMakingFolder(const std::filesystem::path& file,
                                                                  std::string_view bytes, mode_t mode = 0644);
+
+// For a file too large to build in memory first: `produce` hands the bytes over in order, in pieces,
+// through `put`, which answers false once a write has failed (the producer may stop then; the file is
+// not replaced). Otherwise as writeFileAtomicallyMakingFolder.
+using PutPiece = std::function<bool(std::string_view piece)>;
+std::expected<void, std::string>
+writeFileAtomicallyInPieces(const std::filesystem::path& file,
+                            const std::function<void(const PutPiece& put)>& produce, mode_t mode = 0644);
 
 // The whole file; the error is the errno of the failing call.
 std::expected<std::string, int> readWholeFile(const std::filesystem::path& file);

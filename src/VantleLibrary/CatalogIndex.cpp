@@ -5,6 +5,7 @@
 #include "Platform/KeptFile.h"
 #include "VantleSpec/Sentence.h"
 
+#include <array>
 #include <bit>
 #include <cstring>
 #include <unordered_map>
@@ -17,23 +18,53 @@ namespace vantle {
 
 namespace {
 
-constexpr std::string_view magic = "VLCATIX3";
+constexpr std::string_view magic = "VLCATIX4";
 constexpr std::string_view endMark = "VLCATEND";
-constexpr std::size_t headerBytes = 8 + 8 + 8; // magic, body length, checksum
+// The body's length and checksum come after it, so the file can be written as it is encoded.
+constexpr std::size_t trailerBytes = 8 + 8 + 8; // body length, checksum, end mark
 
-// Word-at-a-time FNV-style hash: only to tell a damaged file from a whole one, at memory speed.
-std::uint64_t checksum(std::string_view bytes) {
-    std::uint64_t h = 0xcbf29ce484222325ull;
-    std::size_t i = 0;
-    for (; i + 8 <= bytes.size(); i += 8) {
-        std::uint64_t word;
-        std::memcpy(&word, bytes.data() + i, 8);
-        h = (h ^ word) * 0x100000001b3ull;
-        h ^= h >> 29;
+// Word-at-a-time FNV-style hash: only to tell a damaged file from a whole one, at memory speed. Fed
+// in pieces of any size, it gives what one call over all of them would.
+class Checksum {
+  public:
+    void feed(std::string_view bytes) {
+        while (carried_ > 0 && carried_ < 8 && !bytes.empty()) {
+            carry_[carried_++] = bytes.front();
+            bytes.remove_prefix(1);
+        }
+        if (carried_ == 8) {
+            word(carry_.data());
+            carried_ = 0;
+        }
+        std::size_t i = 0;
+        for (; i + 8 <= bytes.size(); i += 8)
+            word(bytes.data() + i);
+        for (; i < bytes.size(); ++i)
+            carry_[carried_++] = bytes[i];
     }
-    for (; i < bytes.size(); ++i)
-        h = (h ^ static_cast<unsigned char>(bytes[i])) * 0x100000001b3ull;
-    return h;
+    std::uint64_t value() const {
+        auto h = h_;
+        for (std::size_t i = 0; i < carried_; ++i)
+            h = (h ^ static_cast<unsigned char>(carry_[i])) * 0x100000001b3ull;
+        return h;
+    }
+
+  private:
+    void word(const char* at) {
+        std::uint64_t w;
+        std::memcpy(&w, at, 8);
+        h_ = (h_ ^ w) * 0x100000001b3ull;
+        h_ ^= h_ >> 29;
+    }
+    std::uint64_t h_ = 0xcbf29ce484222325ull;
+    std::array<char, 8> carry_{};
+    std::size_t carried_ = 0;
+};
+
+std::uint64_t checksum(std::string_view bytes) {
+    Checksum sum;
+    sum.feed(bytes);
+    return sum.value();
 }
 
 // Which optional facts are present, one bit each.
@@ -52,8 +83,14 @@ enum Present : std::uint16_t {
     nameIsOwn = 1 << 11, // the name is not the path's last component, so it is written out
 };
 
+// Encodes into a buffer handed on whenever it passes a mebibyte: a large home's index is never held
+// whole in memory beside the snapshot it is made from.
 class Writer {
   public:
+    explicit Writer(const PutPiece& put) : put_(put) {
+        out.reserve(pieceBytes + 64 * 1024);
+        out.append(magic);
+    }
     template <class T> void put(T value) {
         static_assert(std::is_trivially_copyable_v<T>);
         out.append(reinterpret_cast<const char*>(&value), sizeof value);
@@ -62,10 +99,40 @@ class Writer {
         put(static_cast<std::uint32_t>(s.size()));
         out.append(s);
     }
-    void time(const std::optional<TimePoint>& at) {
-        if (at) put(static_cast<std::int64_t>(at->time_since_epoch().count()));
+    void time(OptionalTime at) {
+        if (at) put(static_cast<std::int64_t>((*at).time_since_epoch().count()));
+    }
+    // Between entries: hands the buffer on once it is full.
+    bool next() {
+        if (out.size() >= pieceBytes) flush();
+        return ok_;
+    }
+    // Adds the trailer and hands on the rest.
+    void finish() {
+        flush();
+        put(length_);
+        put(sum_.value());
+        out.append(endMark);
+        ok_ = ok_ && put_(out);
     }
     std::string out;
+
+  private:
+    static constexpr std::size_t pieceBytes = 1 << 20;
+    void flush() {
+        // The magic is not part of the body.
+        auto body = std::string_view(out).substr(started_ ? 0 : magic.size());
+        sum_.feed(body);
+        length_ += body.size();
+        started_ = true;
+        ok_ = ok_ && put_(out);
+        out.clear();
+    }
+    const PutPiece& put_;
+    Checksum sum_;
+    std::uint64_t length_ = 0;
+    bool started_ = false;
+    bool ok_ = true;
 };
 
 class Reader {
@@ -90,7 +157,7 @@ class Reader {
         s.assign(v);
         return true;
     }
-    bool time(std::optional<TimePoint>& at) {
+    bool time(OptionalTime& at) {
         std::int64_t n = 0;
         if (!get(n)) return false;
         at = TimePoint(TimePoint::duration(n));
@@ -116,11 +183,8 @@ bool nameIsLastComponent(const Facts& f) {
 
 } // namespace
 
-std::string CatalogIndex::encode(const Snapshot& snapshot, const Reading& reading) {
-    Writer w;
-    w.out.reserve(snapshot.facts.size() * 160 + 4096); // a home averages about 150 bytes an entry
-    adviseHugePages(w.out.data(), w.out.capacity());
-    w.out.append(headerBytes, '\0');
+void CatalogIndex::encode(const Snapshot& snapshot, const Reading& reading, const PutPiece& put) {
+    Writer w(put);
     w.put(static_cast<std::int64_t>(snapshot.at.time_since_epoch().count()));
     w.put(static_cast<std::uint8_t>(snapshot.isWhole));
     w.put(static_cast<std::uint8_t>(reading.isComplete));
@@ -185,16 +249,18 @@ std::string CatalogIndex::encode(const Snapshot& snapshot, const Reading& readin
         w.put(static_cast<std::uint32_t>(f.tags.size()));
         for (const auto& tag : f.tags)
             w.text(tag);
+        if (!w.next()) return;
     }
-    w.out.append(endMark);
+    w.finish();
+}
 
-    auto body = std::string_view(w.out).substr(headerBytes);
-    auto length = static_cast<std::uint64_t>(body.size());
-    auto sum = checksum(body);
-    std::memcpy(w.out.data(), magic.data(), 8);
-    std::memcpy(w.out.data() + 8, &length, 8);
-    std::memcpy(w.out.data() + 16, &sum, 8);
-    return std::move(w.out);
+std::string CatalogIndex::encode(const Snapshot& snapshot, const Reading& reading) {
+    std::string bytes;
+    encode(snapshot, reading, [&](std::string_view piece) {
+        bytes.append(piece);
+        return true;
+    });
+    return bytes;
 }
 
 namespace {
@@ -206,17 +272,19 @@ std::expected<CatalogIndex::Kept, CatalogIndex::Problem> readEntries(std::string
                                                                      const CatalogIndex::Wanted* wanted) {
     using Problem = CatalogIndex::Problem;
     auto unreadable = std::unexpected(Problem::unreadable);
-    if (bytes.size() < headerBytes + endMark.size() || bytes.substr(0, 8) != magic) return unreadable;
+    if (bytes.size() < magic.size() + trailerBytes || !bytes.starts_with(magic) || !bytes.ends_with(endMark))
+        return unreadable;
     std::uint64_t length = 0, sum = 0;
-    std::memcpy(&length, bytes.data() + 8, 8);
-    std::memcpy(&sum, bytes.data() + 16, 8);
-    auto body = bytes.substr(headerBytes);
-    if (length != body.size() || !body.ends_with(endMark) || checksum(body) != sum) return unreadable;
+    auto trailer = bytes.data() + bytes.size() - trailerBytes;
+    std::memcpy(&length, trailer, 8);
+    std::memcpy(&sum, trailer + 8, 8);
+    auto body = bytes.substr(magic.size(), bytes.size() - magic.size() - trailerBytes);
+    if (length != body.size() || checksum(body) != sum) return unreadable;
 
     CatalogIndex::Kept kept;
     auto& snapshot = kept.snapshot;
     auto& reading = kept.reading;
-    Reader r(body.substr(0, body.size() - endMark.size()));
+    Reader r(body);
     std::int64_t at = 0;
     std::uint8_t isWhole = 0, isComplete = 0, readDisk = 0, stop = 0, mediaPending = 0;
     std::uint32_t missed = 0;
@@ -237,9 +305,12 @@ std::expected<CatalogIndex::Kept, CatalogIndex::Problem> readEntries(std::string
     std::uint32_t typeCount = 0;
     r.get(typeCount);
     if (!r.ok() || typeCount > r.left()) return unreadable;
-    std::vector<std::string_view> types(typeCount);
-    for (auto& type : types)
-        r.view(type);
+    std::vector<SharedText> types(typeCount);
+    for (auto& type : types) {
+        std::string_view text;
+        r.view(text);
+        type = text;
+    }
 
     std::uint64_t count = 0;
     r.get(count);
@@ -259,10 +330,10 @@ std::expected<CatalogIndex::Kept, CatalogIndex::Problem> readEntries(std::string
             f.name.assign(f.path, f.path.size() - nameLength);
         }
         if (!r.get(type) || type >= types.size()) return unreadable;
-        f.contentType.assign(types[type]);
+        f.contentType = types[type];
         r.get(f.size), r.get(f.onDisk);
         // The same Facts carries every entry: what this one lacks must not be left from the last.
-        auto readTime = [&](std::optional<TimePoint>& at, Present bit) {
+        auto readTime = [&](OptionalTime& at, Present bit) {
             if (present & bit)
                 r.time(at);
             else
@@ -273,9 +344,10 @@ std::expected<CatalogIndex::Kept, CatalogIndex::Problem> readEntries(std::string
         readTime(f.modified, hasModified);
         readTime(f.added, hasAdded);
         readTime(f.lastUsed, hasLastUsed);
-        auto optionalText = [&](std::optional<std::string>& into, Present bit) {
-            if (present & bit)
-                r.text(into ? *into : into.emplace());
+        auto optionalText = [&](std::optional<SharedText>& into, Present bit) {
+            std::string_view text;
+            if (present & bit && r.view(text))
+                into = text;
             else
                 into.reset();
         };
@@ -356,7 +428,8 @@ std::expected<CatalogIndex::Kept, CatalogIndex::Problem> CatalogIndex::load() co
 }
 
 std::expected<void, std::string> CatalogIndex::keep(const Snapshot& snapshot, const Reading& reading) const {
-    auto written = writeFileAtomicallyMakingFolder(file_, encode(snapshot, reading), 0600);
+    auto written = writeFileAtomicallyInPieces(
+        file_, [&](const PutPiece& put) { encode(snapshot, reading, put); }, 0600);
     if (!written) return std::unexpected(fillIn(keepFailedSentence, {{"reason", written.error()}}));
     return {};
 }

@@ -4,6 +4,7 @@
 // checked whole (length, end mark, checksum) when read, so a torn or foreign file reads as no index.
 // A plain value; load and keep may be called from several threads (each call is independent).
 #pragma once
+#include "Platform/AtomicFile.h"
 #include "Platform/KeptFile.h"
 #include "VantleLibrary/DiskWalk.h"
 
@@ -62,6 +63,8 @@ class CatalogIndex {
     // Replaces the file atomically (making its folder when missing); the error is the sentence.
     std::expected<void, std::string> keep(const Snapshot& snapshot, const Reading& reading) const;
 
+    // The file's bytes, handed to `put` in pieces as they are made, as keep() writes them.
+    static void encode(const Snapshot& snapshot, const Reading& reading, const PutPiece& put);
     // The file's bytes, and back; exposed so a damaged file can be made in a test.
     static std::string encode(const Snapshot& snapshot, const Reading& reading);
     static std::expected<Kept, Problem> decode(std::string_view bytes);

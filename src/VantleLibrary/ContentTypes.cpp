@@ -182,13 +182,13 @@ std::string lowerExtension(std::string_view fileName) {
     return out;
 }
 
-std::string_view contentTypeForExtension(std::string_view extension) {
+const std::string_view& contentTypeForExtension(std::string_view extension) {
     auto& map = byExtension();
     auto it = map.find(extension);
     return it == map.end() ? unknownContentType : it->second->mime;
 }
 
-std::string_view contentTypeForName(std::string_view fileName) {
+const std::string_view& contentTypeForName(std::string_view fileName) {
     auto dot = fileName.rfind('.');
     if (dot == std::string_view::npos || dot == 0 || dot + 1 == fileName.size()) return unknownContentType;
     // The walk asks this for every file: lower-case into a small buffer instead of a string.

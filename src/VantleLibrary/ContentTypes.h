@@ -32,8 +32,9 @@ inline constexpr std::string_view appBundleContentType = "application/x-app-bund
 std::string lowerExtension(std::string_view fileName);
 
 // The content type for a file name, by its extension; unknownContentType when the table lacks it.
-std::string_view contentTypeForName(std::string_view fileName);
-std::string_view contentTypeForExtension(std::string_view lowerExtension);
+// The answer is static, so facts can share it (SharedText::naming) without a copy.
+const std::string_view& contentTypeForName(std::string_view fileName);
+const std::string_view& contentTypeForExtension(std::string_view lowerExtension);
 
 // The kind a content type belongs to: the table's row for it, else the broad family of the MIME
 // type (image/, video/, audio/, text/). No kind for folders and the unknown type.

@@ -272,8 +272,8 @@ class Walker {
             if (folder.isHome && entry.name == "Library") continue;
             if (!count(folder.path)) return;
 
-            std::string name(entry.name);
-            auto status = statusOf(fd.get(), name.c_str());
+            // The listing's names end in a terminator, as the system calls want them.
+            auto status = statusOf(fd.get(), entry.name.data());
             if (!status) {
                 if (status.error() != ENOENT) miss(folder.path); // else gone since the listing
                 continue;
@@ -281,7 +281,11 @@ class Walker {
             bool isFolder = status->type == EntryStatus::Type::folder;
             if (!isFolder && status->type != EntryStatus::Type::file) continue; // links are never followed
 
-            auto facts = factsOf(folder.path + "/" + name, name, *status, fd.get());
+            std::string path;
+            path.reserve(folder.path.size() + 1 + entry.name.size());
+            path.append(folder.path).append(1, '/').append(entry.name);
+            auto facts = factsOf(std::move(path), entry.name, *status, fd.get());
+            const auto& name = facts.name;
             bool keep = !folder.appsOnly || facts.kind() == LibraryKind::apps;
             if (facts.isPackage) {
                 if (keep && status->device == folder.device)

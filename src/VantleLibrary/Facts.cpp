@@ -137,7 +137,7 @@ FileItem toFileItem(const Facts& facts) {
     FileItem item;
     item.path = facts.path;
     item.name = facts.name;
-    item.contentType = facts.contentType;
+    item.contentType = std::string(facts.contentType);
     item.kind = facts.kind();
     item.size = facts.size;
     item.created = ms(facts.created);
@@ -164,7 +164,7 @@ Facts factsOf(std::string path, std::string_view name, const EntryStatus& status
     facts.isFolder = status.type == EntryStatus::Type::folder;
     facts.isPackage = facts.isFolder && isAppBundleName(name);
     facts.contentType =
-        std::string(facts.isFolder && !facts.isPackage ? folderContentType : contentTypeForName(name));
+        SharedText::naming(facts.isFolder && !facts.isPackage ? folderContentType : contentTypeForName(name));
     facts.size = static_cast<std::int64_t>(status.sizeBytes);
     facts.onDisk = static_cast<std::int64_t>(status.allocatedBytes);
     if (facts.isFolder) facts.size = facts.onDisk = 0; // a folder's own length says nothing about its files
@@ -174,11 +174,7 @@ Facts factsOf(std::string path, std::string_view name, const EntryStatus& status
     facts.lastUsed = status.accessed;
     facts.isScreenshot = !facts.isFolder && isScreenshotName(name, facts.contentType);
     // Browsers mark downloaded files; a folder's origin would say nothing the sources could use.
-    if (!facts.isFolder) {
-        // `name` need not end in a terminator: the system calls want one.
-        std::string relative(name);
-        readAttributes(facts, Place{dirFd, relative.c_str(), facts.path.c_str()});
-    }
+    if (!facts.isFolder) readAttributes(facts, Place{dirFd, facts.name.c_str(), facts.path.c_str()});
     return facts;
 }
 

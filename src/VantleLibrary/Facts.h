@@ -3,6 +3,8 @@
 // managers write (download origins, tags). Plain values; the functions are thread-safe.
 #pragma once
 #include "Platform/EntryStatus.h"
+#include "VantleLibrary/OptionalTime.h"
+#include "VantleLibrary/SharedText.h"
 #include "VantleSpec/LibraryRecords.h"
 #include "VantleSpec/Time.h"
 
@@ -17,18 +19,18 @@ namespace vantle {
 struct Facts {
     std::string path;
     std::string name;
-    std::string contentType;
+    SharedText contentType;  // shared by every file of the type
     std::int64_t size = 0;   // logical bytes
     std::int64_t onDisk = 0; // allocated bytes
-    std::optional<TimePoint> created;
-    std::optional<TimePoint> contentCreated; // capture date of a photo; not read on Linux
-    std::optional<TimePoint> modified;
-    std::optional<TimePoint> added;    // birth time, else the last status change
-    std::optional<TimePoint> lastUsed; // access time
+    OptionalTime created;
+    OptionalTime contentCreated; // capture date of a photo, read behind the walk
+    OptionalTime modified;
+    OptionalTime added;    // birth time, else the last status change
+    OptionalTime lastUsed; // access time
     std::vector<std::string> whereFroms;
     bool isScreenshot = false;
-    std::optional<std::string> cameraMake;
-    std::optional<std::string> cameraModel;
+    std::optional<SharedText> cameraMake; // shared: a home holds photos of a few cameras
+    std::optional<SharedText> cameraModel;
     std::optional<double> duration;
     std::vector<std::string> tags;
     bool isFolder = false;

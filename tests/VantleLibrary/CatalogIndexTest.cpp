@@ -115,6 +115,43 @@ TEST(CatalogIndex, ADamagedOrForeignIndexReadsAsNoneAndTheHomeIsWalked) {
     EXPECT_EQ(CatalogIndex(s.index()).load().error(), CatalogIndex::Problem::notAFile); // does not hang
 }
 
+// The index is written in pieces as it is encoded; its checksum runs across them, so a piece cut
+// off or a byte changed far past the first piece must still read as damage, and an intact file of
+// many pieces (entries of uneven lengths, so pieces end mid-word) must read back entry for entry.
+TEST(CatalogIndex, AnIndexOfManyPiecesReadsBackWholeAndADamagedLaterPieceIsNoticed) {
+    TempDir data;
+    Snapshot snapshot;
+    snapshot.at = sys_days{2026y / May / 1} + 12h;
+    for (int i = 0; i < 30000; ++i) {
+        Facts f;
+        f.name = "file-" + std::string(static_cast<size_t>(i % 37), 'x') + std::to_string(i) +
+                 (i % 3 ? ".jpg" : ".zzq");
+        f.path = "/home/u/Pictures/" + f.name;
+        f.contentType = i % 3 ? "image/jpeg" : "application/octet-stream";
+        f.size = i;
+        if (i % 2) f.modified = snapshot.at - seconds(i);
+        if (i % 5 == 0) f.cameraMake = "Canon";
+        if (i % 7 == 0) f.whereFroms = {"https://example.org/" + std::to_string(i)};
+        snapshot.facts.push_back(std::move(f));
+    }
+    Reading reading;
+    CatalogIndex index(data / "Library" / "catalog.index");
+    ASSERT_TRUE(index.keep(snapshot, reading));
+    auto bytes = CatalogIndex::encode(snapshot, reading);
+    ASSERT_GT(bytes.size(), std::size_t{2} << 20); // several pieces
+
+    auto kept = index.load();
+    ASSERT_TRUE(kept);
+    EXPECT_EQ(kept->snapshot.facts, snapshot.facts);
+    EXPECT_EQ(kept->snapshot.at, snapshot.at);
+
+    auto flipped = bytes;
+    flipped[bytes.size() - 100] ^= 0x01;
+    EXPECT_EQ(CatalogIndex::decode(flipped).error(), CatalogIndex::Problem::unreadable);
+    auto cut = bytes.substr(0, std::size_t{1} << 20) + bytes.substr((std::size_t{2} << 20));
+    EXPECT_EQ(CatalogIndex::decode(cut).error(), CatalogIndex::Problem::unreadable);
+}
+
 TEST(CatalogIndex, AStoppedWalkIsNotKept) {
     IndexedHome s;
     s.home.write("Documents/a.txt", "x");

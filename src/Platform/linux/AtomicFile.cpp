@@ -13,7 +13,9 @@
 namespace vantle {
 
 namespace {
-std::unexpected<std::string> failure(int err) { return std::unexpected(systemErrorText(err)); }
+std::unexpected<std::string> failure(int err) {
+    return std::unexpected(systemErrorText(err));
+}
 
 bool writeAll(int fd, std::string_view bytes) {
     while (!bytes.empty()) {
@@ -28,8 +30,10 @@ bool writeAll(int fd, std::string_view bytes) {
 }
 } // namespace
 
-std::expected<void, std::string> writeFileAtomically(const std::filesystem::path& file, std::string_view bytes,
-                                                     mode_t mode) {
+namespace {
+std::expected<void, std::string> writeAtomically(const std::filesystem::path& file,
+                                                 const std::function<void(const PutPiece& put)>& produce,
+                                                 mode_t mode) {
     auto folder = file.parent_path().empty() ? std::filesystem::path(".") : file.parent_path();
     UniqueFd dir(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!dir) return failure(errno);
@@ -37,10 +41,16 @@ std::expected<void, std::string> writeFileAtomically(const std::filesystem::path
     static std::atomic<unsigned> counter{0};
     std::string name = file.filename().string();
     std::string temp = "." + name + ".tmp-" + std::to_string(::getpid()) + "-" + std::to_string(counter++);
-    UniqueFd out(::openat(dir.get(), temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
+    UniqueFd out(
+        ::openat(dir.get(), temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
     if (!out) return failure(errno);
-    if (!writeAll(out.get(), bytes) || ::fsync(out.get()) != 0) {
-        int err = errno;
+    int writeError = 0;
+    produce([&](std::string_view piece) {
+        if (writeError == 0 && !writeAll(out.get(), piece)) writeError = errno != 0 ? errno : EIO;
+        return writeError == 0;
+    });
+    if (writeError != 0 || ::fsync(out.get()) != 0) {
+        int err = writeError != 0 ? writeError : errno;
         ::unlinkat(dir.get(), temp.c_str(), 0);
         return failure(err);
     }
@@ -53,6 +63,22 @@ std::expected<void, std::string> writeFileAtomically(const std::filesystem::path
         return failure(err);
     }
     return {};
+}
+} // namespace
+
+std::expected<void, std::string> writeFileAtomically(const std::filesystem::path& file,
+                                                     std::string_view bytes, mode_t mode) {
+    return writeAtomically(
+        file, [&](const PutPiece& put) { put(bytes); }, mode);
+}
+
+std::expected<void, std::string>
+writeFileAtomicallyInPieces(const std::filesystem::path& file,
+                            const std::function<void(const PutPiece& put)>& produce, mode_t mode) {
+    std::error_code ec;
+    if (!file.parent_path().empty()) std::filesystem::create_directories(file.parent_path(), ec);
+    if (ec) return std::unexpected(systemErrorText(ec.value()));
+    return writeAtomically(file, produce, mode);
 }
 
 std::expected<void, std::string> writeFileAtomicallyMakingFolder(const std::filesystem::path& file,
