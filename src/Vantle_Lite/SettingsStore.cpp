@@ -22,6 +22,42 @@ struct CFree {
     void operator()(void* p) const { std::free(p); }
 };
 
+// A string or key read from a file may hold a NUL byte, and libplist's own copy then keeps the
+// full length over a buffer cut at the NUL, which it later reads past when writing. So strings and
+// keys are copied here as the C strings libplist will treat them as; other leaves hold no text.
+plist_t copyOfValue(plist_t node) {
+    switch (plist_get_node_type(node)) {
+    case PLIST_STRING: {
+        uint64_t length = 0;
+        const char* text = plist_get_string_ptr(node, &length);
+        return plist_new_string(text ? text : "");
+    }
+    case PLIST_ARRAY: {
+        plist_t copy = plist_new_array();
+        for (uint32_t i = 0, n = plist_array_get_size(node); i < n; ++i)
+            plist_array_append_item(copy, copyOfValue(plist_array_get_item(node, i)));
+        return copy;
+    }
+    case PLIST_DICT: {
+        plist_t copy = plist_new_dict();
+        plist_dict_iter iter = nullptr;
+        plist_dict_new_iter(node, &iter);
+        std::unique_ptr<void, CFree> ownedIter(iter);
+        for (;;) {
+            char* key = nullptr;
+            plist_t item = nullptr;
+            plist_dict_next_item(node, iter, &key, &item);
+            std::unique_ptr<char, CFree> ownedKey(key);
+            if (!key || !item) break;
+            plist_dict_set_item(copy, key, copyOfValue(item));
+        }
+        return copy;
+    }
+    default:
+        return plist_copy(node);
+    }
+}
+
 FileSettingsStore::Value valueOf(plist_t node) {
     switch (plist_get_node_type(node)) {
     case PLIST_BOOLEAN: {
@@ -50,7 +86,7 @@ FileSettingsStore::Value valueOf(plist_t node) {
         break;
     }
     return FileSettingsStore::Value{
-        FileSettingsStore::Other{std::shared_ptr<void>(plist_copy(node), plist_free)}};
+        FileSettingsStore::Other{std::shared_ptr<void>(copyOfValue(node), plist_free)}};
 }
 
 // libplist builds and frees nested values recursively, so a hostile file's nesting is measured
