@@ -5,6 +5,7 @@
 #include "Platform/UserEntryOpen.h"
 #include "VantleLibrary/DiskWalk.h"
 #include "VantleLibrary/FingerprintReader.h"
+#include "VantleLibrary/SmallFileHasher.h"
 #include "VantleSpec/Sentence.h"
 
 #include <algorithm>
@@ -181,17 +182,33 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
         return options_.clock();
     };
     std::atomic<bool> stopped{false};
+    // Between files a thread looks at the clock only if no other thread is looking at it this moment:
+    // waiting for the lock, the threads queued and woke one another for every file.
+    auto pastDeadline = [&] {
+        std::unique_lock hold(clockMutex, std::try_to_lock);
+        return hold.owns_lock() && options_.clock() > deadline;
+    };
     auto shouldStop = [&] {
-        if (!stopped.load() && (cancel.isCancelled() || clock() > deadline)) stopped = true;
+        if (!stopped.load() && (cancel.isCancelled() || pastDeadline())) stopped = true;
         return stopped.load();
     };
     std::atomic<int> missed{0}; // candidates that could not be read, or changed while being read
+    std::atomic<std::int64_t> bytesRead{0};
     std::mutex progressMutex;
-    std::int64_t bytesRead = 0; // guarded by progressMutex
-    auto report = [&](DuplicateProgress::Phase phase, size_t done, size_t total, std::int64_t moreBytes) {
+    DuplicateProgress shown; // guarded by progressMutex
+    // Counts `count` more files done in `phase` and their bytes. The first file, each 64th after it and
+    // the last are shown: a lock per file kept the threads waiting on each other. The bytes are counted
+    // before the file, so the last file shown counts every byte; a report overtaken by a later one
+    // is not shown, so the line never goes back.
+    auto report = [&](DuplicateProgress::Phase phase, std::atomic<size_t>& done, size_t count, size_t total,
+                      std::int64_t moreBytes) {
+        bytesRead.fetch_add(moreBytes);
+        auto now = done.fetch_add(count) + count;
+        if (!progress || (now != count && now / 64 == (now - count) / 64 && now != total)) return;
         std::lock_guard hold(progressMutex);
-        bytesRead += moreBytes;
-        if (progress) progress({phase, done, total, bytesRead});
+        if (shown.phase == phase && shown.done > now) return;
+        shown = {phase, now, total, bytesRead.load()};
+        progress(shown);
     };
     // Runs `work` on every core, this thread among them; each takes its next share from `next`.
     auto everyCore = [&](size_t shares, const std::function<void(std::atomic<size_t> & next)>& work) {
@@ -240,9 +257,7 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
                 statuses[i] =
                     dir ? fileStatusAt(dir.get(), path.c_str() + path.rfind('/') + 1) : fileStatus(path);
             }
-            auto done = recorded.fetch_add(end - begin) + (end - begin);
-            if (done / 256 != (done - (end - begin)) / 256)
-                report(DuplicateProgress::Phase::recording, done, wanted.size(), 0);
+            report(DuplicateProgress::Phase::recording, recorded, end - begin, wanted.size(), 0);
         }
     });
     std::vector<Seen> seen;
@@ -313,16 +328,33 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
         }
 
         std::vector<std::optional<Digest>> made(toHash.size());
+        // A file whose slices cover all of it is read once; a one-slice file's whole-file hash is made
+        // from the same read, and taken from the cache like any kept one if its sample is shared.
+        std::vector<std::optional<Digest>> madeWhole(mode == HashMode::sample ? toHash.size() : 0);
         std::atomic<size_t> done{files.size() - toHash.size()};
         everyCore(toHash.size(), [&](std::atomic<size_t>& next) {
             FingerprintReader reader(clock, deadline, &cancel);
+            std::optional<SmallFileHasher> small;
             std::int64_t reported = 0;
             while (!shouldStop()) {
                 auto k = next.fetch_add(1);
                 if (k >= toHash.size()) break;
                 auto first = byNumber[toHash[k].first].second;
                 const auto& status = seen[first].status;
-                auto result = reader.hash(pathOf(first), {status.number, status.size, status.modified}, mode);
+                const FingerprintReader::Expected expected{status.number, status.size, status.modified};
+                std::expected<Digest, FingerprintReader::Miss> result;
+                if (mode == HashMode::sample && status.size <= wholeInOneReadBytes) {
+                    if (!small) small.emplace();
+                    auto both = small->hash(AT_FDCWD, pathOf(first).c_str(), expected);
+                    if (both) {
+                        result = both->sample;
+                        madeWhole[k] = both->full;
+                    } else {
+                        result = std::unexpected(both.error());
+                    }
+                } else {
+                    result = reader.hash(pathOf(first), expected, mode);
+                }
                 if (result) {
                     made[k] = *result;
                 } else if (result.error() == FingerprintReader::Miss::pastDeadline ||
@@ -332,8 +364,9 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
                     // Unreadable, or changed under the scan: its copies, if any, are not known.
                     missed.fetch_add(1);
                 }
-                report(phase, done.fetch_add(1) + 1, files.size(), reader.bytesRead() - reported);
-                reported = reader.bytesRead();
+                auto readNow = reader.bytesRead() + (small ? small->bytesRead() : 0);
+                report(phase, done, 1, files.size(), readNow - reported);
+                reported = readNow;
             }
         });
         for (size_t k = 0; k < toHash.size(); ++k) {
@@ -343,6 +376,8 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
             for (auto n = begin; n < end; ++n) {
                 digests[byNumber[n].second] = made[k];
                 cache_.store(pathOf(byNumber[n].second), asRecorded, mode, *made[k]);
+                if (!madeWhole.empty() && madeWhole[k])
+                    cache_.store(pathOf(byNumber[n].second), asRecorded, HashMode::full, *madeWhole[k]);
             }
         }
 
@@ -425,7 +460,7 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
         notes.push_back(fillIn(cacheNotSaved, {{"reason", saved.error()}}));
     for (const auto& n : notes)
         out.note = out.note ? *out.note + " " + n : n;
-    out.bytesRead = bytesRead;
+    out.bytesRead = bytesRead.load();
     out.seconds = std::chrono::duration<double>(options_.clock() - started).count();
     latest_ = out;
     changesBeforeLatest_ = changesAtStart;

@@ -94,7 +94,8 @@ TEST(DuplicateScan, GroupsOnlyWholeFileCopiesAndReadsOnlyWhatItMust) {
     EXPECT_EQ(namesByGroup(scan), (std::set<std::set<std::string>>{{"a1", "a2", "a3"}, {"e1", "e2"}}));
     EXPECT_EQ(scan.candidates, 7); // a1-a3, b1, c1, e1, e2; empty files are too small to matter
     // Samples for everything sharing a size; whole reads only for what shared a sample too (not b1).
-    EXPECT_EQ(scan.bytesRead, 5 * sample + 2 * 3 * 9 + 4 * 100'000 + 2 * 9);
+    // The 9-byte files are read once each: their sample and whole hashes come from the same read.
+    EXPECT_EQ(scan.bytesRead, 5 * sample + 4 * 100'000 + 2 * 9);
 
     ASSERT_EQ(scan.groups.size(), 2u);
     const auto& biggest = scan.groups.front(); // most space first
@@ -102,6 +103,8 @@ TEST(DuplicateScan, GroupsOnlyWholeFileCopiesAndReadsOnlyWhatItMust) {
     EXPECT_EQ(biggest.size, 100'000);
     EXPECT_EQ(scan.sharing.front().freeable, 200'000);
     EXPECT_EQ(scan.freeableBytes(), 200'000 + 9);
+    EXPECT_EQ(scan.groups.back().fingerprint, sha256Hex(lib.small))
+        << "a small file's group names the hash of its contents, not of its sample";
     EXPECT_TRUE(std::ranges::is_sorted(biggest.items, {}, &FileItem::path));
     EXPECT_EQ(scan.look(), (DuplicateLook{scan.groups, true}));
 }
@@ -168,7 +171,8 @@ TEST(DuplicateScan, HardLinksAreOneFileAndFreeNothing) {
     auto scan = finder.scan(itemsUnder(dir), cancel);
     ASSERT_EQ(scan.groups.size(), 1u);
     EXPECT_EQ(scan.groups[0].items.size(), 3u);
-    EXPECT_EQ(scan.bytesRead, 2 * (sample + 40'000)) << "the linked file is read once";
+    // Slices of a 40,000-byte file cover all of it, so its sample is one read of 40,000 bytes.
+    EXPECT_EQ(scan.bytesRead, 2 * (40'000 + 40'000)) << "the linked file is read once";
     const auto& sharing = scan.sharing[0];
     EXPECT_EQ(sharing.hardLinks, (std::vector<std::vector<std::string>>{
                                      {(dir / "link").string(), (dir / "original").string()}}));
@@ -391,4 +395,38 @@ TEST(DuplicateScan, FilesOfOneNameInSeveralFoldersAreEachLookedAtInTheirOwnFolde
     auto second = Duplicates({cacheFile, 45s, 1, systemClock()}).scan(items, cancel);
     EXPECT_EQ(second.bytesRead, 0);
     EXPECT_EQ(second.groups, first.groups);
+}
+
+TEST(DuplicateScan, ManySmallFilesOnEveryThreadGroupExactlyAndTheLastProgressCountsEveryByte) {
+    TempDir dir;
+    // 70 pairs of copies and 70 files of the same sizes that differ in their last byte, from one byte
+    // to a little past three slices: the one-read path, the whole read after it, and both at once.
+    std::vector<std::set<std::string>> expected;
+    for (int i = 0; i < 70; ++i) {
+        auto size = static_cast<size_t>(1 + i * 711);
+        auto content = patterned(size, i);
+        auto a = "a" + std::to_string(i), b = "b" + std::to_string(i), c = "c" + std::to_string(i);
+        dir.write(a, content);
+        dir.write(b, content);
+        content.back() = static_cast<char>(content.back() ^ 0x40);
+        dir.write(c, content);
+        expected.push_back({a, b});
+    }
+    Duplicates finder({{}, 45s, 1, systemClock(), 60s, 4});
+    CancelFlag cancel;
+    DuplicateProgress last;
+    int reports = 0;
+    auto scan = finder.scan(itemsUnder(dir), cancel, [&](const DuplicateProgress& p) {
+        last = p;
+        ++reports;
+    });
+    EXPECT_TRUE(scan.isComplete);
+    EXPECT_EQ(namesByGroup(scan), (std::set<std::set<std::string>>(expected.begin(), expected.end())));
+    for (const auto& g : scan.groups)
+        EXPECT_EQ(g.fingerprint,
+                  sha256Hex(patterned(static_cast<size_t>(g.size), static_cast<int>((g.size - 1) / 711))));
+    EXPECT_EQ(last.phase, DuplicateProgress::Phase::hashing);
+    EXPECT_EQ(last.done, last.total) << "the last file is always shown";
+    EXPECT_EQ(last.bytesRead, scan.bytesRead);
+    EXPECT_LT(reports, 3 * 210) << "progress is not shown for every file";
 }

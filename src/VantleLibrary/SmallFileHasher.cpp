@@ -1,0 +1,80 @@
+#include "VantleLibrary/SmallFileHasher.h"
+
+#include "Platform/UserEntryOpen.h"
+
+#include <openssl/evp.h>
+
+#include <cerrno>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace vantle {
+
+struct SmallFileHasher::Digester {
+    EVP_MD* sha256 = EVP_MD_fetch(nullptr, "SHA256", nullptr);
+    EVP_MD_CTX* sample = EVP_MD_CTX_new();
+    EVP_MD_CTX* full = EVP_MD_CTX_new();
+    ~Digester() {
+        EVP_MD_CTX_free(full);
+        EVP_MD_CTX_free(sample);
+        EVP_MD_free(sha256);
+    }
+    const EVP_MD* md() const { return sha256 ? sha256 : EVP_sha256(); }
+};
+
+SmallFileHasher::SmallFileHasher()
+    : buffer_(std::make_unique<std::uint8_t[]>(wholeInOneReadBytes)),
+      digester_(std::make_unique<Digester>()) {}
+
+SmallFileHasher::~SmallFileHasher() = default;
+
+std::expected<SmallFileDigests, FingerprintReader::Miss>
+SmallFileHasher::hash(int dirFd, const char* name, const FingerprintReader::Expected& expected) {
+    using Miss = FingerprintReader::Miss;
+    if (expected.size < 0 || expected.size > wholeInOneReadBytes) return std::unexpected(Miss::changedBefore);
+    // As for any hash: a fifo swapped in under the name must not block the open, and looking at a file
+    // must not make it look recently opened.
+    auto opened = openUserEntry(dirFd, name, O_RDONLY | O_NONBLOCK);
+    if (!opened) return std::unexpected(Miss::unopenable);
+    const auto& fd = *opened;
+    auto before = fileStatus(fd.get());
+    if (!before || !before->isRegular) return std::unexpected(Miss::notRegular);
+    if (before->number != expected.number || before->size != expected.size ||
+        before->modified != expected.modified)
+        return std::unexpected(Miss::changedBefore);
+
+    // A file that grows or shrinks under the read is caught by the status taken after it.
+    const auto size = static_cast<size_t>(expected.size);
+    size_t got = 0;
+    while (got < size) {
+        auto n = ::pread(fd.get(), buffer_.get() + got, size - got, static_cast<off_t>(got));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        got += static_cast<size_t>(n);
+    }
+    bytesRead_ += static_cast<std::int64_t>(got);
+    if (got < size) return std::unexpected(Miss::shortRead);
+
+    SmallFileDigests out{};
+    auto* sample = digester_->sample;
+    EVP_DigestInit_ex(sample, digester_->md(), nullptr);
+    for (auto [offset, length] : sampleRanges(expected.size))
+        EVP_DigestUpdate(sample, buffer_.get() + offset, static_cast<size_t>(length));
+    EVP_DigestFinal_ex(sample, out.sample.data(), nullptr);
+    // Hashing a one-slice file whole costs a third more than its sample, far less than opening and
+    // reading it again if the sample is shared. Past one slice, the whole hash would cost up to as much
+    // as the sample again for every file, while only the few that share a sample need it.
+    if (expected.size <= sampleSliceBytes) {
+        auto* full = digester_->full;
+        EVP_DigestInit_ex(full, digester_->md(), nullptr);
+        EVP_DigestUpdate(full, buffer_.get(), size);
+        EVP_DigestFinal_ex(full, out.full.emplace().data(), nullptr);
+    }
+
+    auto after = fileStatus(fd.get());
+    if (!after || after->size != before->size || after->modified != before->modified)
+        return std::unexpected(Miss::changedDuring);
+    return out;
+}
+
+} // namespace vantle

@@ -1,0 +1,44 @@
+// The sample hash of a file small enough that its three slices cover all of it, from one open and
+// one read rather than one read a slice, with the same identity checks around the read as any other
+// hash; for a file no longer than one slice, the whole-file hash from the same read too. Owns a
+// buffer and two digest contexts: use one per thread.
+#pragma once
+#include "VantleLibrary/FingerprintReader.h"
+
+#include <expected>
+#include <memory>
+#include <optional>
+
+namespace vantle {
+
+// Up to this size the head, middle and tail slices together are the whole file.
+inline constexpr std::int64_t wholeInOneReadBytes = 3 * sampleSliceBytes;
+
+struct SmallFileDigests {
+    Digest sample;              // of the head, middle and tail slices, as the sample of any file
+    std::optional<Digest> full; // of the whole contents, made for a file of at most one slice
+};
+
+class SmallFileHasher {
+  public:
+    SmallFileHasher();
+    ~SmallFileHasher();
+    SmallFileHasher(const SmallFileHasher&) = delete;
+    SmallFileHasher& operator=(const SmallFileHasher&) = delete;
+
+    // `expected.size` must be at most wholeInOneReadBytes. The file is opened beneath `dirFd` (an open
+    // folder, or AT_FDCWD for an absolute `name`).
+    std::expected<SmallFileDigests, FingerprintReader::Miss>
+    hash(int dirFd, const char* name, const FingerprintReader::Expected& expected);
+
+    // Bytes read by every hash so far (each file once, not once per slice).
+    std::int64_t bytesRead() const { return bytesRead_; }
+
+  private:
+    struct Digester;
+    std::unique_ptr<std::uint8_t[]> buffer_;
+    std::unique_ptr<Digester> digester_;
+    std::int64_t bytesRead_ = 0;
+};
+
+} // namespace vantle

@@ -1,0 +1,104 @@
+#include "VantleLibrary/SmallFileHasher.h"
+#include "VantleLibrary/FingerprintReader.h"
+#include "support/Patterned.h"
+#include "support/TempDir.h"
+
+#include <gtest/gtest.h>
+#include <openssl/evp.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace vantle;
+using namespace std::chrono;
+using vantle::testing::patterned;
+using vantle::testing::TempDir;
+
+namespace {
+
+Digest sha256(std::string_view bytes) {
+    Digest d{};
+    EVP_Digest(bytes.data(), bytes.size(), d.data(), nullptr, EVP_sha256(), nullptr);
+    return d;
+}
+
+FingerprintReader::Expected expectedOf(const std::filesystem::path& file) {
+    auto s = fileStatus(file);
+    EXPECT_TRUE(s) << file;
+    return {s->number, s->size, s->modified};
+}
+
+const TimePoint farFuture = sys_days{2100y / 1 / 1};
+
+} // namespace
+
+// The one-read sample must be the very hash a slice-by-slice read makes, or a small file and its copy
+// hashed by the two paths (one kept in the cache, one read afresh) would never meet.
+TEST(SmallFileHasher, GivesTheSameSampleAsReadingSliceBySliceAndTheWholeHashOfOneSliceFiles) {
+    TempDir dir;
+    SmallFileHasher small;
+    FingerprintReader reader(systemClock(), farFuture);
+    std::int64_t expectedBytes = 0;
+    for (std::int64_t size : {1, 9, 16'383, 16'384, 16'385, 20'001, 32'768, 49'151, 49'152}) {
+        auto content = patterned(static_cast<size_t>(size), static_cast<int>(size % 97));
+        auto file = dir.write("f" + std::to_string(size), content);
+        auto both = small.hash(AT_FDCWD, file.c_str(), expectedOf(file));
+        ASSERT_TRUE(both) << size;
+        EXPECT_EQ(both->sample, reader.hash(file, expectedOf(file), HashMode::sample)) << size;
+        if (size <= sampleSliceBytes) {
+            EXPECT_EQ(both->sample, sha256(content + content + content)) << size;
+            EXPECT_EQ(both->full, sha256(content)) << size;
+        } else {
+            EXPECT_FALSE(both->full) << "past one slice only the few sharing a sample are hashed whole";
+        }
+        expectedBytes += size;
+    }
+    EXPECT_EQ(small.bytesRead(), expectedBytes) << "each file is read once, not once a slice";
+}
+
+TEST(SmallFileHasher, RefusesWhatIsNotTheRecordedFileAndNeverFollowsALink) {
+    TempDir dir;
+    auto file = dir.write("a.txt", patterned(5'000));
+    auto recorded = expectedOf(file);
+    SmallFileHasher small;
+
+    auto touched = recorded;
+    touched.modified += 1;
+    EXPECT_EQ(small.hash(AT_FDCWD, file.c_str(), touched).error(), FingerprintReader::Miss::changedBefore);
+    auto otherInode = recorded;
+    otherInode.number.inode += 1;
+    EXPECT_EQ(small.hash(AT_FDCWD, file.c_str(), otherInode).error(), FingerprintReader::Miss::changedBefore);
+    auto longer = recorded;
+    longer.size += 1;
+    EXPECT_EQ(small.hash(AT_FDCWD, file.c_str(), longer).error(), FingerprintReader::Miss::changedBefore);
+
+    std::filesystem::create_symlink(file, dir / "link");
+    EXPECT_EQ(small.hash(AT_FDCWD, (dir / "link").c_str(), recorded).error(),
+              FingerprintReader::Miss::unopenable);
+    ASSERT_EQ(::mkfifo((dir / "fifo").c_str(), 0600), 0);
+    EXPECT_EQ(small.hash(AT_FDCWD, (dir / "fifo").c_str(), recorded).error(),
+              FingerprintReader::Miss::notRegular)
+        << "a fifo under the name neither blocks nor counts";
+    EXPECT_EQ(small.hash(AT_FDCWD, (dir / "gone").c_str(), recorded).error(),
+              FingerprintReader::Miss::unopenable);
+    EXPECT_EQ(small.bytesRead(), 0);
+
+    // Beneath an open folder, by name alone.
+    auto folder = ::open(dir.path().c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_GE(folder, 0);
+    EXPECT_TRUE(small.hash(folder, "a.txt", recorded));
+    ::close(folder);
+}
+
+TEST(SmallFileHasher, DoesNotMoveTheAccessTime) {
+    TempDir dir;
+    auto file = dir.write("old.txt", patterned(3'000));
+    timespec times[2] = {{1'000'000, 0}, {1'000'000, 0}};
+    ASSERT_EQ(::utimensat(AT_FDCWD, file.c_str(), times, 0), 0);
+    SmallFileHasher small;
+    ASSERT_TRUE(small.hash(AT_FDCWD, file.c_str(), expectedOf(file)));
+    struct stat st {};
+    ASSERT_EQ(::stat(file.c_str(), &st), 0);
+    EXPECT_EQ(st.st_atim.tv_sec, 1'000'000);
+}
