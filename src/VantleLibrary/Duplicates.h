@@ -87,7 +87,7 @@ class Duplicates {
         std::int64_t smallestSize = 1; // empty files are all alike and free nothing
         Clock clock = systemClock();
         std::chrono::milliseconds freshness{60'000}; // how long a complete scan answers again
-        unsigned threads = 0; // hashing threads; 0: two per processor, so a read waits while another hashes
+        unsigned threads = 0; // hashing threads; 0: eight per processor, so the disk has reads to order
     };
 
     static inline constexpr std::string_view cacheNotSaved =
