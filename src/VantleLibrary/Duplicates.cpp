@@ -174,8 +174,10 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
     out.at = toMilliseconds(started); // the precision a stored scan keeps
     cache_.load();
 
-    const auto threads =
-        options_.threads > 0 ? options_.threads : std::max(1u, 8 * std::thread::hardware_concurrency());
+    // Past a few dozen reads in flight a disk orders no better, and a many-core machine would only
+    // pay for the threads and their buffers.
+    const auto threads = options_.threads > 0 ? options_.threads
+                                              : std::clamp(8 * std::thread::hardware_concurrency(), 1u, 32u);
     std::mutex clockMutex; // an injected clock need not be safe to call from two threads
     Clock clock = [&] {
         std::lock_guard hold(clockMutex);
