@@ -336,7 +336,9 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
         std::vector<std::optional<Digest>> madeWhole(mode == HashMode::sample ? toHash.size() : 0);
         std::atomic<size_t> done{files.size() - toHash.size()};
         everyCore(toHash.size(), [&](std::atomic<size_t>& next) {
-            FingerprintReader reader(clock, deadline, &cancel);
+            // Each made when first needed: a reader's buffer is 1 MiB, and many threads meet only
+            // small files or only large ones.
+            std::optional<FingerprintReader> reader;
             std::optional<SmallFileHasher> small;
             std::int64_t reported = 0;
             while (!shouldStop()) {
@@ -356,7 +358,8 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
                         result = std::unexpected(both.error());
                     }
                 } else {
-                    result = reader.hash(pathOf(first), expected, mode);
+                    if (!reader) reader.emplace(clock, deadline, &cancel);
+                    result = reader->hash(pathOf(first), expected, mode);
                 }
                 if (result) {
                     made[k] = *result;
@@ -367,7 +370,7 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
                     // Unreadable, or changed under the scan: its copies, if any, are not known.
                     missed.fetch_add(1);
                 }
-                auto readNow = reader.bytesRead() + (small ? small->bytesRead() : 0);
+                auto readNow = (reader ? reader->bytesRead() : 0) + (small ? small->bytesRead() : 0);
                 report(phase, done, 1, files.size(), readNow - reported);
                 reported = readNow;
             }
