@@ -53,6 +53,14 @@ void printJson(const Json& value) {
     std::cout << dumpEscaped(value, 2) << "\n";
 }
 
+void printJsonStreamed(const std::function<void(JsonWriter&)>& write) {
+    {
+        JsonWriter out([](std::string_view piece) { std::cout.write(piece.data(), std::ssize(piece)); });
+        write(out);
+    }
+    std::cout << "\n";
+}
+
 CLI::Option* addJsonFlag(CLI::App* command) {
     static const std::string description = "Print the result as JSON";
     return command->add_flag("--json", description);

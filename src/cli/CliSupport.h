@@ -5,10 +5,12 @@
 #include "VantleLiteLive/VantleLite.h"
 #include "VantleSpec/CancelFlag.h"
 #include "VantleSpec/Json.h"
+#include "VantleSpec/JsonWriter.h"
 #include "Vantle_Lite/LiteProduct.h"
 
 #include <CLI/CLI.hpp>
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -41,6 +43,9 @@ class CliContext {
 };
 
 void printJson(const Json& value);
+// The same text as printJson, written while `write` walks the answer: for answers too large to
+// build as a tree first.
+void printJsonStreamed(const std::function<void(JsonWriter&)>& write);
 
 // Adds "--json" ("Print the result as JSON"); `*flag` is true when it was given.
 CLI::Option* addJsonFlag(CLI::App* command);

@@ -5,6 +5,7 @@
 
 #include "VantleSpec/TerminalText.h"
 
+#include "VantleLibrary/DuplicateScanJson.h"
 #include "VantleLibrary/Duplicates.h"
 #include "VantleLibrary/FileQueryRunner.h"
 #include "VantleLibrary/SearchParser.h"
@@ -244,7 +245,7 @@ void addFilesSearchCommands(CLI::App& files, CliContext& ctx) {
                 read);
             line.clear();
             if (*duplicatesJson)
-                printJson(Json(scan));
+                printJsonStreamed([&](JsonWriter& out) { writeJson(out, scan); });
             else
                 printDuplicates(scan, live->home);
         });

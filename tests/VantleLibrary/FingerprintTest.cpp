@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
 
+#include <algorithm>
+#include <cctype>
 #include <fcntl.h>
 #include <string>
 #include <sys/mman.h>
@@ -282,6 +284,27 @@ TEST(FingerprintCache, HostileFilesReadAsWhatCanBeSavedFromThem) {
     FingerprintCache array(dir / "array.json");
     array.load();
     EXPECT_EQ(array.size(), 0u);
+}
+
+TEST(FingerprintCache, DigestsInEitherCaseOfHexReadAsTheirBytes) {
+    TempDir dir;
+    auto file = dir.write("a.bin", "contents");
+    auto status = *fileStatus(file);
+    auto lower = hexOf(sha256("x")), upper = lower;
+    std::ranges::transform(upper, upper.begin(), [](char c) { return std::toupper(c); });
+    ASSERT_NE(lower, upper);
+    auto fields = R"({"size":)" + std::to_string(status.size) + R"(,"modified":)" +
+                  std::to_string(status.modified) + R"(,"inode":)" + std::to_string(status.number.inode);
+    for (const auto& [sample, full] : {std::pair{lower, upper}, std::pair{upper, lower}}) {
+        dir.write("fingerprints.json", "{\"" + file.string() + "\":" + fields + R"(,"sample":")" + sample +
+                                           R"(","full":")" + full + "\"}}\n");
+        FingerprintCache cache(dir / "fingerprints.json");
+        cache.load();
+        auto* kept = cache.valid(file, status);
+        ASSERT_TRUE(kept) << sample;
+        EXPECT_EQ(kept->sample, sha256("x"));
+        EXPECT_EQ(kept->full, sha256("x"));
+    }
 }
 
 TEST(FingerprintCache, ANameThatIsNotUtf8IsFoundUnderItsOwnBytes) {

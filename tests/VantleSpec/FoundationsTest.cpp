@@ -33,6 +33,27 @@ TEST(IsoDate, WritesUtcWithMillisecondsAndReadsItBack) {
               "1999-12-31T23:59:59.999Z");
 }
 
+TEST(IsoDate, WritesTheCalendarsEdgesAndTheClocksLimits) {
+    EXPECT_EQ(isoDate(sys_days{2000y / February / 29} + 123ms), "2000-02-29T00:00:00.123Z");
+    EXPECT_EQ(isoDate(sys_days{2100y / March / 1} - 1ms), "2100-02-28T23:59:59.999Z");
+    EXPECT_EQ(isoDate(TimePoint{} - 1ms), "1969-12-31T23:59:59.999Z");
+    // Below the millisecond the fraction is cut toward 1970, as toMilliseconds keeps stored dates.
+    EXPECT_EQ(isoDate(TimePoint{} - 1ns), "1970-01-01T00:00:00.000Z");
+    EXPECT_EQ(isoDate(sys_days{1900y / January / 1} + 1h + 2min + 3s + 4ms), "1900-01-01T01:02:03.004Z");
+    EXPECT_EQ(isoDate(TimePoint::min()), "1677-09-21T00:12:43.146Z");
+    EXPECT_EQ(isoDate(TimePoint::max()), "2262-04-11T23:47:16.854Z");
+}
+
+TEST(IsoDate, ReadsBackEveryWrittenDateToTheMillisecond) {
+    // Steps of a prime number of seconds plus odd milliseconds meet every month, weekday and hour
+    // from before 1970 to after 2100.
+    for (auto at = TimePoint{sys_days{1890y / January / 1}}; at < sys_days{2130y / January / 1};
+         at += 86'413s * 97 + 7ms) {
+        auto text = isoDate(at);
+        ASSERT_EQ(parseIsoDate(text), at) << text;
+    }
+}
+
 TEST(IsoDate, RefusesWhatIsNotADate) {
     for (auto bad : {"", "yesterday", "2026-13-01T00:00:00Z", "2026-02-30T00:00:00Z", "2026-11-21T19:13:05",
                      "2026-11-21T19:13:05.Z", "2026-11-21T19:13:05Zjunk", "2026-11-21T25:00:00Z"})

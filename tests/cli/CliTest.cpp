@@ -4,6 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <sys/stat.h>
@@ -186,4 +189,38 @@ TEST(VantleCommand, AnUnreadableDataFolderSaidOnlyTheSystemErrorWithoutNamingIt)
     EXPECT_NE(err.find("Vantle Lite could not"), std::string::npos) << err;
     EXPECT_NE(err.find(data.string()), std::string::npos) << "the folder is named: " << err;
     EXPECT_EQ(err.find('\n'), err.size() - 1) << "one sentence: " << err;
+}
+
+TEST(VantleCommand, DuplicatesAsJsonNameTheCopiesAndTheUnchangedRescanReadsNothing) {
+    TempDir dir;
+    std::string contents(20'000, 'x'), nearly = contents;
+    nearly.back() = 'y';
+    auto first = dir.write("box/Documents/report \"final\".txt", contents).string();
+    auto second = dir.write("box/Desktop/copy\tof report.txt", contents).string();
+    dir.write("box/Documents/draft.txt", nearly);
+
+    auto copiesOf = [](const nlohmann::json& answer) {
+        std::vector<std::string> paths;
+        for (const auto& group : answer.at("groups"))
+            for (const auto& item : group.at("items"))
+                paths.push_back(item.at("path").get<std::string>());
+        std::ranges::sort(paths);
+        return paths;
+    };
+    std::vector<std::string> expected{second, first};
+    std::ranges::sort(expected);
+    std::int64_t bytesRead[2] = {-1, -1};
+    for (int round : {0, 1}) {
+        auto ran = run(dir, {"-sandbox", (dir / "box").string(), "files", "duplicates", "--json"});
+        ASSERT_EQ(ran.exit, 0) << ran.err;
+        ASSERT_TRUE(ran.out.ends_with("}\n")) << ran.out;
+        auto answer = nlohmann::json::parse(ran.out, nullptr, false);
+        ASSERT_FALSE(answer.is_discarded()) << ran.out;
+        EXPECT_EQ(copiesOf(answer), expected) << "round " << round;
+        EXPECT_EQ(answer.at("groups").size(), 1u);
+        EXPECT_EQ(answer.at("sharing").size(), 1u);
+        bytesRead[round] = answer.at("bytesRead").get<std::int64_t>();
+    }
+    EXPECT_GT(bytesRead[0], 0);
+    EXPECT_EQ(bytesRead[1], 0) << "every file was known from the first scan";
 }
