@@ -190,7 +190,9 @@ void CatalogIndex::encode(const Snapshot& snapshot, const Reading& reading, cons
     w.put(static_cast<std::uint8_t>(reading.isComplete));
     w.put(static_cast<std::uint8_t>(reading.readDisk));
     w.put(static_cast<std::uint8_t>(reading.stop));
-    w.put(static_cast<std::uint8_t>(reading.mediaPending));
+    // One byte of owed facts: an index from before origins were read behind the walk has only the
+    // first bit, and its origins were read in the walk.
+    w.put(static_cast<std::uint8_t>((reading.mediaPending ? 1 : 0) | (reading.attributesPending ? 2 : 0)));
     w.put(reading.entries);
     w.put(reading.seconds);
     w.put(static_cast<std::uint32_t>(reading.missedContents.size()));
@@ -297,7 +299,8 @@ std::expected<CatalogIndex::Kept, CatalogIndex::Problem> readEntries(std::string
     reading.isComplete = isComplete != 0;
     reading.readDisk = readDisk != 0;
     reading.stop = static_cast<Reading::Stop>(stop);
-    reading.mediaPending = mediaPending != 0;
+    reading.mediaPending = (mediaPending & 1) != 0;
+    reading.attributesPending = (mediaPending & 2) != 0;
     reading.missedContents.resize(missed);
     for (auto& path : reading.missedContents)
         r.text(path);
