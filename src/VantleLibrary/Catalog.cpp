@@ -66,7 +66,7 @@ bool Catalog::loadIndexLocked() {
     // A run that ended before the facts were read leaves the walk without them: they are read now.
     kept->reading.mediaPending = kept->reading.mediaPending && options_.readMediaFacts;
     kept->reading.attributesPending = kept->reading.attributesPending && options_.readMediaFacts;
-    walked_ = Result{std::make_shared<const Snapshot>(std::move(kept->snapshot)), std::move(kept->reading)};
+    walked_ = Result{std::make_shared<Snapshot>(std::move(kept->snapshot)), std::move(kept->reading)};
     if (!walked_->reading.mediaPending && !walked_->reading.attributesPending) return false;
     fillFor_ = walked_->snapshot;
     return true;
@@ -135,7 +135,7 @@ Catalog::Result Catalog::read(const CancelFlag& cancel, const DiskWalk::Progress
         // what the user waits for.
         outcome.reading.mediaPending = options_.readMediaFacts && !cancel.isCancelled();
         outcome.reading.attributesPending = outcome.reading.mediaPending;
-        result = {std::make_shared<const Snapshot>(std::move(outcome.snapshot)), std::move(outcome.reading)};
+        result = {std::make_shared<Snapshot>(std::move(outcome.snapshot)), std::move(outcome.reading)};
     } catch (const std::bad_alloc&) {
         // Out of memory with a huge home: answer with nothing rather than leave waiters hanging.
         Reading reading;
@@ -184,26 +184,48 @@ void Catalog::startFilling(const Result& from) {
     if (!from.reading.mediaPending && !from.reading.attributesPending) return;
     std::lock_guard lock(filling_);
     stopFillerLocked();
-    filler_ = std::jthread([this, from] { fill(from); });
+    // Moved into fill(), so the thread holds the snapshot only once (see publish()).
+    filler_ = std::jthread([this, owed = from]() mutable { fill(std::move(owed)); });
 }
 
-bool Catalog::publish(const Result& from, const Result& next) {
-    auto stillInHand = [&] { return walked_ && walked_->snapshot == from.snapshot; };
+bool Catalog::publish(Result& from, Reading reading, const std::function<void(std::vector<Facts>&)>& apply) {
     // The index is replaced under keeping_, with the check first, so a walk that ends meanwhile
     // writes after this one and its newer index stands.
     std::lock_guard keeping(keeping_);
+    Result next{nullptr, std::move(reading)};
     {
         std::lock_guard state(mutex_);
-        if (!stillInHand()) return false;
+        if (!walked_ || walked_->snapshot != from.snapshot) return false;
+        if (apply) {
+            auto filled = std::make_shared<Snapshot>();
+            filled->isWhole = from.snapshot->isWhole;
+            filled->at = from.snapshot->at;
+            // Held only here, in hand and as the snapshot owed (nobody gets it without this lock):
+            // its facts move over instead of being copied, so a large home is never held twice.
+            // Every snapshot is made as a plain Snapshot, so taking from it is allowed.
+            const long holders = 2 + (fillFor_ == from.snapshot ? 1 : 0);
+            if (from.snapshot.use_count() == holders)
+                filled->facts = std::move(const_cast<Snapshot&>(*from.snapshot).facts);
+            else
+                filled->facts = from.snapshot->facts;
+            apply(filled->facts);
+            next.snapshot = std::move(filled);
+        } else {
+            next.snapshot = from.snapshot;
+        }
+        // Still said to owe what it owed until it is kept, so that whoever waits for the facts
+        // finds them in the index too.
+        walked_ = Result{next.snapshot, from.reading};
+        if (fillFor_ == from.snapshot) fillFor_ = next.snapshot;
     }
-    auto result = next;
-    if (options_.indexFile && result.reading.stop != Reading::Stop::cancelled)
-        if (auto kept = CatalogIndex(*options_.indexFile).keep(*result.snapshot, result.reading); !kept)
-            result.reading.notKept = kept.error();
+    if (options_.indexFile && next.reading.stop != Reading::Stop::cancelled)
+        if (auto kept = CatalogIndex(*options_.indexFile).keep(*next.snapshot, next.reading); !kept)
+            next.reading.notKept = kept.error();
+    from = next;
     std::lock_guard state(mutex_);
-    if (!stillInHand()) return false;
-    walked_ = result;
-    if (fillFor_ == from.snapshot) fillFor_ = result.reading.mediaPending ? result.snapshot : nullptr;
+    if (!walked_ || walked_->snapshot != next.snapshot) return false;
+    walked_ = next;
+    if (fillFor_ == next.snapshot && !next.reading.mediaPending) fillFor_.reset();
     mediaRead_.notify_all();
     return true;
 }
@@ -227,17 +249,16 @@ void Catalog::fill(Result from) {
         mediaProgress_.toRead = 0;
         auto found = MediaIndex::attributes(from.snapshot->facts, stopFill_, &mediaProgress_);
         if (!found) return ended();
-        Result next{from.snapshot, from.reading};
-        // Copied only when some file carries something, so a home without any keeps its snapshot.
-        if (!found->empty()) {
-            Snapshot filled = *from.snapshot;
-            for (const auto& [at, attributes] : *found)
-                attributes.applyTo(filled.facts[at]);
-            next.snapshot = std::make_shared<const Snapshot>(std::move(filled));
-        }
-        next.reading.attributesPending = false;
-        if (!publish(from, next)) return ended();
-        from = std::move(next);
+        auto reading = from.reading;
+        reading.attributesPending = false;
+        // A home where no file carries any keeps its snapshot.
+        std::function<void(std::vector<Facts>&)> apply;
+        if (!found->empty())
+            apply = [&](std::vector<Facts>& facts) {
+                for (const auto& [at, attributes] : *found)
+                    attributes.applyTo(facts[at]);
+            };
+        if (!publish(from, std::move(reading), apply)) return ended();
     }
     if (!from.reading.mediaPending) return;
 
@@ -248,17 +269,13 @@ void Catalog::fill(Result from) {
     auto keptMedia = media_.keep();
     if (!found.whole) return ended();
 
-    // Copied only now, so a fill stopped at the end of a short run costs no copy of a large home;
-    // and only when some file carries something, so a home without photos keeps its snapshot.
-    Result result{from.snapshot, from.reading};
-    if (found.carries()) {
-        Snapshot filled = *from.snapshot;
-        found.applyTo(filled.facts);
-        result.snapshot = std::make_shared<const Snapshot>(std::move(filled));
-    }
-    result.reading.mediaPending = false;
-    if (!keptMedia) result.reading.notKept = keptMedia.error();
-    if (!publish(from, result)) ended();
+    auto reading = from.reading;
+    reading.mediaPending = false;
+    if (!keptMedia) reading.notKept = keptMedia.error();
+    // A home without photos keeps its snapshot.
+    std::function<void(std::vector<Facts>&)> apply;
+    if (found.carries()) apply = [&](std::vector<Facts>& facts) { found.applyTo(facts); };
+    if (!publish(from, std::move(reading), apply)) ended();
 }
 
 Catalog::Result Catalog::readWithMediaFacts(const CancelFlag& cancel, const DiskWalk::ProgressFn& progress,
@@ -268,6 +285,7 @@ Catalog::Result Catalog::readWithMediaFacts(const CancelFlag& cancel, const Disk
         return reading.attributesPending || (!attributesOnly && reading.mediaPending);
     };
     if (!owed(result.reading)) return result;
+    result = {}; // not held while the facts are added, so they need not be copied
     std::unique_lock lock(mutex_);
     fillWanted_ = true;
     fillNow_.notify_all();

@@ -116,8 +116,9 @@ class Catalog {
     void stopFilling();
     void stopFillerLocked(); // with filling_ held
     void fill(Result from);
-    // Puts `next` in the place of `from` and keeps it, unless a walk replaced `from` meanwhile.
-    bool publish(const Result& from, const Result& next);
+    // Puts `from` with `reading`, and with `apply` run on its facts when given, in hand and keeps
+    // it, unless a walk replaced it meanwhile; `from` becomes what was put in hand.
+    bool publish(Result& from, Reading reading, const std::function<void(std::vector<Facts>&)>& apply);
 
     const Options options_;
     mutable std::mutex mutex_;

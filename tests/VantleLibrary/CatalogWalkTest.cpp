@@ -131,10 +131,14 @@ TEST(Catalog, ReadsDownloadOriginsAndTagsBehindTheWalkAndFindsFilesByThem) {
               std::string(Reading::attributesPendingSentence))
         << "a search by source says what it may be missing";
     EXPECT_FALSE(searchFiles(parser, "zips", *walked.snapshot, walked.reading).note);
+    const Facts* walkedFacts = walked.snapshot->facts.data(); // only compared, never read
+    walked = {};
 
     // The origins come first: who needs only them does not wait for the photos and songs.
     auto read = catalog.readWithMediaFacts(cancel, {}, {}, true);
     EXPECT_FALSE(read.reading.attributesPending);
+    EXPECT_EQ(read.snapshot->facts.data(), walkedFacts)
+        << "added to the walk's own list, which nobody else held, not to a copy of it";
     auto facts = byRelativePath(*read.snapshot, home.path());
     EXPECT_EQ(facts.at("Documents/Report.PDF").tags, (std::vector<std::string>{"work", "taxes"}));
     EXPECT_TRUE(facts.at("Documents/Report.PDF").whereFroms.empty());
@@ -177,10 +181,13 @@ TEST(Catalog, AReadingThatEndsBeforeTheDelayNeverReadsLateFactsAndKeepsThemOwed)
     auto owed = CatalogIndex(data / "catalog.index").load()->reading;
     EXPECT_TRUE(owed.attributesPending && owed.mediaPending) << "kept as owed, for the next run";
 
-    // The next run that needs them reads them.
+    // The next run that needs them reads them; a reading someone still holds stays as it was.
     Catalog next(options);
+    auto held = next.read(cancel);
     auto read = next.readWithMediaFacts(cancel);
     EXPECT_FALSE(read.reading.mediaPending || read.reading.attributesPending);
+    EXPECT_EQ(held.snapshot->facts.size(), read.snapshot->facts.size());
+    EXPECT_TRUE(byRelativePath(*held.snapshot, home.path()).at("Downloads/photos.zip").whereFroms.empty());
     EXPECT_EQ(byRelativePath(*read.snapshot, home.path()).at("Downloads/photos.zip").whereFroms.size(), 1u);
     EXPECT_TRUE(std::filesystem::exists(data / "media.index"));
 }
