@@ -140,6 +140,7 @@ TEST(CatalogIndex, AnIndexOfManyPiecesReadsBackWholeAndADamagedLaterPieceIsNotic
     auto bytes = CatalogIndex::encode(snapshot, reading);
     ASSERT_GT(bytes.size(), std::size_t{2} << 20); // several pieces
 
+    // load() gives the file's memory back as it decodes: only what was decoded may go.
     auto kept = index.load();
     ASSERT_TRUE(kept);
     EXPECT_EQ(kept->snapshot.facts, snapshot.facts);
