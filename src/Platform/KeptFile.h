@@ -53,6 +53,9 @@ class KeptBytes {
     KeptBytes& operator=(const KeptBytes&) = delete;
 
     std::string_view view() const { return {static_cast<const char*>(base_), size_}; }
+    // Gives the memory of the bytes before `offset` back to the system, in whole pages, as a reader
+    // that has decoded them moves on; they read as zeros afterwards. Not while another thread reads.
+    void letGoBefore(std::size_t offset);
 
   private:
     friend std::expected<KeptBytes, KeptFileFailure> readLargeKeptFile(const std::filesystem::path&,

@@ -65,28 +65,31 @@ bool Catalog::loadIndexLocked() {
     if (!kept) return false;
     // A run that ended before the facts were read leaves the walk without them: they are read now.
     kept->reading.mediaPending = kept->reading.mediaPending && options_.readMediaFacts;
-    walked_ = Result{std::make_shared<const Snapshot>(std::move(kept->snapshot)), std::move(kept->reading)};
-    if (!walked_->reading.mediaPending) return false;
+    kept->reading.attributesPending = kept->reading.attributesPending && options_.readMediaFacts;
+    walked_ = Result{std::make_shared<Snapshot>(std::move(kept->snapshot)), std::move(kept->reading)};
+    if (!walked_->reading.mediaPending && !walked_->reading.attributesPending) return false;
     fillFor_ = walked_->snapshot;
     return true;
 }
 
-std::optional<CatalogIndex::Kept> Catalog::readKept(const CatalogIndex::Each& each, bool needsMediaFacts) {
+std::optional<CatalogIndex::Kept> Catalog::readKept(const CatalogIndex::Each& each, bool needsMediaFacts,
+                                                    bool needsAttributes) {
     std::lock_guard lock(mutex_);
     if (walked_ || indexLoaded_ || walks_ == Walk::running || !options_.indexFile) return std::nullopt;
     const bool stale = changes_ > 0 || cancelledWalk_;
     bool fresh = false;
-    auto kept = CatalogIndex(*options_.indexFile)
-                    .stream(
-                        [&](const CatalogIndex::Kept& walk, std::size_t) {
-                            // One still owing its media facts is loaded instead, so that they are read.
-                            fresh =
-                                decide(Walk::ready, walk.snapshot.at, stale, options_.now(),
-                                       options_.walkFreshness) == Next::use &&
-                                !(needsMediaFacts && walk.reading.mediaPending && options_.readMediaFacts);
-                            return fresh;
-                        },
-                        each);
+    auto kept =
+        CatalogIndex(*options_.indexFile)
+            .stream(
+                [&](const CatalogIndex::Kept& walk, std::size_t) {
+                    // One still owing its media facts is loaded instead, so that they are read.
+                    fresh = decide(Walk::ready, walk.snapshot.at, stale, options_.now(),
+                                   options_.walkFreshness) == Next::use &&
+                            !(needsMediaFacts && walk.reading.mediaPending && options_.readMediaFacts) &&
+                            !(needsAttributes && walk.reading.attributesPending && options_.readMediaFacts);
+                    return fresh;
+                },
+                each);
     if (kept && fresh) return std::move(*kept);
     // A missing or damaged index is not read again; a stale one is still loaded by read(), so that
     // latest() has it while the walk runs.
@@ -131,7 +134,8 @@ Catalog::Result Catalog::read(const CancelFlag& cancel, const DiskWalk::Progress
         // Read behind the walk, never in it: most files carry nothing, and the walk's snapshot is
         // what the user waits for.
         outcome.reading.mediaPending = options_.readMediaFacts && !cancel.isCancelled();
-        result = {std::make_shared<const Snapshot>(std::move(outcome.snapshot)), std::move(outcome.reading)};
+        outcome.reading.attributesPending = outcome.reading.mediaPending;
+        result = {std::make_shared<Snapshot>(std::move(outcome.snapshot)), std::move(outcome.reading)};
     } catch (const std::bad_alloc&) {
         // Out of memory with a huge home: answer with nothing rather than leave waiters hanging.
         Reading reading;
@@ -150,7 +154,7 @@ Catalog::Result Catalog::read(const CancelFlag& cancel, const DiskWalk::Progress
     changes_ -= changesBefore;
     cancelledWalk_ = result.reading.stop == Reading::Stop::cancelled;
     walked_ = result;
-    fillFor_ = result.reading.mediaPending ? result.snapshot : nullptr;
+    fillFor_ = result.reading.mediaPending || result.reading.attributesPending ? result.snapshot : nullptr;
     walks_ = Walk::ready;
     ++generation_;
     walkEnded_.notify_all();
@@ -159,78 +163,134 @@ Catalog::Result Catalog::read(const CancelFlag& cancel, const DiskWalk::Progress
     return result;
 }
 
-void Catalog::stopFilling() {
-    std::lock_guard lock(filling_);
+void Catalog::stopFillerLocked() {
     if (!filler_.joinable()) return;
     stopFill_.cancel();
+    {
+        // Under mutex_, so a filler about to wait for its delay cannot miss the news.
+        std::lock_guard state(mutex_);
+        fillNow_.notify_all();
+    }
     filler_.join();
     stopFill_.reset();
 }
 
-void Catalog::startFilling(const Result& from) {
-    if (!from.reading.mediaPending) return;
+void Catalog::stopFilling() {
     std::lock_guard lock(filling_);
-    if (filler_.joinable()) {
-        stopFill_.cancel();
-        filler_.join();
-        stopFill_.reset();
+    stopFillerLocked();
+}
+
+void Catalog::startFilling(const Result& from) {
+    if (!from.reading.mediaPending && !from.reading.attributesPending) return;
+    std::lock_guard lock(filling_);
+    stopFillerLocked();
+    // Moved into fill(), so the thread holds the snapshot only once (see publish()).
+    filler_ = std::jthread([this, owed = from]() mutable { fill(std::move(owed)); });
+}
+
+bool Catalog::publish(Result& from, Reading reading, const std::function<void(std::vector<Facts>&)>& apply) {
+    // The index is replaced under keeping_, with the check first, so a walk that ends meanwhile
+    // writes after this one and its newer index stands.
+    std::lock_guard keeping(keeping_);
+    Result next{nullptr, std::move(reading)};
+    {
+        std::lock_guard state(mutex_);
+        if (!walked_ || walked_->snapshot != from.snapshot) return false;
+        if (apply) {
+            auto filled = std::make_shared<Snapshot>();
+            filled->isWhole = from.snapshot->isWhole;
+            filled->at = from.snapshot->at;
+            // Held only here, in hand and as the snapshot owed (nobody gets it without this lock):
+            // its facts move over instead of being copied, so a large home is never held twice.
+            // Every snapshot is made as a plain Snapshot, so taking from it is allowed.
+            const long holders = 2 + (fillFor_ == from.snapshot ? 1 : 0);
+            if (from.snapshot.use_count() == holders)
+                filled->facts = std::move(const_cast<Snapshot&>(*from.snapshot).facts);
+            else
+                filled->facts = from.snapshot->facts;
+            apply(filled->facts);
+            next.snapshot = std::move(filled);
+        } else {
+            next.snapshot = from.snapshot;
+        }
+        // Still said to owe what it owed until it is kept, so that whoever waits for the facts
+        // finds them in the index too.
+        walked_ = Result{next.snapshot, from.reading};
+        if (fillFor_ == from.snapshot) fillFor_ = next.snapshot;
     }
-    filler_ = std::jthread([this, from] { fill(from); });
+    if (options_.indexFile && next.reading.stop != Reading::Stop::cancelled)
+        if (auto kept = CatalogIndex(*options_.indexFile).keep(*next.snapshot, next.reading); !kept)
+            next.reading.notKept = kept.error();
+    from = next;
+    std::lock_guard state(mutex_);
+    if (!walked_ || walked_->snapshot != next.snapshot) return false;
+    walked_ = next;
+    if (fillFor_ == next.snapshot && !next.reading.mediaPending) fillFor_.reset();
+    mediaRead_.notify_all();
+    return true;
 }
 
 void Catalog::fill(Result from) {
-    mediaProgress_.read = 0;
-    mediaProgress_.toRead = 0;
-    auto found = media_.fill(from.snapshot->facts, stopFill_, &mediaProgress_);
-    // Kept even when stopped, so the next run reads only what is left.
-    auto keptMedia = media_.keep();
-    auto stillInHand = [&] { return walked_ && walked_->snapshot == from.snapshot; };
     auto ended = [&] {
         std::lock_guard state(mutex_);
         if (fillFor_ == from.snapshot) fillFor_.reset();
         mediaRead_.notify_all();
     };
+    {
+        std::unique_lock state(mutex_);
+        fillNow_.wait_for(state, options_.lateFactsDelay,
+                          [&] { return fillWanted_ || stopFill_.isCancelled(); });
+    }
+    if (stopFill_.isCancelled()) return ended();
+
+    // Origins and tags first: one quick call per file, and what the sources wait for.
+    if (from.reading.attributesPending) {
+        mediaProgress_.read = 0;
+        mediaProgress_.toRead = 0;
+        auto found = MediaIndex::attributes(from.snapshot->facts, stopFill_, &mediaProgress_);
+        if (!found) return ended();
+        auto reading = from.reading;
+        reading.attributesPending = false;
+        // A home where no file carries any keeps its snapshot.
+        std::function<void(std::vector<Facts>&)> apply;
+        if (!found->empty())
+            apply = [&](std::vector<Facts>& facts) {
+                for (const auto& [at, attributes] : *found)
+                    attributes.applyTo(facts[at]);
+            };
+        if (!publish(from, std::move(reading), apply)) return ended();
+    }
+    if (!from.reading.mediaPending) return;
+
+    mediaProgress_.read = 0;
+    mediaProgress_.toRead = 0;
+    auto found = media_.fill(from.snapshot->facts, stopFill_, &mediaProgress_);
+    // Kept even when stopped, so the next run reads only what is left.
+    auto keptMedia = media_.keep();
     if (!found.whole) return ended();
 
-    // Copied only now, so a fill stopped at the end of a short run costs no copy of a large home;
-    // and only when some file carries something, so a home without photos keeps its snapshot.
-    bool carries =
-        std::ranges::any_of(found.found, [](const auto& each) { return each.second != MediaFacts{}; });
-    Result result{from.snapshot, from.reading};
-    if (carries) {
-        Snapshot filled = *from.snapshot;
-        found.applyTo(filled.facts);
-        result.snapshot = std::make_shared<const Snapshot>(std::move(filled));
-    }
-    result.reading.mediaPending = false;
-    if (!keptMedia) result.reading.notKept = keptMedia.error();
-    // The index is replaced under keeping_, with the check first, so a walk that ends meanwhile
-    // writes after this one and its newer index stands.
-    std::lock_guard keeping(keeping_);
-    {
-        std::lock_guard state(mutex_);
-        if (!stillInHand()) {
-            if (fillFor_ == from.snapshot) fillFor_.reset();
-            mediaRead_.notify_all();
-            return;
-        }
-    }
-    if (options_.indexFile && result.reading.stop != Reading::Stop::cancelled)
-        if (auto kept = CatalogIndex(*options_.indexFile).keep(*result.snapshot, result.reading); !kept)
-            result.reading.notKept = kept.error();
-    std::lock_guard state(mutex_);
-    if (stillInHand()) walked_ = result;
-    if (fillFor_ == from.snapshot) fillFor_.reset();
-    mediaRead_.notify_all();
+    auto reading = from.reading;
+    reading.mediaPending = false;
+    if (!keptMedia) reading.notKept = keptMedia.error();
+    // A home without photos keeps its snapshot.
+    std::function<void(std::vector<Facts>&)> apply;
+    if (found.carries()) apply = [&](std::vector<Facts>& facts) { found.applyTo(facts); };
+    if (!publish(from, std::move(reading), apply)) ended();
 }
 
 Catalog::Result Catalog::readWithMediaFacts(const CancelFlag& cancel, const DiskWalk::ProgressFn& progress,
-                                            const MediaProgressFn& mediaProgress) {
+                                            const MediaProgressFn& mediaProgress, bool attributesOnly) {
     auto result = read(cancel, progress);
-    if (!result.reading.mediaPending) return result;
+    auto owed = [&](const Reading& reading) {
+        return reading.attributesPending || (!attributesOnly && reading.mediaPending);
+    };
+    if (!owed(result.reading)) return result;
+    result = {}; // not held while the facts are added, so they need not be copied
     std::unique_lock lock(mutex_);
+    fillWanted_ = true;
+    fillNow_.notify_all();
     auto done = [&] {
-        return !walked_->reading.mediaPending || (walks_ == Walk::ready && fillFor_ != walked_->snapshot);
+        return !owed(walked_->reading) || (walks_ == Walk::ready && fillFor_ != walked_->snapshot);
     };
     while (!done() && !cancel.isCancelled()) {
         if (mediaProgress) {

@@ -46,10 +46,16 @@ class Catalog {
         // Where the latest walk is kept between runs (Library/catalog.index in the data folder); none
         // keeps it only in memory. A kept walk answers like a walk of this run, by the same freshness.
         std::optional<std::filesystem::path> indexFile;
-        // Read photos' capture dates and cameras and the playing time of songs and videos after each
-        // walk, behind it, once per file: kept in media.index beside the index file (in memory
-        // without one). The walk's snapshot is published first, marked mediaPending.
+        // Read download origins and tags, photos' capture dates and cameras and the playing time of
+        // songs and videos after each walk, behind it (media facts once per file: kept in media.index
+        // beside the index file, in memory without one). The walk's snapshot is published first,
+        // marked mediaPending.
         bool readMediaFacts = true;
+        // How long after a walk that reading waits before it starts, unless someone asks for those
+        // facts first: a command that only wanted counts has answered and ended by then, and
+        // never pays for them. Their absence is kept with the walk, so whoever needs them later
+        // has them read.
+        std::chrono::milliseconds lateFactsDelay{2000};
     };
 
     struct Result {
@@ -74,15 +80,18 @@ class Catalog {
     // its facts. nullopt when read() must be asked instead (then whatever `each` saw is void).
     // `needsMediaFacts` refuses a kept walk whose media facts were never read (its run ended first),
     // so that read() loads it and reads them.
-    std::optional<CatalogIndex::Kept> readKept(const CatalogIndex::Each& each, bool needsMediaFacts = false);
+    // `needsAttributes` does the same for download origins and tags.
+    std::optional<CatalogIndex::Kept> readKept(const CatalogIndex::Each& each, bool needsMediaFacts = false,
+                                               bool needsAttributes = false);
 
-    // The latest reading once its photos' and media facts have been read, waiting for that when it is
-    // under way; for a caller whose answer depends on them and who would rather wait than be told
-    // it may be missing files. `progress` sees how many files are read of how many, about ten
-    // times a second. Stopped by `cancel`, it answers the reading in hand, still mediaPending.
+    // The latest reading once its download origins, tags, photos' and media facts have been read,
+    // waiting for that when it is under way; for a caller whose answer depends on them and who would rather
+    // wait than be told it may be missing files. `progress` sees how many files are read of how many, about
+    // ten times a second. Stopped by `cancel`, it answers the reading in hand, still mediaPending.
     using MediaProgressFn = std::function<void(std::size_t read, std::size_t toRead)>;
+    // `attributesOnly` waits only for the origins and tags, which are read first.
     Result readWithMediaFacts(const CancelFlag& cancel, const DiskWalk::ProgressFn& progress = {},
-                              const MediaProgressFn& mediaProgress = {});
+                              const MediaProgressFn& mediaProgress = {}, bool attributesOnly = false);
 
     Next next() const;
     // A change was heard under the scope: the snapshot in hand is stale.
@@ -105,7 +114,11 @@ class Catalog {
     // Starts reading the media facts of `from` behind it (the one running before is stopped first).
     void startFilling(const Result& from);
     void stopFilling();
+    void stopFillerLocked(); // with filling_ held
     void fill(Result from);
+    // Puts `from` with `reading`, and with `apply` run on its facts when given, in hand and keeps
+    // it, unless a walk replaced it meanwhile; `from` becomes what was put in hand.
+    bool publish(Result& from, Reading reading, const std::function<void(std::vector<Facts>&)>& apply);
 
     const Options options_;
     mutable std::mutex mutex_;
@@ -124,6 +137,9 @@ class Catalog {
     std::mutex filling_;
     std::jthread filler_;
     CancelFlag stopFill_;
+    // With mutex_: someone waits for the facts read behind the walk, so the delay is cut short.
+    bool fillWanted_ = false;
+    std::condition_variable fillNow_;
     MediaIndex media_;
     MediaIndex::Progress mediaProgress_;
     std::condition_variable mediaRead_; // with mutex_: a fill ended, whether or not it published

@@ -165,6 +165,7 @@ class Reader {
     }
     bool ok() const { return ok_; }
     std::size_t left() const { return rest_.size(); }
+    const char* at() const { return rest_.data(); }
 
   private:
     bool fail() {
@@ -190,7 +191,9 @@ void CatalogIndex::encode(const Snapshot& snapshot, const Reading& reading, cons
     w.put(static_cast<std::uint8_t>(reading.isComplete));
     w.put(static_cast<std::uint8_t>(reading.readDisk));
     w.put(static_cast<std::uint8_t>(reading.stop));
-    w.put(static_cast<std::uint8_t>(reading.mediaPending));
+    // One byte of owed facts: an index from before origins were read behind the walk has only the
+    // first bit, and its origins were read in the walk.
+    w.put(static_cast<std::uint8_t>((reading.mediaPending ? 1 : 0) | (reading.attributesPending ? 2 : 0)));
     w.put(reading.entries);
     w.put(reading.seconds);
     w.put(static_cast<std::uint32_t>(reading.missedContents.size()));
@@ -267,9 +270,11 @@ namespace {
 
 // Reads the walk's own record, then hands `each` every entry in turn through one reused Facts, so a
 // search can look at every entry without the whole list ever being held. `each` may move from it.
+// `decoded`, when given, is told every few mebibytes how far the entries have been decoded.
 template <class Each>
-std::expected<CatalogIndex::Kept, CatalogIndex::Problem> readEntries(std::string_view bytes, Each&& each,
-                                                                     const CatalogIndex::Wanted* wanted) {
+std::expected<CatalogIndex::Kept, CatalogIndex::Problem>
+readEntries(std::string_view bytes, Each&& each, const CatalogIndex::Wanted* wanted,
+            const std::function<void(const char* upTo)>* decoded = nullptr) {
     using Problem = CatalogIndex::Problem;
     auto unreadable = std::unexpected(Problem::unreadable);
     if (bytes.size() < magic.size() + trailerBytes || !bytes.starts_with(magic) || !bytes.ends_with(endMark))
@@ -297,7 +302,8 @@ std::expected<CatalogIndex::Kept, CatalogIndex::Problem> readEntries(std::string
     reading.isComplete = isComplete != 0;
     reading.readDisk = readDisk != 0;
     reading.stop = static_cast<Reading::Stop>(stop);
-    reading.mediaPending = mediaPending != 0;
+    reading.mediaPending = (mediaPending & 1) != 0;
+    reading.attributesPending = (mediaPending & 2) != 0;
     reading.missedContents.resize(missed);
     for (auto& path : reading.missedContents)
         r.text(path);
@@ -318,7 +324,9 @@ std::expected<CatalogIndex::Kept, CatalogIndex::Problem> readEntries(std::string
     if (!r.ok() || count > r.left() / 32) return unreadable;
     if (wanted && !(*wanted)(kept, static_cast<std::size_t>(count))) return kept;
     Facts f;
+    constexpr std::uint64_t tellEvery = 16384; // entries: a few mebibytes of the file
     for (std::uint64_t i = 0; i < count; ++i) {
+        if (decoded && i % tellEvery == tellEvery - 1) (*decoded)(r.at());
         std::uint16_t present = 0;
         std::uint32_t type = 0;
         if (!r.get(present) || !r.text(f.path)) return unreadable;
@@ -379,6 +387,11 @@ std::expected<CatalogIndex::Kept, CatalogIndex::Problem> readEntries(std::string
 } // namespace
 
 std::expected<CatalogIndex::Kept, CatalogIndex::Problem> CatalogIndex::decode(std::string_view bytes) {
+    return decode(bytes, {});
+}
+
+std::expected<CatalogIndex::Kept, CatalogIndex::Problem>
+CatalogIndex::decode(std::string_view bytes, const std::function<void(const char* upTo)>& decoded) {
     std::vector<Facts> facts;
     auto reserve = [&](const Kept&, std::size_t count) {
         facts.reserve(count);
@@ -387,7 +400,7 @@ std::expected<CatalogIndex::Kept, CatalogIndex::Problem> CatalogIndex::decode(st
     };
     Wanted wanted = reserve;
     auto kept = readEntries(
-        bytes, [&](Facts& f) { facts.push_back(std::move(f)); }, &wanted);
+        bytes, [&](Facts& f) { facts.push_back(std::move(f)); }, &wanted, decoded ? &decoded : nullptr);
     if (kept) kept->snapshot.facts = std::move(facts);
     return kept;
 }
@@ -424,7 +437,11 @@ std::expected<KeptBytes, CatalogIndex::Problem> CatalogIndex::readBytes() const 
 std::expected<CatalogIndex::Kept, CatalogIndex::Problem> CatalogIndex::load() const {
     auto bytes = readBytes();
     if (!bytes) return std::unexpected(bytes.error());
-    return decode(bytes->view());
+    // The file's bytes are given back as they become entries: a large home's index and its
+    // decoded walk are never held whole side by side.
+    const char* base = bytes->view().data();
+    return decode(bytes->view(),
+                  [&](const char* upTo) { bytes->letGoBefore(static_cast<std::size_t>(upTo - base)); });
 }
 
 std::expected<void, std::string> CatalogIndex::keep(const Snapshot& snapshot, const Reading& reading) const {

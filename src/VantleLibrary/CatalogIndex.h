@@ -68,6 +68,10 @@ class CatalogIndex {
     // The file's bytes, and back; exposed so a damaged file can be made in a test.
     static std::string encode(const Snapshot& snapshot, const Reading& reading);
     static std::expected<Kept, Problem> decode(std::string_view bytes);
+    // The same, telling `decoded` now and then how far the entries have been read: the bytes
+    // before that are not looked at again.
+    static std::expected<Kept, Problem> decode(std::string_view bytes,
+                                               const std::function<void(const char* upTo)>& decoded);
     static std::expected<Kept, Problem> decodeEach(std::string_view bytes, const Wanted& wanted,
                                                    const Each& each);
 

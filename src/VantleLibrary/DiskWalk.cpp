@@ -284,7 +284,7 @@ class Walker {
             std::string path;
             path.reserve(folder.path.size() + 1 + entry.name.size());
             path.append(folder.path).append(1, '/').append(entry.name);
-            auto facts = factsOf(std::move(path), entry.name, *status, fd.get());
+            auto facts = factsOf(std::move(path), entry.name, *status);
             const auto& name = facts.name;
             bool keep = !folder.appsOnly || facts.kind() == LibraryKind::apps;
             if (facts.isPackage) {

@@ -53,6 +53,9 @@ struct Reading {
     // behind this reading: a later one of the same walk carries them. Only searches by those facts
     // can miss files meanwhile, so note() leaves it out and the search says it (mediaPendingSentence).
     bool mediaPending = false;
+    // The same for download origins and tags, read first (attributesPendingSentence). Whoever needs
+    // either waits for them (Catalog::readWithMediaFacts).
+    bool attributesPending = false;
 
     // Why the reading may be incomplete, for the user; none when it is complete.
     std::optional<std::string> note() const;
@@ -68,6 +71,8 @@ struct Reading {
     static constexpr std::string_view mediaPendingSentence =
         "Cameras, capture dates and playing times are still being read, so some files they would "
         "match may be missing.";
+    static constexpr std::string_view attributesPendingSentence =
+        "Where files came from is still being read, so some files it would match may be missing.";
 };
 
 // "300,000": counts in sentences are grouped by thousands.

@@ -90,16 +90,20 @@ std::vector<std::string> splitTags(std::string_view text) {
     return tags;
 }
 
+} // namespace
+
 // Most files carry no user attributes at all; one listing call tells, so the common case costs one
 // system call instead of three lookups that fail.
-void readAttributes(Facts& facts, const Place& at) {
+AttributeFacts attributesOf(int dirFd, const char* name, const char* path) {
+    AttributeFacts facts;
+    const Place at{dirFd, name, path};
     std::array<char, 1024> names;
     ssize_t n = listAttributes(at, names.data(), names.size());
     // A list longer than the buffer: ask for each attribute by name instead.
     bool tooMany = n < 0 && errno == ERANGE;
-    if (n <= 0 && !tooMany) return;
+    if (n <= 0 && !tooMany) return facts;
     std::string_view listed(names.data(), tooMany ? 0 : static_cast<size_t>(n));
-    if (!tooMany && listed.find("user.xdg.") == std::string_view::npos) return;
+    if (!tooMany && listed.find("user.xdg.") == std::string_view::npos) return facts;
     auto has = [&](std::string_view name) {
         if (tooMany) return true;
         for (size_t i = 0; i < listed.size();) {
@@ -117,9 +121,13 @@ void readAttributes(Facts& facts, const Place& at) {
             facts.whereFroms.push_back(std::move(*referrer));
     if (has(tagsAttribute))
         if (auto tags = attribute(at, tagsAttribute)) facts.tags = splitTags(*tags);
+    return facts;
 }
 
-} // namespace
+void AttributeFacts::applyTo(Facts& facts) const {
+    facts.whereFroms = whereFroms;
+    facts.tags = tags;
+}
 
 std::optional<LibraryKind> Facts::kind() const {
     if (isFolder && !isPackage) return std::nullopt;
@@ -157,7 +165,7 @@ bool isScreenshotName(std::string_view name, std::string_view contentType) {
     return false;
 }
 
-Facts factsOf(std::string path, std::string_view name, const EntryStatus& status, int dirFd) {
+Facts factsOf(std::string path, std::string_view name, const EntryStatus& status) {
     Facts facts;
     facts.path = std::move(path);
     facts.name = std::string(name);
@@ -173,8 +181,6 @@ Facts factsOf(std::string path, std::string_view name, const EntryStatus& status
     facts.added = status.born ? *status.born : status.changed;
     facts.lastUsed = status.accessed;
     facts.isScreenshot = !facts.isFolder && isScreenshotName(name, facts.contentType);
-    // Browsers mark downloaded files; a folder's origin would say nothing the sources could use.
-    if (!facts.isFolder) readAttributes(facts, Place{dirFd, facts.name.c_str(), facts.path.c_str()});
     return facts;
 }
 

@@ -59,9 +59,22 @@ inline constexpr const char* originAttribute = "user.xdg.origin.url";
 inline constexpr const char* referrerAttribute = "user.xdg.referrer.url";
 inline constexpr const char* tagsAttribute = "user.xdg.tags";
 
-// Facts for one entry from its status. `path` is absolute; `dirFd`, when given, is the open folder
-// that holds `name`. Extended attributes are read without following a link; an entry whose
-// attributes cannot be read simply has none.
-Facts factsOf(std::string path, std::string_view name, const EntryStatus& status, int dirFd = -1);
+// Facts for one entry from its status alone. `path` is absolute. Download origins and tags are
+// left empty: they cost a system call more per file, so they are read behind the walk (attributesOf).
+Facts factsOf(std::string path, std::string_view name, const EntryStatus& status);
+
+// What a file's extended attributes tell: where it was downloaded from, and its tags.
+struct AttributeFacts {
+    std::vector<std::string> whereFroms;
+    std::vector<std::string> tags;
+    bool empty() const { return whereFroms.empty() && tags.empty(); }
+    void applyTo(Facts& facts) const;
+    bool operator==(const AttributeFacts&) const = default;
+};
+
+// Reads them without following a link: `name` relative to the open folder `dirFd` where the kernel
+// allows (dirFd may be -1), else by the absolute `path` of the same entry. An entry whose attributes
+// cannot be read simply has none.
+AttributeFacts attributesOf(int dirFd, const char* name, const char* path);
 
 } // namespace vantle

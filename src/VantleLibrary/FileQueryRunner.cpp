@@ -213,10 +213,12 @@ SearchResult finished(SearchResult result, QueryAnswer answer, const Reading& re
     result.items = std::move(answer.items);
     result.total = answer.total;
     result.note = reading.note();
-    if (reading.mediaPending && usesMediaFacts(result.parsed.query)) {
-        auto pending = std::string(Reading::mediaPendingSentence);
-        result.note = result.note ? *result.note + " " + pending : pending;
-    }
+    auto owed = [&](std::string_view sentence) {
+        result.note = result.note ? *result.note + " " + std::string(sentence) : std::string(sentence);
+    };
+    if (reading.attributesPending && usesAttributeFacts(result.parsed.query))
+        owed(Reading::attributesPendingSentence);
+    if (reading.mediaPending && usesMediaFacts(result.parsed.query)) owed(Reading::mediaPendingSentence);
     auto elapsed = std::chrono::steady_clock::now() - started;
     result.parsed.milliseconds =
         static_cast<int>(std::lround(std::chrono::duration<double, std::milli>(elapsed).count()));
@@ -229,6 +231,10 @@ bool usesMediaFacts(const FileQuery& query) {
     bool byDate = (query.after || query.before) && (query.dateField == FileQuery::DateField::any ||
                                                     query.dateField == FileQuery::DateField::created);
     return query.camera || query.minLength || query.maxLength || byDate;
+}
+
+bool usesAttributeFacts(const FileQuery& query) {
+    return query.source.has_value();
 }
 
 QueryAnswer runQuery(const FileQuery& query, std::span<const Facts> facts) {

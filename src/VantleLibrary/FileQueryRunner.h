@@ -46,6 +46,8 @@ class QueryMatcher {
 // Whether the query asks about what is read from photos, songs and videos behind the walk: a camera,
 // a playing time, or dates (which a photo's capture date can meet).
 bool usesMediaFacts(const FileQuery& query);
+// Whether it asks where files came from, which is also read behind the walk.
+bool usesAttributeFacts(const FileQuery& query);
 
 // Parses `words` and runs the query over the reading, timing both. A reading that was not complete,
 // or whose media facts are still being read when the query needs them, makes the result say so in

@@ -41,14 +41,15 @@ Catalog::Result Library::read(const CancelFlag& cancel, const DiskWalk::Progress
 std::optional<SearchResult> Library::search(const SearchParser& parser, std::string_view words, int limit,
                                             const CancelFlag& cancel, const DiskWalk::ProgressFn& progress,
                                             const Catalog::MediaProgressFn* waitForMediaFacts) {
-    const bool needsMediaFacts = usesMediaFacts(parser.parse(words, limit).query);
+    const auto query = parser.parse(words, limit).query;
+    const bool needsMediaFacts = usesMediaFacts(query), needsAttributes = usesAttributeFacts(query);
     auto fromIndex = searchFiles(parser, words, limit, [&](const std::function<void(const Facts&)>& each) {
-        auto kept = catalog_.readKept(each, needsMediaFacts);
+        auto kept = catalog_.readKept(each, needsMediaFacts, needsAttributes);
         return kept ? std::optional(kept->reading) : std::nullopt;
     });
     if (fromIndex) return fromIndex;
-    auto result = waitForMediaFacts && needsMediaFacts
-                      ? catalog_.readWithMediaFacts(cancel, progress, *waitForMediaFacts)
+    auto result = waitForMediaFacts && (needsMediaFacts || needsAttributes)
+                      ? catalog_.readWithMediaFacts(cancel, progress, *waitForMediaFacts, !needsMediaFacts)
                       : catalog_.read(cancel, progress);
     if (cancel.isCancelled() || !result.snapshot) return std::nullopt;
     return searchFiles(parser, words, *result.snapshot, result.reading, limit);

@@ -2,12 +2,15 @@
 
 #include "Platform/AtomicFile.h"
 #include "Platform/IoPriority.h"
+#include "Platform/UniqueFd.h"
 #include "Platform/UserEntryOpen.h"
 #include "VantleSpec/Sentence.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <fcntl.h>
+#include <iterator>
 #include <sys/stat.h>
 #include <thread>
 
@@ -49,9 +52,9 @@ struct MediaCursor {
     }
 };
 
-std::optional<MediaIndex::Key> mediaKeyOf(const std::string& path) {
+std::optional<MediaIndex::Key> mediaKeyOf(int dirFd, const char* name) {
     struct statx st {};
-    if (::statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW | AT_STATX_DONT_SYNC,
+    if (::statx(dirFd, name, AT_SYMLINK_NOFOLLOW | AT_STATX_DONT_SYNC,
                 STATX_TYPE | STATX_SIZE | STATX_MTIME | STATX_INO, &st) != 0 ||
         !S_ISREG(st.stx_mode))
         return std::nullopt;
@@ -143,72 +146,120 @@ void MediaIndex::Filled::applyTo(std::vector<Facts>& facts) const {
         if (at < facts.size()) applyMedia(media, facts[at]);
 }
 
+bool MediaIndex::Filled::carries() const {
+    return std::ranges::any_of(found, [](const auto& each) { return each.second != MediaFacts{}; });
+}
+
+namespace {
+
+// Looks at `files` (places in `facts`) on `workers` threads at idle disk priority, in runs of
+// neighbours: the walk lists a folder's files together, so each run opens their folder once instead
+// of looking up every full path. `look(share, at, folderFd, name)` sees each file; folderFd is -1
+// when the folder could not be opened, and name is then the full path.
+template <class Share, class Look>
+std::vector<Share> inFolderRuns(const std::vector<Facts>& facts, const std::vector<std::size_t>& files,
+                                unsigned workers, const CancelFlag& cancel, Look look) {
+    constexpr std::size_t run = 256;
+    std::atomic<std::size_t> cursor{0};
+    auto work = [&](Share& share) {
+        // Behind the walk, nobody waits on each file: the disk goes first to whatever someone does.
+        IdleIoPriority idle;
+        UniqueFd folder;
+        std::string folderPath;
+        for (std::size_t first; (first = cursor.fetch_add(run)) < files.size();) {
+            if (cancel.isCancelled()) return;
+            for (std::size_t i = first; i < std::min(first + run, files.size()); ++i) {
+                const std::size_t at = files[i];
+                const auto& path = facts[at].path;
+                auto slash = path.rfind('/');
+                if (slash == std::string::npos || slash == 0) continue;
+                std::string_view parent(path.data(), slash);
+                if (parent != folderPath) {
+                    folderPath.assign(parent);
+                    // A handle on the place alone: nothing is read through it, no time moves.
+                    folder = UniqueFd(::open(folderPath.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+                }
+                look(share, at, folder.get(), folder ? path.c_str() + slash + 1 : path.c_str());
+            }
+        }
+    };
+    std::vector<Share> shares(std::max(1u, workers));
+    std::vector<std::jthread> threads;
+    for (unsigned t = 1; t < shares.size() && t * run < files.size(); ++t)
+        threads.emplace_back(work, std::ref(shares[t]));
+    work(shares[0]);
+    return shares;
+}
+
+} // namespace
+
+std::optional<std::vector<std::pair<std::size_t, AttributeFacts>>>
+MediaIndex::attributes(const std::vector<Facts>& facts, const CancelFlag& cancel, Progress* progress,
+                       unsigned workers) {
+    std::vector<std::size_t> files;
+    files.reserve(facts.size());
+    for (std::size_t at = 0; at < facts.size(); ++at)
+        if (!facts[at].isFolder) files.push_back(at);
+    if (progress) progress->toRead = files.size();
+    using Found = std::vector<std::pair<std::size_t, AttributeFacts>>;
+    auto shares = inFolderRuns<Found>(facts, files, workers, cancel,
+                                      [&](Found& found, std::size_t at, int folder, const char* name) {
+                                          auto read = attributesOf(folder, name, facts[at].path.c_str());
+                                          if (!read.empty()) found.emplace_back(at, std::move(read));
+                                          if (progress) ++progress->read;
+                                      });
+    if (cancel.isCancelled()) return std::nullopt;
+    Found all;
+    for (auto& found : shares)
+        std::ranges::move(found, std::back_inserter(all));
+    return all;
+}
+
 MediaIndex::Filled MediaIndex::fill(const std::vector<Facts>& facts, const CancelFlag& cancel,
                                     Progress* progress, unsigned workers) {
     load();
-    Filled filled;
-    struct Job {
-        std::size_t at;
-        Key key;
-        MediaFacts read;
-        bool done = false;
-    };
-    std::vector<Job> jobs;
-    std::unordered_map<std::string, Entry> next;
-    bool whole = true;
-    for (std::size_t at = 0; at < facts.size(); ++at) {
-        const auto& f = facts[at];
-        if (f.isFolder || !mayCarryMediaFacts(f.contentType)) continue;
-        // The files' times are looked at again here; a stop between them must come quickly.
-        if ((at & 1023) == 0 && cancel.isCancelled()) {
-            whole = false;
-            break;
-        }
-        auto key = mediaKeyOf(f.path);
-        if (!key) continue;
-        if (auto it = entries_.find(f.path); it != entries_.end() && it->second.key == *key) {
-            filled.found.emplace_back(at, it->second.facts);
-            next.emplace(f.path, it->second);
-            ++filled.kept;
-            continue;
-        }
-        jobs.push_back({at, *key, {}});
-    }
-    if (progress) progress->toRead = jobs.size();
+    std::vector<std::size_t> files;
+    for (std::size_t at = 0; at < facts.size(); ++at)
+        if (!facts[at].isFolder && mayCarryMediaFacts(facts[at].contentType)) files.push_back(at);
+    if (progress) progress->toRead = files.size();
 
-    std::atomic<std::size_t> cursor{0};
-    auto work = [&] {
-        // Behind the walk, nobody waits on each file: the disk goes first to whatever someone does.
-        IdleIoPriority idle;
-        for (std::size_t i; (i = cursor.fetch_add(1)) < jobs.size();) {
-            if (cancel.isCancelled()) return;
-            auto& job = jobs[i];
-            const auto& f = facts[job.at];
-            // Non-blocking, so a pipe put where the file was cannot hold the reader up.
-            auto fd = openUserEntry(AT_FDCWD, f.path.c_str(), O_RDONLY | O_NONBLOCK);
-            if (!fd) continue;
-            job.read = readMediaFacts(fd->get(), f.name, f.contentType);
-            job.done = true;
-            if (progress) ++progress->read;
-        }
+    struct Share {
+        std::vector<std::pair<std::size_t, MediaFacts>> found;
+        std::vector<std::pair<std::size_t, Entry>> entries; // every media file's entry, kept or read
+        std::size_t kept = 0, read = 0;
     };
-    if (whole) {
-        std::vector<std::jthread> threads;
-        for (unsigned t = 1; t < std::max(1u, workers) && t < jobs.size(); ++t)
-            threads.emplace_back(work);
-        work();
-    }
-    whole = whole && !cancel.isCancelled();
-    for (auto& job : jobs) {
-        if (!job.done) continue;
-        filled.found.emplace_back(job.at, job.read);
-        const auto& path = facts[job.at].path;
-        // A stopped fill adds what it read and forgets nothing: the rest is read next time.
-        if (whole)
-            next.insert_or_assign(path, Entry{job.key, std::move(job.read)});
-        else
-            entries_.insert_or_assign(path, Entry{job.key, std::move(job.read)});
-        ++filled.read;
+    // entries_ is only looked up while the workers run.
+    auto shares = inFolderRuns<Share>(
+        facts, files, workers, cancel, [&](Share& share, std::size_t at, int folder, const char* name) {
+            const auto& f = facts[at];
+            if (progress) ++progress->read;
+            auto key = mediaKeyOf(folder < 0 ? AT_FDCWD : folder, name);
+            if (!key) return;
+            if (auto it = entries_.find(f.path); it != entries_.end() && it->second.key == *key) {
+                share.found.emplace_back(at, it->second.facts);
+                share.entries.emplace_back(at, it->second);
+                ++share.kept;
+                return;
+            }
+            // Non-blocking, so a pipe put where the file was cannot hold the reader up.
+            auto fd = openUserEntry(folder < 0 ? AT_FDCWD : folder, name, O_RDONLY | O_NONBLOCK);
+            if (!fd) return;
+            Entry entry{*key, readMediaFacts(fd->get(), f.name, f.contentType)};
+            share.found.emplace_back(at, entry.facts);
+            share.entries.emplace_back(at, std::move(entry));
+            ++share.read;
+        });
+
+    Filled filled;
+    const bool whole = !cancel.isCancelled();
+    std::unordered_map<std::string, Entry> next;
+    for (auto& share : shares) {
+        filled.kept += share.kept;
+        filled.read += share.read;
+        std::ranges::move(share.found, std::back_inserter(filled.found));
+        for (auto& [at, entry] : share.entries)
+            // A stopped fill adds what it read and forgets nothing: the rest is read next time.
+            (whole ? next : entries_).insert_or_assign(facts[at].path, std::move(entry));
     }
     changed_ = changed_ || filled.read > 0;
     if (whole) {

@@ -255,13 +255,17 @@ void addFilesSearchCommands(CLI::App& files, CliContext& ctx) {
         files.add_subcommand("sources", "Group downloaded files by the site, mail or app they came from");
     auto* sourcesJson = addJsonFlag(sources);
     sources->callback([&ctx, sourcesJson] {
-        withCatalog(ctx, [&](VantleLite* live, Catalog::Result* read, CancelFlag&) {
-            auto groups = Sources::groups(read->snapshot->facts, live->library->options().samples);
+        withCatalog(ctx, [&](VantleLite* live, Catalog::Result* walked, CancelFlag& cancel) {
+            // Where files came from is read behind the walk: waited for here, with the walk's own
+            // reading let go so that they are added to it rather than to a copy.
+            *walked = {};
+            auto read = live->library->catalog().readWithMediaFacts(cancel, {}, {}, true);
+            auto groups = Sources::groups(read.snapshot->facts, live->library->options().samples);
             if (*sourcesJson)
                 printJson(Json(groups));
             else
                 printSources(groups, live->home);
-            if (auto partial = read->reading.note(); partial && !*sourcesJson) std::cout << *partial << "\n";
+            if (auto partial = read.reading.note(); partial && !*sourcesJson) std::cout << *partial << "\n";
         });
     });
 }

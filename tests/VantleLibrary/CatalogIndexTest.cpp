@@ -50,7 +50,7 @@ TEST(CatalogIndex, ALaterRunAnswersFromTheKeptWalkWhileItIsFreshThenWalksAgain) 
     ASSERT_EQ(::setxattr(pdf.c_str(), "user.xdg.tags", "work,taxes", 10, 0), 0);
     s.home.write("Applications/Tool.app/Contents/MacOS/tool", "1234");
     CancelFlag cancel;
-    auto walked = s.catalog().read(cancel);
+    auto walked = s.catalog().readWithMediaFacts(cancel); // origins and tags too
     ASSERT_TRUE(std::filesystem::exists(s.index()));
 
     s.home.write("Documents/new.txt", "x"); // not heard by a later run: the kept walk still answers
@@ -140,6 +140,7 @@ TEST(CatalogIndex, AnIndexOfManyPiecesReadsBackWholeAndADamagedLaterPieceIsNotic
     auto bytes = CatalogIndex::encode(snapshot, reading);
     ASSERT_GT(bytes.size(), std::size_t{2} << 20); // several pieces
 
+    // load() gives the file's memory back as it decodes: only what was decoded may go.
     auto kept = index.load();
     ASSERT_TRUE(kept);
     EXPECT_EQ(kept->snapshot.facts, snapshot.facts);

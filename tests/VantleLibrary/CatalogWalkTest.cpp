@@ -1,6 +1,8 @@
 #include "VantleLibrary/Catalog.h"
 #include "VantleLibrary/DiskWalk.h"
+#include "VantleLibrary/FileQueryRunner.h"
 #include "VantleLibrary/Library.h"
+#include "VantleLibrary/SearchParser.h"
 
 #include "support/TempDir.h"
 
@@ -55,16 +57,12 @@ template <class Work> void withoutOverride(Work work) {
 
 } // namespace
 
-TEST(DiskWalk, ReadsFactsFromStatusAndAttributes) {
+TEST(DiskWalk, ReadsFactsFromStatusAndLeavesAttributesForLater) {
     TempDir home;
     auto report = home.write("Documents/Report.PDF", std::string(1234, 'x'));
     home.write("Pictures/Screenshot from 2026-03-01 10-00-00.png", "png");
     home.write("Pictures/Screenshot notes.txt", "not an image");
-    auto zip = home.write("Downloads/photos.zip", "zip");
-    setAttribute(zip, "user.xdg.origin.url", "https://mail.google.com/mail/u/0/");
-    setAttribute(zip, "user.xdg.referrer.url", "https://www.google.com/");
-    setAttribute(report, "user.xdg.tags", "work, taxes ,");
-    setAttribute(report, "user.other", "ignored");
+    setAttribute(report, "user.xdg.tags", "work");
     timespec times[2] = {{1'700'000'000, 0}, {1'600'000'000, 500'000'000}}; // access, modification
     ASSERT_EQ(::utimensat(AT_FDCWD, report.c_str(), times, 0), 0);
 
@@ -86,13 +84,9 @@ TEST(DiskWalk, ReadsFactsFromStatusAndAttributes) {
     EXPECT_EQ(pdf.lastUsed, TimePoint(seconds(1'700'000'000)));
     ASSERT_TRUE(pdf.added);
     EXPECT_GT(*pdf.added, TimePoint(seconds(1'700'000'000))); // made now: birth (or change) time
-    EXPECT_EQ(pdf.tags, (std::vector<std::string>{"work", "taxes"}));
-    EXPECT_TRUE(pdf.whereFroms.empty());
+    EXPECT_TRUE(pdf.tags.empty()) << "a second system call per file: read behind the walk";
     EXPECT_FALSE(pdf.isScreenshot);
 
-    EXPECT_EQ(facts.at("Downloads/photos.zip").whereFroms,
-              (std::vector<std::string>{"https://mail.google.com/mail/u/0/", "https://www.google.com/"}));
-    EXPECT_EQ(facts.at("Downloads/photos.zip").kind(), LibraryKind::archives);
     EXPECT_TRUE(facts.at("Pictures/Screenshot from 2026-03-01 10-00-00.png").isScreenshot);
     EXPECT_FALSE(facts.at("Pictures/Screenshot notes.txt").isScreenshot);
     EXPECT_TRUE(facts.at("Pictures").isFolder);
@@ -102,6 +96,100 @@ TEST(DiskWalk, ReadsFactsFromStatusAndAttributes) {
     EXPECT_EQ(item.lastOpened, pdf.lastUsed);
     EXPECT_EQ(item.modified, TimePoint(seconds(1'600'000'000) + milliseconds(500)));
     EXPECT_EQ(item.kind, LibraryKind::documents);
+}
+
+TEST(Catalog, ReadsDownloadOriginsAndTagsBehindTheWalkAndFindsFilesByThem) {
+    TempDir home, data;
+    auto report = home.write("Documents/Report.PDF", "pdf");
+    auto zip = home.write("Downloads/photos.zip", "zip");
+    auto again = home.write("Downloads/again.zip", "zip");
+    home.write("Downloads/plain.zip", "zip");
+    setAttribute(zip, "user.xdg.origin.url", "https://mail.google.com/mail/u/0/");
+    setAttribute(zip, "user.xdg.referrer.url", "https://www.google.com/");
+    setAttribute(again, "user.xdg.origin.url", "https://mail.google.com/x");
+    setAttribute(again, "user.xdg.referrer.url", "https://mail.google.com/x"); // said once
+    setAttribute(report, "user.xdg.tags", "work, taxes ,");
+    setAttribute(report, "user.other", "ignored");
+    // Enough files in one folder that the readers split it, each opening the folder itself.
+    for (int i = 0; i < 700; ++i)
+        home.write("Downloads/many/" + std::to_string(i) + ".txt", "x");
+    auto last = home / "Downloads/many/699.txt";
+    setAttribute(last, "user.xdg.tags", "last");
+
+    Catalog::Options options{LibraryScope{home.path(), {}}};
+    options.indexFile = data / "catalog.index";
+    options.lateFactsDelay = hours(1); // asked for below: the wait is cut short
+    Catalog catalog(options);
+    CancelFlag cancel;
+    SearchParser parser(systemClock(), Calendar::fixed(0s), home.path());
+
+    auto walked = catalog.read(cancel);
+    EXPECT_TRUE(walked.reading.attributesPending);
+    auto before = byRelativePath(*walked.snapshot, home.path());
+    EXPECT_TRUE(before.at("Downloads/photos.zip").whereFroms.empty());
+    EXPECT_EQ(searchFiles(parser, "zips from gmail", *walked.snapshot, walked.reading).note,
+              std::string(Reading::attributesPendingSentence))
+        << "a search by source says what it may be missing";
+    EXPECT_FALSE(searchFiles(parser, "zips", *walked.snapshot, walked.reading).note);
+    const Facts* walkedFacts = walked.snapshot->facts.data(); // only compared, never read
+    walked = {};
+
+    // The origins come first: who needs only them does not wait for the photos and songs.
+    auto read = catalog.readWithMediaFacts(cancel, {}, {}, true);
+    EXPECT_FALSE(read.reading.attributesPending);
+    EXPECT_EQ(read.snapshot->facts.data(), walkedFacts)
+        << "added to the walk's own list, which nobody else held, not to a copy of it";
+    auto facts = byRelativePath(*read.snapshot, home.path());
+    EXPECT_EQ(facts.at("Documents/Report.PDF").tags, (std::vector<std::string>{"work", "taxes"}));
+    EXPECT_TRUE(facts.at("Documents/Report.PDF").whereFroms.empty());
+    EXPECT_EQ(facts.at("Downloads/photos.zip").whereFroms,
+              (std::vector<std::string>{"https://mail.google.com/mail/u/0/", "https://www.google.com/"}));
+    EXPECT_EQ(facts.at("Downloads/again.zip").whereFroms,
+              std::vector<std::string>{"https://mail.google.com/x"});
+    EXPECT_TRUE(facts.at("Downloads/plain.zip").whereFroms.empty());
+    EXPECT_EQ(facts.at("Downloads/many/699.txt").tags, std::vector<std::string>{"last"});
+    EXPECT_TRUE(facts.at("Downloads/many/698.txt").tags.empty()) << "nothing leaks to a neighbour";
+
+    auto found = searchFiles(parser, "zips from gmail", *read.snapshot, read.reading);
+    EXPECT_FALSE(found.note);
+    EXPECT_EQ(found.total, 2);
+
+    // What was read behind the walk is kept with it: a later run has it without reading again.
+    auto whole = catalog.readWithMediaFacts(cancel);
+    EXPECT_FALSE(whole.reading.mediaPending);
+    Catalog later(options);
+    auto kept = later.read(cancel);
+    EXPECT_FALSE(kept.reading.attributesPending);
+    EXPECT_FALSE(kept.reading.mediaPending);
+    EXPECT_EQ(kept.snapshot->facts, read.snapshot->facts);
+}
+
+TEST(Catalog, AReadingThatEndsBeforeTheDelayNeverReadsLateFactsAndKeepsThemOwed) {
+    TempDir home, data;
+    auto zip = home.write("Downloads/photos.zip", "zip");
+    setAttribute(zip, "user.xdg.origin.url", "https://mail.google.com/mail/u/0/");
+    home.write("Pictures/damaged.jpg", "a photo the media reader would open and keep an entry for");
+    Catalog::Options options{LibraryScope{home.path(), {}}};
+    options.indexFile = data / "catalog.index";
+    options.lateFactsDelay = hours(1); // a wait that is not cut short hangs the test
+    CancelFlag cancel;
+    {
+        Catalog oneShot(options);
+        EXPECT_TRUE(oneShot.read(cancel).reading.attributesPending);
+    } // ends at once, not an hour later
+    EXPECT_FALSE(std::filesystem::exists(data / "media.index")) << "the media reader never started";
+    auto owed = CatalogIndex(data / "catalog.index").load()->reading;
+    EXPECT_TRUE(owed.attributesPending && owed.mediaPending) << "kept as owed, for the next run";
+
+    // The next run that needs them reads them; a reading someone still holds stays as it was.
+    Catalog next(options);
+    auto held = next.read(cancel);
+    auto read = next.readWithMediaFacts(cancel);
+    EXPECT_FALSE(read.reading.mediaPending || read.reading.attributesPending);
+    EXPECT_EQ(held.snapshot->facts.size(), read.snapshot->facts.size());
+    EXPECT_TRUE(byRelativePath(*held.snapshot, home.path()).at("Downloads/photos.zip").whereFroms.empty());
+    EXPECT_EQ(byRelativePath(*read.snapshot, home.path()).at("Downloads/photos.zip").whereFroms.size(), 1u);
+    EXPECT_TRUE(std::filesystem::exists(data / "media.index"));
 }
 
 TEST(DiskWalk, LeavesOutHiddenNamesLibraryAndLinksButReadsCloudDocuments) {

@@ -112,6 +112,12 @@ KeptBytes::~KeptBytes() {
     if (base_) ::munmap(base_, mapped_);
 }
 
+void KeptBytes::letGoBefore(std::size_t offset) {
+    const auto page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+    auto whole = std::min(offset, size_) / page * page;
+    if (base_ && whole > 0) ::madvise(base_, whole, MADV_DONTNEED);
+}
+
 KeptBytes::KeptBytes(KeptBytes&& other) noexcept
     : base_(std::exchange(other.base_, nullptr)), mapped_(std::exchange(other.mapped_, 0)),
       size_(std::exchange(other.size_, 0)) {}

@@ -824,10 +824,14 @@ void HomePage::duplicateTicked() {
 }
 
 void HomePage::showSources() {
-    auto snapshot = snapshot_;
-    auto samples = bridge_.live().library->options().samples;
+    auto library = bridge_.live().library;
+    auto samples = library->options().samples;
     bridge_.inBackground(
-        [snapshot, samples](CancelFlag&) { return Sources::groups(snapshot->facts, samples); },
+        // Where files came from is read behind the walk: waited for here.
+        [library, samples](CancelFlag& cancel) {
+            return Sources::groups(
+                library->catalog().readWithMediaFacts(cancel, {}, {}, true).snapshot->facts, samples);
+        },
         [this](std::vector<SourceGroup> groups) {
             sources_->clear();
             if (groups.empty()) {
