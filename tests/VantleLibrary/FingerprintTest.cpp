@@ -1,10 +1,10 @@
 #include "VantleLibrary/FingerprintCache.h"
 #include "VantleLibrary/FingerprintReader.h"
+#include "support/HashingSupport.h"
 #include "support/Patterned.h"
 #include "support/TempDir.h"
 
 #include <gtest/gtest.h>
-#include <openssl/evp.h>
 
 #include <algorithm>
 #include <cctype>
@@ -16,25 +16,13 @@
 
 using namespace vantle;
 using namespace std::chrono;
+using vantle::testing::expectedOf;
+using vantle::testing::farFuture;
 using vantle::testing::patterned;
+using vantle::testing::sha256;
 using vantle::testing::TempDir;
 
 namespace {
-
-// An independent SHA-256, so the reader's slicing is checked against plain concatenation.
-Digest sha256(std::string_view bytes) {
-    Digest d{};
-    EVP_Digest(bytes.data(), bytes.size(), d.data(), nullptr, EVP_sha256(), nullptr);
-    return d;
-}
-
-FingerprintReader::Expected expectedOf(const std::filesystem::path& file) {
-    auto s = fileStatus(file);
-    EXPECT_TRUE(s) << file;
-    return {s->number, s->size, s->modified};
-}
-
-const TimePoint farFuture = sys_days{2100y / 1 / 1};
 
 void setModified(const std::filesystem::path& file, std::int64_t nanoseconds) {
     timespec times[2] = {{0, UTIME_OMIT}, {nanoseconds / 1'000'000'000, nanoseconds % 1'000'000'000}};

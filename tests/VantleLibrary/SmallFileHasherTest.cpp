@@ -1,10 +1,10 @@
 #include "VantleLibrary/SmallFileHasher.h"
 #include "VantleLibrary/FingerprintReader.h"
+#include "support/HashingSupport.h"
 #include "support/Patterned.h"
 #include "support/TempDir.h"
 
 #include <gtest/gtest.h>
-#include <openssl/evp.h>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -12,26 +12,11 @@
 
 using namespace vantle;
 using namespace std::chrono;
+using vantle::testing::expectedOf;
+using vantle::testing::farFuture;
 using vantle::testing::patterned;
+using vantle::testing::sha256;
 using vantle::testing::TempDir;
-
-namespace {
-
-Digest sha256(std::string_view bytes) {
-    Digest d{};
-    EVP_Digest(bytes.data(), bytes.size(), d.data(), nullptr, EVP_sha256(), nullptr);
-    return d;
-}
-
-FingerprintReader::Expected expectedOf(const std::filesystem::path& file) {
-    auto s = fileStatus(file);
-    EXPECT_TRUE(s) << file;
-    return {s->number, s->size, s->modified};
-}
-
-const TimePoint farFuture = sys_days{2100y / 1 / 1};
-
-} // namespace
 
 // The one-read sample must be the very hash a slice-by-slice read makes, or a small file and its copy
 // hashed by the two paths (one kept in the cache, one read afresh) would never meet.
