@@ -23,15 +23,23 @@ void field(JsonWriter& out, const char* name, const std::vector<std::string>& te
     out.endArray();
 }
 
+void writeJson(JsonWriter& out, const DuplicateGroup& group);
+void writeJson(JsonWriter& out, const DuplicateSharing& sharing);
+
+// A list of records, each written by its own writeJson.
+template <class Range> void records(JsonWriter& out, const char* name, const Range& items) {
+    out.key(name);
+    out.beginArray();
+    for (const auto& item : items)
+        writeJson(out, item);
+    out.endArray();
+}
+
 void writeJson(JsonWriter& out, const DuplicateGroup& group) {
     out.beginObject();
     field(out, "fingerprint", group.fingerprint);
     field(out, "size", group.size);
-    out.key("items");
-    out.beginArray();
-    for (const auto& item : group.items)
-        writeJson(out, item);
-    out.endArray();
+    records(out, "items", group.items);
     out.endObject();
 }
 
@@ -73,21 +81,13 @@ void writeJson(JsonWriter& out, const FileItem& item) {
 
 void writeJson(JsonWriter& out, const DuplicateScan& scan) {
     out.beginObject();
-    out.key("groups");
-    out.beginArray();
-    for (const auto& group : scan.groups)
-        writeJson(out, group);
-    out.endArray();
+    records(out, "groups", scan.groups);
     field(out, "isComplete", scan.isComplete);
     field(out, "at", scan.at);
     field(out, "candidates", scan.candidates);
     field(out, "bytesRead", scan.bytesRead);
     field(out, "seconds", scan.seconds);
-    out.key("sharing");
-    out.beginArray();
-    for (const auto& sharing : scan.sharing)
-        writeJson(out, sharing);
-    out.endArray();
+    records(out, "sharing", scan.sharing);
     field(out, "note", scan.note);
     field(out, "missed", scan.missed);
     out.endObject();

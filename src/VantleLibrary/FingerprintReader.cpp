@@ -87,20 +87,29 @@ FingerprintReader::FingerprintReader(Clock clock, TimePoint deadline, const Canc
 
 FingerprintReader::~FingerprintReader() = default;
 
-std::expected<Digest, FingerprintReader::Miss>
-FingerprintReader::hash(const std::filesystem::path& path, const Expected& expected, HashMode mode) {
-    // Linux has no cloud placeholder files, so there is no download to hold back while reading.
-    // O_NONBLOCK keeps a fifo swapped in under the name from blocking the open; hashing must not make
-    // a file look recently opened.
-    auto opened = openUserEntry(AT_FDCWD, path.c_str(), O_RDONLY | O_NONBLOCK);
-    if (!opened) return std::unexpected(Miss::unopenable);
-    const auto& fd = *opened;
-
-    auto before = fileStatus(fd.get());
+std::expected<FingerprintReader::Opened, FingerprintReader::Miss>
+FingerprintReader::openExpected(int dirFd, const char* name, const Expected& expected) {
+    auto fd = openUserEntry(dirFd, name, O_RDONLY | O_NONBLOCK);
+    if (!fd) return std::unexpected(Miss::unopenable);
+    auto before = fileStatus(fd->get());
     if (!before || !before->isRegular) return std::unexpected(Miss::notRegular);
     if (before->number != expected.number || before->size != expected.size ||
         before->modified != expected.modified)
         return std::unexpected(Miss::changedBefore);
+    return Opened{std::move(*fd), *before};
+}
+
+bool FingerprintReader::unchangedSinceOpened(const Opened& opened) {
+    auto after = fileStatus(opened.fd.get());
+    return after && after->size == opened.before.size && after->modified == opened.before.modified;
+}
+
+std::expected<Digest, FingerprintReader::Miss>
+FingerprintReader::hash(const std::filesystem::path& path, const Expected& expected, HashMode mode) {
+    // Linux has no cloud placeholder files, so there is no download to hold back while reading.
+    auto opened = openExpected(AT_FDCWD, path.c_str(), expected);
+    if (!opened) return std::unexpected(opened.error());
+    const auto& fd = opened->fd;
 
     std::vector<ByteRange> ranges;
     ResidentPages resident;
@@ -140,9 +149,7 @@ FingerprintReader::hash(const std::filesystem::path& path, const Expected& expec
     EVP_DigestFinal_ex(context, digest.data(), nullptr);
     if (miss) return std::unexpected(*miss);
 
-    auto after = fileStatus(fd.get());
-    if (!after || after->size != before->size || after->modified != before->modified)
-        return std::unexpected(Miss::changedDuring);
+    if (!unchangedSinceOpened(*opened)) return std::unexpected(Miss::changedDuring);
     return digest;
 }
 

@@ -3,6 +3,7 @@
 // modification time before and after the read). Owns one reused 1 MiB buffer and one digest context:
 // use one reader per thread. Results are values; nothing is kept beyond the reader.
 #pragma once
+#include "Platform/UserEntryOpen.h"
 #include "VantleLibrary/Fingerprint.h"
 #include "VantleSpec/CancelFlag.h"
 #include "VantleSpec/Time.h"
@@ -69,6 +70,18 @@ class FingerprintReader {
         pastDeadline,
         cancelled
     };
+
+    // A file opened to be hashed, with its status as the open found it.
+    struct Opened {
+        UserEntryFd fd;
+        FileStatus before;
+    };
+    // Opens `name` beneath `dirFd` (AT_FDCWD for a path) the way every hash does: no final link
+    // followed, no blocking on a fifo swapped in under the name, no access time moved. Then checks that it
+    // is still the regular file the scan recorded.
+    static std::expected<Opened, Miss> openExpected(int dirFd, const char* name, const Expected& expected);
+    // After the read: the file kept the size and modification time it had when opened.
+    static bool unchangedSinceOpened(const Opened& opened);
 
     // `cancel` may be null; it must outlive the reader.
     FingerprintReader(Clock clock, TimePoint deadline, const CancelFlag* cancel = nullptr);

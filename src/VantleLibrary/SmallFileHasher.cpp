@@ -1,7 +1,5 @@
 #include "VantleLibrary/SmallFileHasher.h"
 
-#include "Platform/UserEntryOpen.h"
-
 #include <openssl/evp.h>
 
 #include <cerrno>
@@ -32,16 +30,9 @@ std::expected<SmallFileDigests, FingerprintReader::Miss>
 SmallFileHasher::hash(int dirFd, const char* name, const FingerprintReader::Expected& expected) {
     using Miss = FingerprintReader::Miss;
     if (expected.size < 0 || expected.size > wholeInOneReadBytes) return std::unexpected(Miss::changedBefore);
-    // As for any hash: a fifo swapped in under the name must not block the open, and looking at a file
-    // must not make it look recently opened.
-    auto opened = openUserEntry(dirFd, name, O_RDONLY | O_NONBLOCK);
-    if (!opened) return std::unexpected(Miss::unopenable);
-    const auto& fd = *opened;
-    auto before = fileStatus(fd.get());
-    if (!before || !before->isRegular) return std::unexpected(Miss::notRegular);
-    if (before->number != expected.number || before->size != expected.size ||
-        before->modified != expected.modified)
-        return std::unexpected(Miss::changedBefore);
+    auto opened = FingerprintReader::openExpected(dirFd, name, expected);
+    if (!opened) return std::unexpected(opened.error());
+    const auto& fd = opened->fd;
 
     // A file that grows or shrinks under the read is caught by the status taken after it.
     const auto size = static_cast<size_t>(expected.size);
@@ -71,9 +62,7 @@ SmallFileHasher::hash(int dirFd, const char* name, const FingerprintReader::Expe
         EVP_DigestFinal_ex(full, out.full.emplace().data(), nullptr);
     }
 
-    auto after = fileStatus(fd.get());
-    if (!after || after->size != before->size || after->modified != before->modified)
-        return std::unexpected(Miss::changedDuring);
+    if (!FingerprintReader::unchangedSinceOpened(*opened)) return std::unexpected(Miss::changedDuring);
     return out;
 }
 
