@@ -4,9 +4,14 @@
 // not thread-safe, one per read.
 #pragma once
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 namespace vantle {
+
+// Whether every page of `length` bytes from `offset` in `fd` is in memory now, from one cachestat;
+// nothing where the kernel cannot say (before Linux 6.5).
+std::optional<bool> allResident(int fd, std::int64_t offset, std::int64_t length);
 
 class ResidentPages {
   public:

@@ -71,10 +71,19 @@ class FingerprintReader {
         cancelled
     };
 
+    // What the checks around a read compare: the file's kind, identity, size and modification time.
+    struct Checked {
+        bool isRegular = false;
+        FileNumber number;
+        std::int64_t size = 0;
+        std::int64_t modified = 0; // nanoseconds since the epoch
+    };
+    static std::optional<Checked> checkedStatus(int fd);
+
     // A file opened to be hashed, with its status as the open found it.
     struct Opened {
         UserEntryFd fd;
-        FileStatus before;
+        Checked before;
     };
     // Opens `name` beneath `dirFd` (AT_FDCWD for a path) the way every hash does: no final link
     // followed, no blocking on a fifo swapped in under the name, no access time moved. Then checks that it

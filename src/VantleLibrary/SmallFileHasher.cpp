@@ -21,7 +21,7 @@ struct SmallFileHasher::Digester {
 };
 
 SmallFileHasher::SmallFileHasher()
-    : buffer_(std::make_unique<std::uint8_t[]>(wholeInOneReadBytes)),
+    : buffer_(std::make_unique_for_overwrite<std::uint8_t[]>(wholeInOneReadBytes)),
       digester_(std::make_unique<Digester>()) {}
 
 SmallFileHasher::~SmallFileHasher() = default;
@@ -49,18 +49,23 @@ SmallFileHasher::hash(int dirFd, const char* name, const FingerprintReader::Expe
     SmallFileDigests out{};
     auto* sample = digester_->sample;
     EVP_DigestInit_ex(sample, digester_->md(), nullptr);
-    for (auto [offset, length] : sampleRanges(expected.size))
-        EVP_DigestUpdate(sample, buffer_.get() + offset, static_cast<size_t>(length));
-    EVP_DigestFinal_ex(sample, out.sample.data(), nullptr);
-    // Hashing a one-slice file whole costs a third more than its sample, far less than opening and
-    // reading it again if the sample is shared. Past one slice, the whole hash would cost up to as much
-    // as the sample again for every file, while only the few that share a sample need it.
     if (expected.size <= sampleSliceBytes) {
+        // The three slices of a one-slice file are the file three times over, so the sample's digest
+        // holds the whole file's after its first slice: a copy of that state is the whole-file hash
+        // for the price of a few hundred bytes.
+        EVP_DigestUpdate(sample, buffer_.get(), size);
         auto* full = digester_->full;
-        EVP_DigestInit_ex(full, digester_->md(), nullptr);
-        EVP_DigestUpdate(full, buffer_.get(), size);
+        EVP_MD_CTX_copy_ex(full, sample);
         EVP_DigestFinal_ex(full, out.full.emplace().data(), nullptr);
+        EVP_DigestUpdate(sample, buffer_.get(), size);
+        EVP_DigestUpdate(sample, buffer_.get(), size);
+    } else {
+        // Past one slice a whole-file hash would cost up to as much as the sample again for every
+        // file, while only the few that share a sample need it.
+        for (auto [offset, length] : sampleRanges(expected.size))
+            EVP_DigestUpdate(sample, buffer_.get() + offset, static_cast<size_t>(length));
     }
+    EVP_DigestFinal_ex(sample, out.sample.data(), nullptr);
 
     if (!FingerprintReader::unchangedSinceOpened(*opened)) return std::unexpected(Miss::changedDuring);
     return out;

@@ -21,9 +21,9 @@ struct Cachestat {
     std::uint64_t cache, dirty, writeback, evicted, recentlyEvicted;
 };
 
-// Resident pages in the first `size` bytes, or -1 when the kernel cannot say.
-std::int64_t residentCount(int fd, std::int64_t size) {
-    CachestatRange range{0, static_cast<std::uint64_t>(size)};
+// Resident pages in `length` bytes from `offset`, or -1 when the kernel cannot say.
+std::int64_t residentCount(int fd, std::int64_t length, std::int64_t offset = 0) {
+    CachestatRange range{static_cast<std::uint64_t>(offset), static_cast<std::uint64_t>(length)};
     Cachestat stat{};
     if (::syscall(cachestatCall, fd, &range, &stat, 0) != 0) return -1;
     return static_cast<std::int64_t>(stat.cache);
@@ -34,6 +34,15 @@ std::int64_t residentCount(int fd, std::int64_t size) {
 constexpr std::int64_t largestMapped = std::int64_t{64} << 30;
 
 } // namespace
+
+std::optional<bool> allResident(int fd, std::int64_t offset, std::int64_t length) {
+    if (length <= 0) return true;
+    const std::int64_t page = ::sysconf(_SC_PAGESIZE);
+    auto pages = (offset + length + page - 1) / page - offset / page;
+    auto count = residentCount(fd, length, offset);
+    if (count < 0) return std::nullopt;
+    return count >= pages;
+}
 
 ResidentPages ResidentPages::before(int fd, std::int64_t size) {
     ResidentPages out;
