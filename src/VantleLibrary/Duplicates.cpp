@@ -383,16 +383,39 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
                 auto& reader = mine.reader;
                 auto& small = mine.small;
                 std::int64_t reported = mine.bytesRead();
-                while (!shouldStop()) {
-                    auto k = next.fetch_add(1);
-                    if (k >= toHash.size()) break;
+                // In inode order files mostly come a folder at a time, so each thread opens them beneath
+                // a handle on their folder and the kernel walks a folder's path once a run of files
+                // rather than once a file. Warm, each thread takes runs of sixteen; cold, runs of one
+                // keep every thread's next read close to the others' on the disk.
+                const size_t run = width < threads ? 16 : 1;
+                UniqueFd folder;
+                std::string_view folderPath;
+                auto beneathFolder = [&](const std::string& path) -> std::pair<int, const char*> {
+                    auto of = folderOf(path);
+                    if (of.empty()) return {AT_FDCWD, path.c_str()};
+                    if (of != folderPath) {
+                        folder =
+                            UniqueFd(openatNoAtime(AT_FDCWD, std::string(of).c_str(), O_PATH | O_DIRECTORY));
+                        folderPath = of;
+                    }
+                    if (!folder) return {AT_FDCWD, path.c_str()};
+                    return {folder.get(), path.c_str() + path.rfind('/') + 1};
+                };
+                size_t k = 0, runEnd = 0;
+                for (; !shouldStop(); ++k) {
+                    if (k == runEnd) {
+                        k = next.fetch_add(run);
+                        if (k >= toHash.size()) break;
+                        runEnd = std::min(k + run, toHash.size());
+                    }
                     auto first = byNumber[toHash[k].first].second;
                     const auto& status = seen[first].status;
                     const FingerprintReader::Expected expected{status.number, status.size, status.modified};
                     std::expected<Digest, FingerprintReader::Miss> result;
                     if (mode == HashMode::sample && status.size <= wholeInOneReadBytes) {
                         if (!small) small.emplace();
-                        auto both = small->hash(AT_FDCWD, pathOf(first).c_str(), expected);
+                        auto [dirFd, name] = beneathFolder(pathOf(first));
+                        auto both = small->hash(dirFd, name, expected);
                         if (both) {
                             result = both->sample;
                             madeWhole[k] = both->full;
@@ -401,7 +424,8 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
                         }
                     } else {
                         if (!reader) reader.emplace(clock, deadline, &cancel);
-                        result = reader->hash(pathOf(first), expected, mode);
+                        auto [dirFd, name] = beneathFolder(pathOf(first));
+                        result = reader->hash(dirFd, name, expected, mode);
                     }
                     if (result) {
                         made[k] = *result;

@@ -130,8 +130,13 @@ bool FingerprintReader::unchangedSinceOpened(const Opened& opened) {
 
 std::expected<Digest, FingerprintReader::Miss>
 FingerprintReader::hash(const std::filesystem::path& path, const Expected& expected, HashMode mode) {
+    return hash(AT_FDCWD, path.c_str(), expected, mode);
+}
+
+std::expected<Digest, FingerprintReader::Miss>
+FingerprintReader::hash(int dirFd, const char* name, const Expected& expected, HashMode mode) {
     // Linux has no cloud placeholder files, so there is no download to hold back while reading.
-    auto opened = openExpected(AT_FDCWD, path.c_str(), expected);
+    auto opened = openExpected(dirFd, name, expected);
     if (!opened) return std::unexpected(opened.error());
     const auto& fd = opened->fd;
 

@@ -100,6 +100,8 @@ class FingerprintReader {
 
     std::expected<Digest, Miss> hash(const std::filesystem::path& path, const Expected& expected,
                                      HashMode mode);
+    // `name` beneath the open folder `dirFd` (AT_FDCWD for a path).
+    std::expected<Digest, Miss> hash(int dirFd, const char* name, const Expected& expected, HashMode mode);
 
     // Bytes read by every hash so far.
     std::int64_t bytesRead() const { return bytesRead_; }

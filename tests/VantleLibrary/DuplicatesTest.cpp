@@ -430,3 +430,35 @@ TEST(DuplicateScan, ManySmallFilesOnEveryThreadGroupExactlyAndTheLastProgressCou
     EXPECT_EQ(last.bytesRead, scan.bytesRead);
     EXPECT_LT(reports, 3 * 210) << "progress is not shown for every file";
 }
+
+// Files of one name written a folder after another, so that in inode order each folder's run is a
+// single file: a thread that opened a name beneath the folder of the file before it would find
+// another file there, miss it, and lose its group.
+TEST(DuplicateScan, SmallFilesOfOneNameInManyFoldersAreEachOpenedBeneathTheirOwnFolder) {
+    TempDir dir;
+    std::set<std::set<std::string>> expected;
+    for (int name = 0; name < 3; ++name) {
+        std::set<std::string> evens, odds;
+        for (int folder = 0; folder < 12; ++folder) {
+            auto rel = "f" + std::to_string(folder) + "/n" + std::to_string(name);
+            // Read in one go, past one slice (and read whole again), and slice by slice.
+            auto size = static_cast<size_t>(1'000 + name * 30'000);
+            dir.write(rel, patterned(size, name * 2 + folder % 2));
+            (folder % 2 ? odds : evens).insert((dir / rel).string());
+        }
+        expected.insert(evens);
+        expected.insert(odds);
+    }
+    CancelFlag cancel;
+    auto scan = Duplicates({{}, 45s, 1, systemClock()}).scan(itemsUnder(dir), cancel);
+    EXPECT_TRUE(scan.isComplete);
+    EXPECT_EQ(scan.missed, 0);
+    std::set<std::set<std::string>> found;
+    for (const auto& g : scan.groups) {
+        std::set<std::string> paths;
+        for (const auto& item : g.items)
+            paths.insert(item.path);
+        found.insert(paths);
+    }
+    EXPECT_EQ(found, expected);
+}
