@@ -391,13 +391,30 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
         }
 
         // Split each group by digest; a group cut short by the deadline keeps only what was hashed.
+        // Sorted in place rather than gathered in a map a group: tens of thousands of small groups
+        // made a node and a list for every file.
         std::vector<Bucket> next;
+        std::vector<size_t> hashed;
         for (const auto& bucket : buckets) {
-            std::map<Digest, Bucket> byDigest;
+            hashed.clear();
             for (auto i : bucket)
-                if (digests[i]) byDigest[*digests[i]].push_back(i);
-            for (auto& [digest, part] : byDigest)
-                if (distinctFiles(part, seen) >= 2) next.push_back(std::move(part));
+                if (digests[i]) hashed.push_back(i);
+            // A group's files are in the order they were seen; ties keep it.
+            std::ranges::sort(hashed, [&](size_t a, size_t b) {
+                if (*digests[a] != *digests[b]) return *digests[a] < *digests[b];
+                return a < b;
+            });
+            for (size_t begin = 0; begin < hashed.size();) {
+                auto end = begin + 1;
+                while (end < hashed.size() && *digests[hashed[end]] == *digests[hashed[begin]])
+                    ++end;
+                if (end - begin >= 2) {
+                    Bucket part(hashed.begin() + static_cast<std::ptrdiff_t>(begin),
+                                hashed.begin() + static_cast<std::ptrdiff_t>(end));
+                    if (distinctFiles(part, seen) >= 2) next.push_back(std::move(part));
+                }
+                begin = end;
+            }
         }
         buckets = std::move(next);
     };
