@@ -61,7 +61,7 @@ std::optional<Catalog::Result> Catalog::latest() const {
 bool Catalog::loadIndexLocked() {
     if (std::exchange(indexLoaded_, true) || walked_ || !options_.indexFile) return false;
     // A missing or damaged index is simply not there: the walk that follows writes a new one.
-    auto kept = CatalogIndex(*options_.indexFile).load();
+    auto kept = keptIndex().load();
     if (!kept) return false;
     // A run that ended before the facts were read leaves the walk without them: they are read now.
     kept->reading.mediaPending = kept->reading.mediaPending && options_.readMediaFacts;
@@ -78,18 +78,16 @@ std::optional<CatalogIndex::Kept> Catalog::readKept(const CatalogIndex::Each& ea
     if (walked_ || indexLoaded_ || walks_ == Walk::running || !options_.indexFile) return std::nullopt;
     const bool stale = changes_ > 0 || cancelledWalk_;
     bool fresh = false;
-    auto kept =
-        CatalogIndex(*options_.indexFile)
-            .stream(
-                [&](const CatalogIndex::Kept& walk, std::size_t) {
-                    // One still owing its media facts is loaded instead, so that they are read.
-                    fresh = decide(Walk::ready, walk.snapshot.at, stale, options_.now(),
-                                   options_.walkFreshness) == Next::use &&
-                            !(needsMediaFacts && walk.reading.mediaPending && options_.readMediaFacts) &&
-                            !(needsAttributes && walk.reading.attributesPending && options_.readMediaFacts);
-                    return fresh;
-                },
-                each);
+    auto kept = keptIndex().stream(
+        [&](const CatalogIndex::Kept& walk, std::size_t) {
+            // One still owing its media facts is loaded instead, so that they are read.
+            fresh = decide(Walk::ready, walk.snapshot.at, stale, options_.now(), options_.walkFreshness) ==
+                        Next::use &&
+                    !(needsMediaFacts && walk.reading.mediaPending && options_.readMediaFacts) &&
+                    !(needsAttributes && walk.reading.attributesPending && options_.readMediaFacts);
+            return fresh;
+        },
+        each);
     if (kept && fresh) return std::move(*kept);
     // A missing or damaged index is not read again; a stale one is still loaded by read(), so that
     // latest() has it while the walk runs.
@@ -146,7 +144,7 @@ Catalog::Result Catalog::read(const CancelFlag& cancel, const DiskWalk::Progress
     // A stopped walk is not kept: the index keeps the last reading that went as far as it could.
     if (options_.indexFile && result.reading.stop != Reading::Stop::cancelled) {
         std::lock_guard keeping(keeping_);
-        if (auto kept = CatalogIndex(*options_.indexFile).keep(*result.snapshot, result.reading); !kept)
+        if (auto kept = keptIndex().keep(*result.snapshot, result.reading); !kept)
             result.reading.notKept = kept.error();
     }
     lock.lock();
@@ -219,7 +217,7 @@ bool Catalog::publish(Result& from, Reading reading, const std::function<void(st
         if (fillFor_ == from.snapshot) fillFor_ = next.snapshot;
     }
     if (options_.indexFile && next.reading.stop != Reading::Stop::cancelled)
-        if (auto kept = CatalogIndex(*options_.indexFile).keep(*next.snapshot, next.reading); !kept)
+        if (auto kept = keptIndex().keep(*next.snapshot, next.reading); !kept)
             next.reading.notKept = kept.error();
     from = next;
     std::lock_guard state(mutex_);

@@ -92,6 +92,8 @@ class Catalog {
     // `attributesOnly` waits only for the origins and tags, which are read first.
     Result readWithMediaFacts(const CancelFlag& cancel, const DiskWalk::ProgressFn& progress = {},
                               const MediaProgressFn& mediaProgress = {}, bool attributesOnly = false);
+    // The latest reading once its download origins and tags have been read, for the lists of sources.
+    Result readWithAttributes(const CancelFlag& cancel) { return readWithMediaFacts(cancel, {}, {}, true); }
 
     Next next() const;
     // A change was heard under the scope: the snapshot in hand is stale.
@@ -119,6 +121,7 @@ class Catalog {
     // Puts `from` with `reading`, and with `apply` run on its facts when given, in hand and keeps
     // it, unless a walk replaced it meanwhile; `from` becomes what was put in hand.
     bool publish(Result& from, Reading reading, const std::function<void(std::vector<Facts>&)>& apply);
+    CatalogIndex keptIndex() const { return CatalogIndex(*options_.indexFile, options_.scope); }
 
     const Options options_;
     mutable std::mutex mutex_;

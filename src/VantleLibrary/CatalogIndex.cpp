@@ -18,7 +18,7 @@ namespace vantle {
 
 namespace {
 
-constexpr std::string_view magic = "VLCATIX4";
+constexpr std::string_view magic = "VLCATIX5";
 constexpr std::string_view endMark = "VLCATEND";
 // The body's length and checksum come after it, so the file can be written as it is encoded.
 constexpr std::size_t trailerBytes = 8 + 8 + 8; // body length, checksum, end mark
@@ -184,8 +184,13 @@ bool nameIsLastComponent(const Facts& f) {
 
 } // namespace
 
-void CatalogIndex::encode(const Snapshot& snapshot, const Reading& reading, const PutPiece& put) {
+void CatalogIndex::encode(const LibraryScope& scope, const Snapshot& snapshot, const Reading& reading,
+                          const PutPiece& put) {
     Writer w(put);
+    w.text(scope.home.native());
+    w.put(static_cast<std::uint32_t>(scope.appFolders.size()));
+    for (const auto& folder : scope.appFolders)
+        w.text(folder.native());
     w.put(static_cast<std::int64_t>(snapshot.at.time_since_epoch().count()));
     w.put(static_cast<std::uint8_t>(snapshot.isWhole));
     w.put(static_cast<std::uint8_t>(reading.isComplete));
@@ -257,9 +262,10 @@ void CatalogIndex::encode(const Snapshot& snapshot, const Reading& reading, cons
     w.finish();
 }
 
-std::string CatalogIndex::encode(const Snapshot& snapshot, const Reading& reading) {
+std::string CatalogIndex::encode(const LibraryScope& scope, const Snapshot& snapshot,
+                                 const Reading& reading) {
     std::string bytes;
-    encode(snapshot, reading, [&](std::string_view piece) {
+    encode(scope, snapshot, reading, [&](std::string_view piece) {
         bytes.append(piece);
         return true;
     });
@@ -274,7 +280,8 @@ namespace {
 template <class Each>
 std::expected<CatalogIndex::Kept, CatalogIndex::Problem>
 readEntries(std::string_view bytes, Each&& each, const CatalogIndex::Wanted* wanted,
-            const std::function<void(const char* upTo)>* decoded = nullptr) {
+            const std::function<void(const char* upTo)>* decoded = nullptr,
+            const LibraryScope* expected = nullptr) {
     using Problem = CatalogIndex::Problem;
     auto unreadable = std::unexpected(Problem::unreadable);
     if (bytes.size() < magic.size() + trailerBytes || !bytes.starts_with(magic) || !bytes.ends_with(endMark))
@@ -290,6 +297,19 @@ readEntries(std::string_view bytes, Each&& each, const CatalogIndex::Wanted* wan
     auto& snapshot = kept.snapshot;
     auto& reading = kept.reading;
     Reader r(body);
+    std::string home;
+    std::uint32_t appFolders = 0;
+    r.text(home), r.get(appFolders);
+    if (!r.ok() || appFolders > r.left() / 4) return unreadable;
+    kept.scope.home = std::move(home);
+    kept.scope.appFolders.resize(appFolders);
+    for (auto& folder : kept.scope.appFolders) {
+        std::string path;
+        r.text(path);
+        folder = std::move(path);
+    }
+    if (!r.ok()) return unreadable;
+    if (expected && kept.scope != *expected) return std::unexpected(Problem::otherFolders);
     std::int64_t at = 0;
     std::uint8_t isWhole = 0, isComplete = 0, readDisk = 0, stop = 0, mediaPending = 0;
     std::uint32_t missed = 0;
@@ -384,25 +404,26 @@ readEntries(std::string_view bytes, Each&& each, const CatalogIndex::Wanted* wan
     return kept;
 }
 
-} // namespace
-
-std::expected<CatalogIndex::Kept, CatalogIndex::Problem> CatalogIndex::decode(std::string_view bytes) {
-    return decode(bytes, {});
-}
-
+// Every entry into one list, reserved once from the count the file gives.
 std::expected<CatalogIndex::Kept, CatalogIndex::Problem>
-CatalogIndex::decode(std::string_view bytes, const std::function<void(const char* upTo)>& decoded) {
+decodeAll(std::string_view bytes, const std::function<void(const char* upTo)>* decoded,
+          const LibraryScope* expected) {
     std::vector<Facts> facts;
-    auto reserve = [&](const Kept&, std::size_t count) {
+    CatalogIndex::Wanted wanted = [&](const CatalogIndex::Kept&, std::size_t count) {
         facts.reserve(count);
         adviseHugePages(facts.data(), count * sizeof(Facts));
         return true;
     };
-    Wanted wanted = reserve;
     auto kept = readEntries(
-        bytes, [&](Facts& f) { facts.push_back(std::move(f)); }, &wanted, decoded ? &decoded : nullptr);
+        bytes, [&](Facts& f) { facts.push_back(std::move(f)); }, &wanted, decoded, expected);
     if (kept) kept->snapshot.facts = std::move(facts);
     return kept;
+}
+
+} // namespace
+
+std::expected<CatalogIndex::Kept, CatalogIndex::Problem> CatalogIndex::decode(std::string_view bytes) {
+    return decodeAll(bytes, nullptr, nullptr);
 }
 
 std::expected<CatalogIndex::Kept, CatalogIndex::Problem>
@@ -414,7 +435,7 @@ std::expected<CatalogIndex::Kept, CatalogIndex::Problem> CatalogIndex::stream(co
                                                                               const Each& each) const {
     auto bytes = readBytes();
     if (!bytes) return std::unexpected(bytes.error());
-    return decodeEach(bytes->view(), wanted, each);
+    return readEntries(bytes->view(), each, &wanted, nullptr, &scope_);
 }
 
 std::expected<KeptBytes, CatalogIndex::Problem> CatalogIndex::readBytes() const {
@@ -440,13 +461,15 @@ std::expected<CatalogIndex::Kept, CatalogIndex::Problem> CatalogIndex::load() co
     // The file's bytes are given back as they become entries: a large home's index and its
     // decoded walk are never held whole side by side.
     const char* base = bytes->view().data();
-    return decode(bytes->view(),
-                  [&](const char* upTo) { bytes->letGoBefore(static_cast<std::size_t>(upTo - base)); });
+    std::function<void(const char*)> decoded = [&](const char* upTo) {
+        bytes->letGoBefore(static_cast<std::size_t>(upTo - base));
+    };
+    return decodeAll(bytes->view(), &decoded, &scope_);
 }
 
 std::expected<void, std::string> CatalogIndex::keep(const Snapshot& snapshot, const Reading& reading) const {
     auto written = writeFileAtomicallyInPieces(
-        file_, [&](const PutPiece& put) { encode(snapshot, reading, put); }, 0600);
+        file_, [&](const PutPiece& put) { encode(scope_, snapshot, reading, put); }, 0600);
     if (!written) return std::unexpected(fillIn(keepFailedSentence, {{"reason", written.error()}}));
     return {};
 }

@@ -20,7 +20,7 @@ namespace vantle {
 
 class CatalogIndex {
   public:
-    enum class Problem { missing, unreadable, tooLarge, notAFile };
+    enum class Problem { missing, unreadable, tooLarge, notAFile, otherFolders };
     static constexpr std::string_view sentence(Problem problem) {
         switch (problem) {
         case Problem::missing:
@@ -31,6 +31,9 @@ class CatalogIndex {
             return "The kept catalog index is larger than any index this program writes; it was not read.";
         case Problem::notAFile:
             return "The kept catalog index is not a regular file; it was not read.";
+        case Problem::otherFolders:
+            return "The kept catalog index describes other folders than the ones to catalog; they are read "
+                   "again.";
         }
         return "";
     }
@@ -40,11 +43,15 @@ class CatalogIndex {
     static constexpr std::size_t largestFile = std::size_t{1} << 30;
 
     struct Kept {
+        LibraryScope scope; // the folders that were walked
         Snapshot snapshot;
         Reading reading;
     };
 
-    explicit CatalogIndex(std::filesystem::path file) : file_(std::move(file)) {}
+    // `scope` is what this catalog walks: an index kept for other folders (a home folder that has
+    // moved, other app folders) is not this catalog's and reads as `otherFolders`.
+    CatalogIndex(std::filesystem::path file, LibraryScope scope)
+        : file_(std::move(file)), scope_(std::move(scope)) {}
     const std::filesystem::path& file() const { return file_; }
 
     // The walk kept last, with how that reading went (limits, missed folders), exactly as walked.
@@ -64,14 +71,12 @@ class CatalogIndex {
     std::expected<void, std::string> keep(const Snapshot& snapshot, const Reading& reading) const;
 
     // The file's bytes, handed to `put` in pieces as they are made, as keep() writes them.
-    static void encode(const Snapshot& snapshot, const Reading& reading, const PutPiece& put);
-    // The file's bytes, and back; exposed so a damaged file can be made in a test.
-    static std::string encode(const Snapshot& snapshot, const Reading& reading);
+    static void encode(const LibraryScope& scope, const Snapshot& snapshot, const Reading& reading,
+                       const PutPiece& put);
+    // The file's bytes, and back, whatever folders they describe; exposed so a damaged file can be
+    // made in a test.
+    static std::string encode(const LibraryScope& scope, const Snapshot& snapshot, const Reading& reading);
     static std::expected<Kept, Problem> decode(std::string_view bytes);
-    // The same, telling `decoded` now and then how far the entries have been read: the bytes
-    // before that are not looked at again.
-    static std::expected<Kept, Problem> decode(std::string_view bytes,
-                                               const std::function<void(const char* upTo)>& decoded);
     static std::expected<Kept, Problem> decodeEach(std::string_view bytes, const Wanted& wanted,
                                                    const Each& each);
 
@@ -79,6 +84,7 @@ class CatalogIndex {
     std::expected<KeptBytes, Problem> readBytes() const;
 
     std::filesystem::path file_;
+    LibraryScope scope_;
 };
 
 } // namespace vantle

@@ -281,7 +281,7 @@ void addFilesSearchCommands(CLI::App& files, CliContext& ctx) {
             // Where files came from is read behind the walk: waited for here, with the walk's own
             // reading let go so that they are added to it rather than to a copy.
             *walked = {};
-            auto read = live->library->catalog().readWithMediaFacts(cancel, {}, {}, true);
+            auto read = live->library->catalog().readWithAttributes(cancel);
             auto groups = Sources::groups(read.snapshot->facts, live->library->options().samples);
             if (*sourcesJson)
                 printJson(Json(groups));

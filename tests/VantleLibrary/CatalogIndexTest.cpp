@@ -96,7 +96,7 @@ TEST(CatalogIndex, ADamagedOrForeignIndexReadsAsNoneAndTheHomeIsWalked) {
     s.home.write("Documents/a.txt", "x");
     CancelFlag cancel;
     auto walked = s.catalog().read(cancel);
-    auto bytes = CatalogIndex::encode(*walked.snapshot, walked.reading);
+    auto bytes = CatalogIndex::encode({s.home.path(), {}}, *walked.snapshot, walked.reading);
 
     auto torn = bytes.substr(0, bytes.size() - 3);
     EXPECT_EQ(CatalogIndex::decode(torn).error(), CatalogIndex::Problem::unreadable);
@@ -112,7 +112,35 @@ TEST(CatalogIndex, ADamagedOrForeignIndexReadsAsNoneAndTheHomeIsWalked) {
 
     std::filesystem::remove(s.index());
     ASSERT_EQ(::mkfifo(s.index().c_str(), 0600), 0);
-    EXPECT_EQ(CatalogIndex(s.index()).load().error(), CatalogIndex::Problem::notAFile); // does not hang
+    EXPECT_EQ(CatalogIndex(s.index(), {s.home.path(), {}}).load().error(),
+              CatalogIndex::Problem::notAFile); // does not hang
+}
+
+// A kept walk names the folders it walked; a home folder moved elsewhere (or a copy of the data
+// folder beside another home) must be walked, not answered with the old paths.
+TEST(CatalogIndex, AnIndexKeptForAHomeThatHasSinceMovedIsNotUsed) {
+    TempDir root, data;
+    root.write("old/Documents/report.pdf", "pdf");
+    auto catalogOf = [&](const std::filesystem::path& home) {
+        Catalog::Options options{LibraryScope{home, {}}};
+        options.indexFile = data / "catalog.index";
+        return Catalog(std::move(options));
+    };
+    CancelFlag cancel;
+    catalogOf(root / "old").read(cancel);
+    std::filesystem::rename(root / "old", root / "new");
+
+    EXPECT_EQ(CatalogIndex(data / "catalog.index", {root / "new", {}}).load().error(),
+              CatalogIndex::Problem::otherFolders);
+    EXPECT_EQ(CatalogIndex(data / "catalog.index", {root / "old", {"/Applications"}}).load().error(),
+              CatalogIndex::Problem::otherFolders);
+    auto moved = catalogOf(root / "new");
+    auto read = moved.read(cancel);
+    EXPECT_TRUE(std::ranges::all_of(
+        read.snapshot->facts, [&](const Facts& f) { return f.path.starts_with((root / "new").string()); }));
+    EXPECT_EQ(paths(*read.snapshot).size(), 2u); // Documents and the report, under the new home
+    EXPECT_TRUE(CatalogIndex(data / "catalog.index", {root / "new", {}}).load())
+        << "kept again for the new home";
 }
 
 // The index is written in pieces as it is encoded; its checksum runs across them, so a piece cut
@@ -135,9 +163,9 @@ TEST(CatalogIndex, AnIndexOfManyPiecesReadsBackWholeAndADamagedLaterPieceIsNotic
         snapshot.facts.push_back(std::move(f));
     }
     Reading reading;
-    CatalogIndex index(data / "Library" / "catalog.index");
+    CatalogIndex index(data / "Library" / "catalog.index", {"/home/u", {}});
     ASSERT_TRUE(index.keep(snapshot, reading));
-    auto bytes = CatalogIndex::encode(snapshot, reading);
+    auto bytes = CatalogIndex::encode({"/h", {}}, snapshot, reading);
     ASSERT_GT(bytes.size(), std::size_t{2} << 20); // several pieces
 
     // load() gives the file's memory back as it decodes: only what was decoded may go.
@@ -184,7 +212,7 @@ TEST(CatalogIndex, StreamedEntriesDoNotCarryFactsFromTheEntryBefore) {
     bare.isFolder = true;
     snapshot.facts = {rich, bare, rich};
     Reading reading;
-    auto bytes = CatalogIndex::encode(snapshot, reading);
+    auto bytes = CatalogIndex::encode({"/h", {}}, snapshot, reading);
 
     std::vector<Facts> seen;
     std::size_t announced = 0;

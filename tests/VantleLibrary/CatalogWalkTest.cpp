@@ -135,7 +135,7 @@ TEST(Catalog, ReadsDownloadOriginsAndTagsBehindTheWalkAndFindsFilesByThem) {
     walked = {};
 
     // The origins come first: who needs only them does not wait for the photos and songs.
-    auto read = catalog.readWithMediaFacts(cancel, {}, {}, true);
+    auto read = catalog.readWithAttributes(cancel);
     EXPECT_FALSE(read.reading.attributesPending);
     EXPECT_EQ(read.snapshot->facts.data(), walkedFacts)
         << "added to the walk's own list, which nobody else held, not to a copy of it";
@@ -178,7 +178,7 @@ TEST(Catalog, AReadingThatEndsBeforeTheDelayNeverReadsLateFactsAndKeepsThemOwed)
         EXPECT_TRUE(oneShot.read(cancel).reading.attributesPending);
     } // ends at once, not an hour later
     EXPECT_FALSE(std::filesystem::exists(data / "media.index")) << "the media reader never started";
-    auto owed = CatalogIndex(data / "catalog.index").load()->reading;
+    auto owed = CatalogIndex(data / "catalog.index", options.scope).load()->reading;
     EXPECT_TRUE(owed.attributesPending && owed.mediaPending) << "kept as owed, for the next run";
 
     // The next run that needs them reads them; a reading someone still holds stays as it was.

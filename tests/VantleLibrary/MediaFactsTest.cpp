@@ -209,7 +209,8 @@ TEST(MediaFacts, AWalkKeptBeforeItsFactsWereReadGetsThemInTheNextRun) {
     CancelFlag cancel;
     auto walk = DiskWalk{LibraryScope{home.path(), {}}, 1000, systemClock()() + 60s}.run(cancel);
     walk.reading.mediaPending = true;
-    ASSERT_TRUE(CatalogIndex(data / "Library/catalog.index").keep(walk.snapshot, walk.reading));
+    ASSERT_TRUE(
+        CatalogIndex(data / "Library/catalog.index", {home.path(), {}}).keep(walk.snapshot, walk.reading));
 
     Library::Options options;
     options.catalogFile = data / "Library/catalog.index";

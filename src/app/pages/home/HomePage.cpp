@@ -829,8 +829,7 @@ void HomePage::showSources() {
     bridge_.inBackground(
         // Where files came from is read behind the walk: waited for here.
         [library, samples](CancelFlag& cancel) {
-            return Sources::groups(
-                library->catalog().readWithMediaFacts(cancel, {}, {}, true).snapshot->facts, samples);
+            return Sources::groups(library->catalog().readWithAttributes(cancel).snapshot->facts, samples);
         },
         [this](std::vector<SourceGroup> groups) {
             sources_->clear();
