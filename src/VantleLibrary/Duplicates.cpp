@@ -351,16 +351,19 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
         for (auto [begin, end] : files) {
             const auto& asRecorded = seen[byNumber[begin].second].status;
             std::optional<Digest> known;
+            auto from = end; // the name the kept hash was found under
             for (auto k = begin; k < end && !known; ++k)
-                if (auto* kept = cache_.valid(pathOf(byNumber[k].second), asRecorded))
+                if (auto* kept = cache_.valid(pathOf(byNumber[k].second), asRecorded)) {
                     known = mode == HashMode::sample ? kept->sample : kept->full;
+                    from = k;
+                }
             if (!known) {
                 toHash.emplace_back(begin, end);
                 continue;
             }
             for (auto k = begin; k < end; ++k) {
                 digests[byNumber[k].second] = known;
-                cache_.store(pathOf(byNumber[k].second), asRecorded, mode, *known);
+                if (k != from) cache_.store(pathOf(byNumber[k].second), asRecorded, mode, *known);
             }
         }
 
@@ -456,13 +459,30 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
         }
 
         // Split each group by digest; a group cut short by the deadline keeps only what was hashed.
+        // Sorted in place rather than gathered in a map a group: tens of thousands of small groups
+        // made a node and a list for every file.
         std::vector<Bucket> next;
+        std::vector<size_t> hashed;
         for (const auto& bucket : buckets) {
-            std::map<Digest, Bucket> byDigest;
+            hashed.clear();
             for (auto i : bucket)
-                if (digests[i]) byDigest[*digests[i]].push_back(i);
-            for (auto& [digest, part] : byDigest)
-                if (distinctFiles(part, seen) >= 2) next.push_back(std::move(part));
+                if (digests[i]) hashed.push_back(i);
+            // A group's files are in the order they were seen; ties keep it.
+            std::ranges::sort(hashed, [&](size_t a, size_t b) {
+                if (*digests[a] != *digests[b]) return *digests[a] < *digests[b];
+                return a < b;
+            });
+            for (size_t begin = 0; begin < hashed.size();) {
+                auto end = begin + 1;
+                while (end < hashed.size() && *digests[hashed[end]] == *digests[hashed[begin]])
+                    ++end;
+                if (end - begin >= 2) {
+                    Bucket part(hashed.begin() + static_cast<std::ptrdiff_t>(begin),
+                                hashed.begin() + static_cast<std::ptrdiff_t>(end));
+                    if (distinctFiles(part, seen) >= 2) next.push_back(std::move(part));
+                }
+                begin = end;
+            }
         }
         buckets = std::move(next);
     };
@@ -502,12 +522,21 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
         auto sharing = sharingOf(group.fingerprint, group.size, copies);
         found.emplace_back(std::move(group), std::move(sharing));
     }
-    // Most space first; ties in a stable order.
-    std::ranges::sort(found, {},
-                      [](const auto& f) { return std::pair(-f.second.freeable, f.first.fingerprint); });
-    for (auto& [group, sharing] : found) {
-        out.groups.push_back(std::move(group));
-        out.sharing.push_back(std::move(sharing));
+    // Most space first; ties in a stable order. Sorted by place, so no group or fingerprint is copied
+    // for a comparison.
+    std::vector<size_t> order(found.size());
+    for (size_t i = 0; i < order.size(); ++i)
+        order[i] = i;
+    std::ranges::sort(order, [&](size_t a, size_t b) {
+        const auto &x = found[a], &y = found[b];
+        if (x.second.freeable != y.second.freeable) return x.second.freeable > y.second.freeable;
+        return x.first.fingerprint < y.first.fingerprint;
+    });
+    out.groups.reserve(found.size());
+    out.sharing.reserve(found.size());
+    for (auto i : order) {
+        out.groups.push_back(std::move(found[i].first));
+        out.sharing.push_back(std::move(found[i].second));
     }
 
     out.missed = missed.load();
@@ -523,7 +552,9 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
                         std::to_string(
                             std::chrono::duration_cast<std::chrono::seconds>(options_.timeLimit).count())}}));
     if (out.missed > 0) notes.push_back(fillIn(filesMissedNote, {{"count", groupedCount(out.missed)}}));
-    if (!stopped) {
+    // Every path the cache was asked about is a candidate's, so when none was left unasked there is
+    // nothing to drop, and no set of every candidate's path to build.
+    if (!stopped && cache_.unasked() > 0) {
         std::unordered_set<std::string_view> paths;
         paths.reserve(candidates.size());
         for (const auto& c : candidates)

@@ -6,7 +6,9 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <array>
+#include <bit>
 #include <charconv>
 #include <limits>
 
@@ -19,7 +21,7 @@ namespace {
 // refused as it is met, however deep it goes.
 class CacheReader : public nlohmann::json_sax<nlohmann::json> {
   public:
-    explicit CacheReader(std::unordered_map<std::string, Fingerprint>& into) : into_(into) {}
+    explicit CacheReader(std::vector<std::pair<std::string, Fingerprint>>& into) : into_(into) {}
 
     bool dropped = false; // an entry could not be read and was left out
 
@@ -79,7 +81,7 @@ class CacheReader : public nlohmann::json_sax<nlohmann::json> {
     bool close() {
         if (depth_ == 2) {
             if (!bad_ && seen_ == 0b111)
-                into_.insert_or_assign(std::move(path_), entry_);
+                into_.emplace_back(std::move(path_), entry_);
             else
                 dropped = true;
         }
@@ -131,7 +133,7 @@ class CacheReader : public nlohmann::json_sax<nlohmann::json> {
         return true;
     }
 
-    std::unordered_map<std::string, Fingerprint>& into_;
+    std::vector<std::pair<std::string, Fingerprint>>& into_;
     int depth_ = 0;
     std::string path_, key_;
     Fingerprint entry_;
@@ -186,12 +188,29 @@ bool lowerHexDigest(std::string_view hex, Digest& out) {
     return bad >= 0;
 }
 
+// Two hex digits a byte, as save() writes a digest, straight into the text.
+void appendHex(std::string& text, const Digest& digest) {
+    static constexpr char digits[] = "0123456789abcdef";
+    auto at = text.size();
+    text.resize(at + 2 * digest.size());
+    for (auto byte : digest) {
+        text[at++] = digits[byte >> 4];
+        text[at++] = digits[byte & 0xf];
+    }
+}
+
+std::uint64_t hashOf(std::string_view path) {
+    return std::hash<std::string_view>{}(path);
+}
+
+} // namespace
+
 // Reads the file as save() writes it, with no general parser: one pass over the text, no value
 // built but the entries themselves, which makes reading the cache a small part of an unchanged
 // rescan. Anything it does not expect (spaces, fields in another order, an escape in a path, a digest
 // that is not one) answers false, and the general reader reads the file instead, with its rules for
 // damaged entries.
-bool readOwnFormat(std::string_view text, std::unordered_map<std::string, Fingerprint>& into) {
+bool FingerprintCache::readOwnFormat(std::string_view text) {
     size_t at = 0;
     auto eat = [&](std::string_view literal) {
         if (text.substr(at, literal.size()) != literal) return false;
@@ -236,8 +255,12 @@ bool readOwnFormat(std::string_view text, std::unordered_map<std::string, Finger
             if (eat(",\"sample\":\"") && !digest(f.sample)) return false;
             if (eat(",\"full\":\"") && !digest(f.full)) return false;
             if (!eat("}")) return false;
-            into.insert_or_assign(!ascii && mayHoldEscapes(path) ? unescapeBytes(path) : std::string(path),
-                                  f);
+            // Most paths are kept as the slice of the file they are; only one that holds an escape
+            // needs bytes of its own.
+            if (!ascii && mayHoldEscapes(path))
+                put(ownedPaths_.emplace_back(unescapeBytes(path)), f);
+            else
+                put(path, f);
             if (eat(",\n")) continue;
             if (eat("}")) break;
             return false;
@@ -246,7 +269,63 @@ bool readOwnFormat(std::string_view text, std::unordered_map<std::string, Finger
     return text.find_first_not_of(" \t\r\n", at) == std::string_view::npos;
 }
 
-} // namespace
+void FingerprintCache::clear() {
+    entries_.clear();
+    slots_.clear();
+    ownedPaths_.clear();
+    live_ = unasked_ = 0;
+}
+
+void FingerprintCache::makeRoom(std::size_t entries) {
+    auto wanted = std::bit_ceil(std::max<std::size_t>(16, 2 * entries));
+    if (wanted <= slots_.size()) return;
+    slots_.assign(wanted, 0);
+    auto mask = wanted - 1;
+    for (std::size_t i = 0; i < entries_.size(); ++i) {
+        auto slot = entries_[i].hash & mask;
+        while (slots_[slot] != 0)
+            slot = (slot + 1) & mask;
+        slots_[slot] = static_cast<std::uint32_t>(i + 1);
+    }
+}
+
+FingerprintCache::Entry* FingerprintCache::find(std::string_view path, std::uint64_t hash) {
+    if (slots_.empty()) return nullptr;
+    auto mask = slots_.size() - 1;
+    for (auto slot = hash & mask; slots_[slot] != 0; slot = (slot + 1) & mask) {
+        auto& entry = entries_[slots_[slot] - 1];
+        if (entry.hash == hash && entry.path == path) return &entry;
+    }
+    return nullptr;
+}
+
+FingerprintCache::Entry& FingerprintCache::add(std::string_view path, std::uint64_t hash,
+                                               const Fingerprint& value) {
+    makeRoom(entries_.size() + 1);
+    auto mask = slots_.size() - 1;
+    auto slot = hash & mask;
+    while (slots_[slot] != 0)
+        slot = (slot + 1) & mask;
+    slots_[slot] = static_cast<std::uint32_t>(entries_.size() + 1);
+    ++live_;
+    return entries_.emplace_back(Entry{path, hash, value, true, false});
+}
+
+void FingerprintCache::put(std::string_view path, const Fingerprint& value) {
+    auto hash = hashOf(path);
+    if (auto* entry = find(path, hash)) {
+        entry->value = value;
+        return;
+    }
+    add(path, hash, value);
+    ++unasked_;
+}
+
+void FingerprintCache::ask(Entry& entry) {
+    if (entry.asked) return;
+    entry.asked = true;
+    if (entry.live) --unasked_;
+}
 
 void FingerprintCache::load() {
     if (loaded_) return;
@@ -263,40 +342,66 @@ void FingerprintCache::load() {
             changed_ = true; // replaced at the next save
         return;
     }
-    auto text = bytes->view();
-    fingerprints_.reserve(text.size() / 200);
-    if (readOwnFormat(text, fingerprints_)) return;
-    fingerprints_.clear();
-    CacheReader reader(fingerprints_);
+    bytes_ = std::move(*bytes);
+    auto text = bytes_->view();
+    // An entry as save() writes it is about 200 bytes; most caches are read with no growing.
+    entries_.reserve(text.size() / 180 + 16);
+    makeRoom(text.size() / 180);
+    if (readOwnFormat(text)) return;
+    clear();
+    std::vector<std::pair<std::string, Fingerprint>> read;
+    CacheReader reader(read);
     nlohmann::json::sax_parse(text, &reader);
+    for (auto& [path, value] : read)
+        put(ownedPaths_.emplace_back(std::move(path)), value);
+    bytes_.reset();
     // An entry we cannot read is dropped, and the file rewritten without it.
     if (reader.dropped) changed_ = true;
 }
 
 const Fingerprint* FingerprintCache::valid(const std::string& path, const FileStatus& status) {
-    auto it = fingerprints_.find(path);
-    if (it == fingerprints_.end()) return nullptr;
-    if (it->second.holdsFor(status.size, status.modified, status.number.inode)) return &it->second;
-    fingerprints_.erase(it);
+    auto* entry = find(path, hashOf(path));
+    if (!entry) return nullptr;
+    ask(*entry);
+    if (!entry->live) return nullptr;
+    if (entry->value.holdsFor(status.size, status.modified, status.number.inode)) return &entry->value;
+    entry->live = false;
+    --live_;
     changed_ = true;
     return nullptr;
 }
 
 void FingerprintCache::store(const std::string& path, const FileStatus& status, HashMode mode,
                              const Digest& digest) {
-    auto& entry = fingerprints_[path];
-    if (!entry.holdsFor(status.size, status.modified, status.number.inode))
-        entry = Fingerprint{status.size, status.modified, status.number.inode, std::nullopt, std::nullopt};
-    auto& kept = mode == HashMode::sample ? entry.sample : entry.full;
+    auto hash = hashOf(path);
+    auto* entry = find(path, hash);
+    const Fingerprint fresh{status.size, status.modified, status.number.inode, std::nullopt, std::nullopt};
+    if (!entry) {
+        entry = &add(ownedPaths_.emplace_back(path), hash, fresh);
+        entry->asked = true;
+        changed_ = true;
+    }
+    ask(*entry);
+    if (!entry->live || !entry->value.holdsFor(status.size, status.modified, status.number.inode)) {
+        entry->value = fresh;
+        if (!entry->live) ++live_;
+        entry->live = true;
+        changed_ = true;
+    }
+    auto& kept = mode == HashMode::sample ? entry->value.sample : entry->value.full;
     if (kept == digest) return;
     kept = digest;
     changed_ = true;
 }
 
 void FingerprintCache::keepOnly(const std::unordered_set<std::string_view>& paths) {
-    auto removed =
-        std::erase_if(fingerprints_, [&](const auto& entry) { return !paths.contains(entry.first); });
-    if (removed > 0) changed_ = true;
+    for (auto& entry : entries_) {
+        if (!entry.live || paths.contains(entry.path)) continue;
+        entry.live = false;
+        --live_;
+        if (!entry.asked) --unasked_;
+        changed_ = true;
+    }
 }
 
 std::expected<void, std::string> FingerprintCache::save() {
@@ -304,7 +409,7 @@ std::expected<void, std::string> FingerprintCache::save() {
     // Written by hand: every entry has the same few fields, and a tree of tens of thousands of small
     // objects costs more to build than the text does. Most paths need no escape and go in as they are.
     std::string text = "{";
-    text.reserve(fingerprints_.size() * 260);
+    text.reserve(live_ * 260 + 16);
     char number[24];
     auto append = [&](auto value) {
         auto end = std::to_chars(number, number + sizeof number, value).ptr;
@@ -315,14 +420,16 @@ std::expected<void, std::string> FingerprintCache::save() {
             if (c < 0x20 || c == '"' || c == '\\' || c >= 0x80) return false;
         return true;
     };
-    for (const auto& [path, f] : fingerprints_) {
+    for (const auto& entry : entries_) {
+        if (!entry.live) continue;
+        const auto& f = entry.value;
         if (text.size() > 1) text += ",\n";
-        if (plain(path)) {
+        if (plain(entry.path)) {
             text += '"';
-            text += path;
+            text += entry.path;
             text += '"';
         } else {
-            text += nlohmann::json(escapeBytes(path)).dump();
+            text += nlohmann::json(escapeBytes(entry.path)).dump();
         }
         text += ":{\"size\":";
         append(f.size);
@@ -330,13 +437,16 @@ std::expected<void, std::string> FingerprintCache::save() {
         append(f.modified);
         text += ",\"inode\":";
         append(f.inode);
-        for (auto [key, digest] :
-             {std::pair{",\"sample\":\"", &f.sample}, std::pair{",\"full\":\"", &f.full}})
-            if (*digest) {
-                text += key;
-                text += hexOf(**digest);
-                text += '"';
-            }
+        if (f.sample) {
+            text += ",\"sample\":\"";
+            appendHex(text, *f.sample);
+            text += '"';
+        }
+        if (f.full) {
+            text += ",\"full\":\"";
+            appendHex(text, *f.full);
+            text += '"';
+        }
         text += '}';
     }
     text += "}\n";

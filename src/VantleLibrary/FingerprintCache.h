@@ -2,15 +2,19 @@
 // unchanged file is never read twice. A plain value: not thread-safe; the duplicate finder owns one
 // and uses it under its own lock.
 #pragma once
+#include "Platform/KeptFile.h"
 #include "VantleLibrary/Fingerprint.h"
 #include "VantleLibrary/FingerprintReader.h"
 
+#include <cstdint>
+#include <deque>
 #include <expected>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <unordered_set>
+#include <vector>
 
 namespace vantle {
 
@@ -24,11 +28,16 @@ class FingerprintCache {
     bool loaded() const { return loaded_; }
 
     // The kept hashes for `path` if they still hold for the file as `status` describes it; a stale
-    // entry is dropped.
+    // entry is dropped. The answer is good until the next store().
     const Fingerprint* valid(const std::string& path, const FileStatus& status);
 
-    // Records a hash for `path` as of `status`, keeping the other hash where it still holds.
+    // Records a hash for `path` as of `status`, keeping the other hash where it still holds. Storing
+    // what is already kept changes nothing, and the file is not written again for it.
     void store(const std::string& path, const FileStatus& status, HashMode mode, const Digest& digest);
+
+    // Kept entries that neither valid() nor store() has been asked about since the file was read:
+    // when every asked path is known to be wanted, these are the only ones keepOnly could drop.
+    std::size_t unasked() const { return unasked_; }
 
     // Drops every entry whose path is not in `paths`.
     void keepOnly(const std::unordered_set<std::string_view>& paths);
@@ -37,12 +46,41 @@ class FingerprintCache {
     // the system's description.
     std::expected<void, std::string> save();
 
-    size_t size() const { return fingerprints_.size(); }
+    std::size_t size() const { return live_; }
     const std::filesystem::path& cacheFile() const { return cacheFile_; }
 
   private:
-    std::unordered_map<std::string, Fingerprint> fingerprints_;
+    // One path's entry. Most paths point into the file's own bytes, kept for the cache's life, so a
+    // cache of tens of thousands of files is read with no allocation per entry. A dropped entry keeps
+    // its place (and its key) and comes back to life if its path is stored again.
+    struct Entry {
+        std::string_view path;
+        std::uint64_t hash = 0;
+        Fingerprint value;
+        bool live = true;
+        bool asked = false;
+    };
+
+    Entry* find(std::string_view path, std::uint64_t hash);
+    // A new live entry; `path` must outlive the cache (the file's bytes or ownedPaths_).
+    Entry& add(std::string_view path, std::uint64_t hash, const Fingerprint& value);
+    // An entry read from the file; a path met twice keeps its last value, as a JSON reader would.
+    void put(std::string_view path, const Fingerprint& value);
+    void ask(Entry& entry);
+    void makeRoom(std::size_t entries);
+    void clear();
+    // Reads the file as save() writes it; false for anything else.
+    bool readOwnFormat(std::string_view text);
+
     std::filesystem::path cacheFile_;
+    std::optional<KeptBytes> bytes_;
+    std::deque<std::string> ownedPaths_; // paths that are not a plain slice of the file's bytes
+    std::vector<Entry> entries_;
+    // Open addressing with linear probes: each slot is an entry's index + 1, or 0 when empty. Never
+    // more than half full.
+    std::vector<std::uint32_t> slots_;
+    std::size_t live_ = 0;
+    std::size_t unasked_ = 0;
     bool loaded_ = false;
     bool changed_ = false;
 };

@@ -311,6 +311,177 @@ TEST(FingerprintCache, ANameThatIsNotUtf8IsFoundUnderItsOwnBytes) {
     EXPECT_FALSE(reread.valid(dir / "caf\xef\xbf\xbd \xef\xbf\xbd.bin", status));
 }
 
+namespace {
+
+// A file as statx would describe it, made up: the cache compares numbers, never opens the file.
+FileStatus cacheStatusOf(std::uint64_t inode, std::int64_t size = 10, std::int64_t modified = 7) {
+    FileStatus s;
+    s.isRegular = true;
+    s.number = {1, inode};
+    s.size = size;
+    s.modified = modified;
+    return s;
+}
+
+} // namespace
+
+TEST(FingerprintCache, ManyPathsStayApartThroughGrowthSavingAndReading) {
+    TempDir dir;
+    auto file = dir / "fingerprints.json";
+    // Enough paths to grow the table several times over, many sharing long prefixes and differing
+    // only at the end, so neighbouring slots hold keys that compare equal for most of their length.
+    constexpr int count = 3000;
+    auto pathOf = [](int i) { return "/home/u/Pictures/2024/a-long-common-folder/IMG_" + std::to_string(i); };
+    {
+        FingerprintCache cache(file);
+        cache.load();
+        for (int i = 0; i < count; ++i) {
+            cache.store(pathOf(i), cacheStatusOf(i), HashMode::sample, sha256(std::to_string(i)));
+            // Looked up at once after its store, and again after later stores have moved the table.
+            auto* kept = cache.valid(pathOf(i), cacheStatusOf(i));
+            ASSERT_TRUE(kept) << i;
+            EXPECT_EQ(kept->sample, sha256(std::to_string(i)));
+            if (i % 7 == 0) {
+                auto* earlier = cache.valid(pathOf(i / 2), cacheStatusOf(i / 2));
+                ASSERT_TRUE(earlier) << i / 2;
+                EXPECT_EQ(earlier->sample, sha256(std::to_string(i / 2)));
+            }
+        }
+        EXPECT_EQ(cache.size(), static_cast<size_t>(count));
+        EXPECT_FALSE(cache.valid("/home/u/Pictures/2024/a-long-common-folder/IMG_", cacheStatusOf(0)));
+        ASSERT_TRUE(cache.save());
+    }
+    FingerprintCache reread(file);
+    reread.load();
+    EXPECT_EQ(reread.size(), static_cast<size_t>(count));
+    EXPECT_EQ(reread.unasked(), static_cast<size_t>(count));
+    for (int i = count - 1; i >= 0; --i) {
+        auto* kept = reread.valid(pathOf(i), cacheStatusOf(i));
+        ASSERT_TRUE(kept) << i;
+        EXPECT_EQ(kept->sample, sha256(std::to_string(i)));
+        EXPECT_FALSE(kept->full);
+    }
+    EXPECT_EQ(reread.unasked(), 0u);
+}
+
+TEST(FingerprintCache, ADroppedEntryComesBackOnlyThroughAFreshStore) {
+    TempDir dir;
+    auto file = dir / "fingerprints.json";
+    {
+        FingerprintCache cache(file);
+        cache.store("/a", cacheStatusOf(1), HashMode::sample, sha256("a-sample"));
+        cache.store("/a", cacheStatusOf(1), HashMode::full, sha256("a-full"));
+        cache.store("/b", cacheStatusOf(2), HashMode::full, sha256("b"));
+        ASSERT_TRUE(cache.save());
+    }
+    FingerprintCache cache(file);
+    cache.load();
+    // Edited since: the entry goes, and asking again with the old facts does not bring it back.
+    EXPECT_FALSE(cache.valid("/a", cacheStatusOf(1, 11)));
+    EXPECT_FALSE(cache.valid("/a", cacheStatusOf(1)));
+    EXPECT_EQ(cache.size(), 1u);
+    // Stored again: only the new hash, none of the old entry's.
+    cache.store("/a", cacheStatusOf(1, 11), HashMode::full, sha256("a-new"));
+    auto* kept = cache.valid("/a", cacheStatusOf(1, 11));
+    ASSERT_TRUE(kept);
+    EXPECT_EQ(kept->full, sha256("a-new"));
+    EXPECT_FALSE(kept->sample);
+    EXPECT_EQ(cache.size(), 2u);
+    ASSERT_TRUE(cache.save());
+
+    FingerprintCache reread(file);
+    reread.load();
+    EXPECT_EQ(reread.size(), 2u);
+    ASSERT_TRUE(reread.valid("/a", cacheStatusOf(1, 11)));
+    EXPECT_EQ(reread.valid("/a", cacheStatusOf(1, 11))->full, sha256("a-new"));
+    EXPECT_EQ(reread.valid("/b", cacheStatusOf(2))->full, sha256("b"));
+}
+
+TEST(FingerprintCache, StoringWhatIsKeptWritesNothingAndOnlyUnaskedEntriesCanBeDropped) {
+    TempDir dir;
+    auto file = dir / "fingerprints.json";
+    {
+        FingerprintCache cache(file);
+        for (auto [path, inode] : {std::pair{"/a", 1}, std::pair{"/b", 2}, std::pair{"/c", 3}})
+            cache.store(path, cacheStatusOf(inode), HashMode::full, sha256(path));
+        ASSERT_TRUE(cache.save());
+    }
+    auto written = std::filesystem::last_write_time(file);
+    auto before = vantle::testing::readFile(file);
+
+    FingerprintCache cache(file);
+    cache.load();
+    EXPECT_EQ(cache.unasked(), 3u);
+    ASSERT_TRUE(cache.valid("/a", cacheStatusOf(1)));
+    cache.store("/b", cacheStatusOf(2), HashMode::full, sha256("/b")); // the same as kept
+    EXPECT_EQ(cache.unasked(), 1u);
+    cache.keepOnly({"/a", "/b", "/c"});
+    ASSERT_TRUE(cache.save());
+    EXPECT_EQ(std::filesystem::last_write_time(file), written) << "nothing changed";
+
+    // "/c" was never asked about and is no longer wanted: it goes, and the file is written.
+    cache.keepOnly({"/a", "/b"});
+    EXPECT_EQ(cache.unasked(), 0u);
+    EXPECT_EQ(cache.size(), 2u);
+    ASSERT_TRUE(cache.save());
+    auto after = vantle::testing::readFile(file);
+    EXPECT_NE(after, before);
+    EXPECT_EQ(after.find("\"/c\""), std::string::npos);
+    EXPECT_NE(after.find("\"/b\""), std::string::npos);
+}
+
+TEST(FingerprintCache, AwkwardPathsKeepTheirExactBytesBesidePlainOnes) {
+    TempDir dir;
+    auto file = dir / "fingerprints.json";
+    // A quote, a backslash, a tab and a newline; bytes that are not UTF-8; text that looks like an
+    // escape but is plain; well-formed UTF-8 beyond ASCII.
+    const std::vector<std::string> paths = {
+        "/plain/a.txt",      "/q\"uote\\slash\tand\nline", "/caf\xe9/\xff\xfe",
+        "/looks\\u00e9like", "/caf\xc3\xa9/na\xc3\xafve",  "/plain/b.txt"};
+    {
+        FingerprintCache cache(file);
+        for (size_t i = 0; i < paths.size(); ++i)
+            cache.store(paths[i], cacheStatusOf(i + 1), HashMode::full, sha256(paths[i]));
+        ASSERT_TRUE(cache.save());
+    }
+    for (int round = 0; round < 2; ++round) {
+        FingerprintCache cache(file);
+        cache.load();
+        ASSERT_EQ(cache.size(), paths.size()) << round;
+        for (size_t i = 0; i < paths.size(); ++i) {
+            auto* kept = cache.valid(paths[i], cacheStatusOf(i + 1));
+            ASSERT_TRUE(kept) << round << " " << i;
+            EXPECT_EQ(kept->full, sha256(paths[i]));
+        }
+        EXPECT_FALSE(cache.valid("/caf\xc3\xa9/\xef\xbf\xbd\xef\xbf\xbd", cacheStatusOf(3)));
+        EXPECT_FALSE(cache.valid("/looks\xc3\xa9like", cacheStatusOf(4)));
+        // A change makes the second round read a file written from entries read back, not stored.
+        cache.store("/plain/c.txt", cacheStatusOf(99), HashMode::full, sha256("c"));
+        ASSERT_TRUE(cache.save());
+        cache.keepOnly({paths.begin(), paths.end()});
+        ASSERT_TRUE(cache.save());
+    }
+}
+
+TEST(FingerprintCache, APathWrittenTwiceKeepsItsLastEntryInEitherReader) {
+    TempDir dir;
+    auto entry = [](int inode, std::string_view of) {
+        return R"({"size":10,"modified":7,"inode":)" + std::to_string(inode) + R"(,"full":")" +
+               hexOf(sha256(of)) + "\"}";
+    };
+    // As save() writes it, and the same with a space the fast reader does not expect.
+    for (std::string gap : {"", " "}) {
+        dir.write("twice.json", "{\"/a\":" + entry(1, "old") + ",\n\"/b\":" + entry(2, "b") +
+                                    ",\n\"/a\":" + gap + entry(1, "new") + "}\n");
+        FingerprintCache cache(dir / "twice.json");
+        cache.load();
+        EXPECT_EQ(cache.size(), 2u) << "gap '" << gap << "'";
+        auto* kept = cache.valid("/a", cacheStatusOf(1));
+        ASSERT_TRUE(kept);
+        EXPECT_EQ(kept->full, sha256("new")) << "gap '" << gap << "'";
+    }
+}
+
 TEST(FingerprintReader, AWholeReadLetsGoOnlyOfThePagesItBroughtIn) {
     TempDir dir;
     auto file = dir.write("big.bin", patterned(4 << 20, 5));
