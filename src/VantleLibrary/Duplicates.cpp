@@ -72,6 +72,29 @@ std::string_view folderOf(std::string_view path) {
     return path.substr(0, slash == 0 ? 1 : slash);
 }
 
+// A handle on the folder of the last path asked about, opened again only when the folder changes:
+// candidates come a folder at a time, so the kernel walks a folder's path once a run of files rather
+// than once a file. One per thread.
+class FolderHandle {
+  public:
+    // Where to reach `path` from: its folder's handle and its own name, or the whole path when the
+    // folder cannot be opened. `path` must outlive the next call.
+    std::pair<int, const char*> beneath(const std::string& path) {
+        auto folder = folderOf(path);
+        if (folder.empty()) return {AT_FDCWD, path.c_str()};
+        if (folder != folderPath_) {
+            fd_ = UniqueFd(openatNoAtime(AT_FDCWD, std::string(folder).c_str(), O_PATH | O_DIRECTORY));
+            folderPath_ = folder;
+        }
+        if (!fd_) return {AT_FDCWD, path.c_str()};
+        return {fd_.get(), path.c_str() + path.rfind('/') + 1};
+    }
+
+  private:
+    UniqueFd fd_;
+    std::string_view folderPath_;
+};
+
 } // namespace
 
 std::int64_t DuplicateScan::freeableBytes() const {
@@ -248,18 +271,14 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
     std::vector<std::optional<FileStatus>> statuses(wanted.size());
     std::atomic<size_t> recorded{0};
     everyCore(runs.size(), [&](std::atomic<size_t>& next) {
+        FolderHandle folder;
         while (!shouldStop()) {
             auto k = next.fetch_add(1);
             if (k >= runs.size()) break;
             auto [begin, end] = runs[k];
-            auto folder = folderOf(*candidates[wanted[begin]].path);
-            UniqueFd dir(folder.empty()
-                             ? -1
-                             : openatNoAtime(AT_FDCWD, std::string(folder).c_str(), O_PATH | O_DIRECTORY));
             for (auto i = begin; i < end; ++i) {
-                const auto& path = *candidates[wanted[i]].path;
-                statuses[i] =
-                    dir ? fileStatusAt(dir.get(), path.c_str() + path.rfind('/') + 1) : fileStatus(path);
+                auto [at, name] = folder.beneath(*candidates[wanted[i]].path);
+                statuses[i] = fileStatusAt(at, name);
             }
             report(DuplicateProgress::Phase::recording, recorded, end - begin, wanted.size(), 0);
         }
@@ -388,23 +407,10 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
                 auto& small = mine.small;
                 std::int64_t reported = mine.bytesRead();
                 // In inode order files mostly come a folder at a time, so each thread opens them beneath
-                // a handle on their folder and the kernel walks a folder's path once a run of files
-                // rather than once a file. Warm, each thread takes runs of sixteen; cold, runs of one
+                // a handle on their folder. Warm, each thread takes runs of sixteen; cold, runs of one
                 // keep every thread's next read close to the others' on the disk.
                 const size_t run = width < threads ? 16 : 1;
-                UniqueFd folder;
-                std::string_view folderPath;
-                auto beneathFolder = [&](const std::string& path) -> std::pair<int, const char*> {
-                    auto of = folderOf(path);
-                    if (of.empty()) return {AT_FDCWD, path.c_str()};
-                    if (of != folderPath) {
-                        folder =
-                            UniqueFd(openatNoAtime(AT_FDCWD, std::string(of).c_str(), O_PATH | O_DIRECTORY));
-                        folderPath = of;
-                    }
-                    if (!folder) return {AT_FDCWD, path.c_str()};
-                    return {folder.get(), path.c_str() + path.rfind('/') + 1};
-                };
+                FolderHandle folder;
                 size_t k = 0, runEnd = 0;
                 for (; !shouldStop(); ++k) {
                     if (k == runEnd) {
@@ -418,7 +424,7 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
                     std::expected<Digest, FingerprintReader::Miss> result;
                     if (mode == HashMode::sample && status.size <= wholeInOneReadBytes) {
                         if (!small) small.emplace();
-                        auto [dirFd, name] = beneathFolder(pathOf(first));
+                        auto [dirFd, name] = folder.beneath(pathOf(first));
                         auto both = small->hash(dirFd, name, expected);
                         if (both) {
                             result = both->sample;
@@ -428,7 +434,7 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
                         }
                     } else {
                         if (!reader) reader.emplace(clock, deadline, &cancel);
-                        auto [dirFd, name] = beneathFolder(pathOf(first));
+                        auto [dirFd, name] = folder.beneath(pathOf(first));
                         result = reader->hash(dirFd, name, expected, mode);
                     }
                     if (result) {
