@@ -234,6 +234,11 @@ TEST(AppHome, ListsTheFilesAndASearchsChipsAndRemovingAChipWidensTheSearch) {
     ASSERT_TRUE(QTest::qWaitFor([&] { return home->files()->rowCount() == 2 && home->chips().size() == 1; },
                                 appWaitMs))
         << home->chips().join(" | ").toStdString();
+
+    // Leaving the search for a kind of file takes its chips away with its words.
+    home->showKind(std::nullopt);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return home->files()->rowCount() == 3; }, appWaitMs));
+    EXPECT_TRUE(home->chips().isEmpty()) << home->chips().join(" | ").toStdString();
     ASSERT_TRUE(settle(*window));
 }
 

@@ -498,8 +498,7 @@ void HomePage::showKind(std::optional<LibraryKind> kind) {
     kinds_->setCurrentIndex(kind ? kinds_->findData(int(*kind)) : 0);
     folder_.reset();
     list_.reset();
-    words_.clear();
-    if (searchField_) searchField_->clear();
+    forgetSearch();
     title_ = kind ? qt(std::string(vantle::title(*kind))) : QString("Home");
     showView(View::files);
     refreshList();
@@ -508,10 +507,9 @@ void HomePage::showKind(std::optional<LibraryKind> kind) {
 void HomePage::showFolder(const QString& folder) {
     folder_ = utf8(folder);
     list_.reset();
-    words_.clear();
+    forgetSearch();
     kind_.reset();
     kinds_->setCurrentIndex(0);
-    if (searchField_) searchField_->clear();
     title_ = qt(std::filesystem::path(*folder_).filename().string());
     showView(View::files);
     refreshList();
@@ -519,12 +517,20 @@ void HomePage::showFolder(const QString& folder) {
 
 void HomePage::showList(SmartList list) {
     list_ = list;
-    words_.clear();
-    if (searchField_) searchField_->clear();
+    forgetSearch();
     title_ = qt(std::string(vantle::title(list)));
     if (list == SmartList::duplicates) return showView(View::duplicates);
     showView(View::files);
     refreshList();
+}
+
+// Leaving a search for a kind, a folder or a list: its words, its field and its chips go together.
+void HomePage::forgetSearch() {
+    searchTimer_->stop();
+    words_.clear();
+    chipTexts_.clear();
+    showChips({});
+    searchField_->clear();
 }
 
 void HomePage::search(const QString& words) {

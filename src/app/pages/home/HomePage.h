@@ -84,6 +84,7 @@ class HomePage : public Page {
     void refreshList();
     void showCards(std::vector<CleanUpCard> cards);
     void showChips(const std::vector<std::string>& chips);
+    void forgetSearch();
     void showDuplicates(DuplicateScan scan);
     void showSources();
     void selectionChanged();
