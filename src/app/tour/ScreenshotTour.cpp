@@ -137,8 +137,11 @@ int main(int argc, char** argv) {
     waitFor([&] { return home->sourcesTree()->topLevelItemCount() > 0; }, "the sources");
     shoot(window, "06-home-sources");
 
+    // The search's list is still in hand until the new one comes: wait for a different count.
+    const auto searched = home->files()->rowCount();
     home->showKind(std::nullopt);
-    waitFor([&] { return home->files()->rowCount() > 1; }, "the files again");
+    waitFor([&] { return home->files()->rowCount() > 1 && home->files()->rowCount() != searched; },
+            "the files again");
     home->select(qt(home->files()->items().front().path));
     home->trashSelection();
     waitFor([&] { return window.questionBox() != nullptr; }, "the Trash question");
