@@ -12,7 +12,8 @@ void adviseHugePages(void* block, std::size_t bytes);
 // Grows the heap now, in one large step backed by large pages, and keeps its later growth and its
 // lists of up to 32 MiB in large steps inside it, for a one-shot command that makes and drops tens
 // of thousands of small records. The step is address space: only what is written becomes memory.
-// Call once, early, before other threads allocate.
+// Other threads allocate from the same heap rather than from pools of their own, which would grow a
+// small page at a time. Call once, early, before other threads allocate.
 void growHeapInLargePages();
 
 } // namespace vantle

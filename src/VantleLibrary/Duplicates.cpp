@@ -26,6 +26,7 @@ namespace {
 struct Seen {
     size_t candidate;
     FileStatus status;
+    FingerprintCache::Place kept; // where the cache keeps its hashes: looked up once for both stages
 };
 
 using Bucket = std::vector<size_t>; // indices into the seen files that may still be copies
@@ -107,29 +108,39 @@ std::int64_t DuplicateScan::freeableBytes() const {
 DuplicateSharing Duplicates::sharingOf(std::string fingerprint, std::int64_t size,
                                        std::span<const Record> copies) {
     DuplicateSharing sharing{std::move(fingerprint), {}, {}, 0};
-    std::map<FileNumber, std::vector<std::string>> names;
-    std::map<FileNumber, const Record*> files;
-    for (const auto& r : copies) {
-        names[r.number].push_back(r.path);
-        files.emplace(r.number, &r);
-    }
-    for (auto& [number, paths] : names)
-        if (paths.size() > 1) {
-            std::ranges::sort(paths);
-            sharing.hardLinks.push_back(paths);
-        }
+    // The copies by file, so that one file's names sit together. A group is a handful of copies and
+    // there may be tens of thousands of groups: a sort costs less here than maps would.
+    std::vector<const Record*> byFile;
+    byFile.reserve(copies.size());
+    for (const auto& r : copies)
+        byFile.push_back(&r);
+    std::ranges::stable_sort(byFile, {}, &Record::number);
     // Copies whose blocks are all shared from one place are one clone family: removing every member
     // of a family frees a copy's size, removing some of them frees only their own blocks.
-    std::map<std::uint64_t, int> families;
-    int standalone = 0;
-    for (auto& [number, file] : files) {
-        if (!file->sharesAllBlocks || file->cloneID == 0) {
-            ++standalone;
-            continue;
+    std::vector<std::uint64_t> families;
+    std::int64_t standalone = 0;
+    for (size_t begin = 0; begin < byFile.size();) {
+        auto end = begin + 1;
+        while (end < byFile.size() && byFile[end]->number == byFile[begin]->number)
+            ++end;
+        const auto& file = *byFile[begin];
+        if (end - begin > 1) {
+            auto& names = sharing.hardLinks.emplace_back();
+            for (auto k = begin; k < end; ++k)
+                names.push_back(byFile[k]->path);
+            std::ranges::sort(names);
         }
-        for (const auto& path : names[number])
-            sharing.clones.push_back(path);
-        if (families[file->cloneID]++ > 0) sharing.freeable += file->privateSize;
+        if (!file.sharesAllBlocks || file.cloneID == 0) {
+            ++standalone;
+        } else {
+            for (auto k = begin; k < end; ++k)
+                sharing.clones.push_back(byFile[k]->path);
+            if (std::ranges::find(families, file.cloneID) != families.end())
+                sharing.freeable += file.privateSize;
+            else
+                families.push_back(file.cloneID);
+        }
+        begin = end;
     }
     std::ranges::sort(sharing.clones);
     auto distinctCopies = standalone + static_cast<std::int64_t>(families.size());
@@ -149,6 +160,18 @@ std::vector<FileItem> Duplicates::candidatesOf(std::span<const Facts> facts, std
 }
 
 Duplicates::Duplicates(Options options) : options_(std::move(options)), cache_(options_.cacheFile) {}
+
+void Duplicates::readCacheAhead() {
+    std::lock_guard lock(mutex_);
+    // While the thread runs the cache is its own: only a scan, under the lock, joins it and reads on.
+    if (cacheReading_.joinable() || cache_.loaded()) return;
+    cacheReading_ = std::jthread([this] { cache_.load(); });
+}
+
+void Duplicates::loadCache() {
+    if (cacheReading_.joinable()) cacheReading_.join();
+    cache_.load();
+}
 
 std::optional<DuplicateScan> Duplicates::latest() const {
     std::lock_guard lock(mutex_);
@@ -196,7 +219,6 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
     const auto deadline = started + options_.timeLimit;
     DuplicateScan out;
     out.at = toMilliseconds(started); // the precision a stored scan keeps
-    cache_.load();
 
     // Past a few dozen reads in flight a disk orders no better, and a many-core machine would only
     // pay for the threads and their buffers.
@@ -287,9 +309,32 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
     seen.reserve(wanted.size());
     for (size_t i = 0; i < wanted.size(); ++i)
         if (statuses[i] && statuses[i]->isRegular && statuses[i]->size >= options_.smallestSize)
-            seen.push_back({wanted[i], *statuses[i]});
+            seen.push_back({wanted[i], *statuses[i], {}});
     statuses = {};
     auto pathOf = [&](size_t i) -> const std::string& { return *candidates[seen[i].candidate].path; };
+    // The cache may have been read meanwhile (readCacheAhead). Each file's place in it is looked up
+    // once, on every core, rather than once a stage on this thread: in an unchanged rescan the
+    // look-ups are most of what is left after the statx.
+    loadCache();
+    const auto cores = std::max(1u, std::thread::hardware_concurrency());
+    constexpr size_t lookUpShare = 1024;
+    everyCore(
+        (seen.size() + lookUpShare - 1) / lookUpShare,
+        [&](std::atomic<size_t>& next) {
+            std::vector<std::string_view> paths;
+            std::vector<FingerprintCache::Place> places;
+            for (size_t begin; (begin = next.fetch_add(1) * lookUpShare) < seen.size();) {
+                auto end = std::min(begin + lookUpShare, seen.size());
+                paths.clear();
+                for (auto i = begin; i < end; ++i)
+                    paths.push_back(pathOf(i));
+                places.resize(paths.size());
+                cache_.place(paths, places);
+                for (auto i = begin; i < end; ++i)
+                    seen[i].kept = places[i - begin];
+            }
+        },
+        cores);
 
     // 2. Size groups of at least two distinct files (two names of one file are not two copies).
     std::vector<Bucket> buckets;
@@ -333,7 +378,6 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
     // cost no more than one and keep a core busy while a thread meets the odd page not in memory);
     // cold, they keep the disk busy. A few of the files about to be read, spread over the list, tell
     // which it is: if every page they need is in memory, so are most of the others'.
-    const auto cores = std::max(1u, std::thread::hardware_concurrency());
     auto widthFor = [&](HashMode mode, std::span<const size_t> firstNames) -> size_t {
         if (options_.threads > 0 || firstNames.size() < 2 * cores) return threads;
         constexpr size_t probes = 16;
@@ -372,7 +416,8 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
             std::optional<Digest> known;
             auto from = end; // the name the kept hash was found under
             for (auto k = begin; k < end && !known; ++k)
-                if (auto* kept = cache_.valid(pathOf(byNumber[k].second), asRecorded)) {
+                if (auto* kept = cache_.valid(pathOf(byNumber[k].second), asRecorded,
+                                              seen[byNumber[k].second].kept)) {
                     known = mode == HashMode::sample ? kept->sample : kept->full;
                     from = k;
                 }

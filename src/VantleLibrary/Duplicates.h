@@ -17,6 +17,7 @@
 #include <filesystem>
 #include <functional>
 #include <mutex>
+#include <thread>
 #include <optional>
 #include <span>
 #include <string>
@@ -134,6 +135,10 @@ class Duplicates {
     // wait for a running scan.
     void noteChanges() { changes_.fetch_add(1); }
 
+    // Starts reading the fingerprint cache on a thread of its own, for a scan about to begin: a front
+    // end reads the catalog meanwhile. Does nothing once the cache is read or being read.
+    void readCacheAhead();
+
   private:
     // A file to look at: its path and listed size, and where it came from in the caller's list.
     struct Candidate {
@@ -145,6 +150,9 @@ class Duplicates {
                                  const std::function<FileItem(size_t source)>& itemOf, CancelFlag& cancel,
                                  const ProgressFn& progress);
 
+    // Reads the cache, or waits for readCacheAhead's thread to. Under the lock.
+    void loadCache();
+
     mutable std::mutex mutex_;
     Options options_;
     FingerprintCache cache_;
@@ -152,6 +160,7 @@ class Duplicates {
     // Changes heard, counted without the lock so a watcher is never held up by a running scan.
     std::atomic<std::uint64_t> changes_{0};
     std::uint64_t changesBeforeLatest_ = 0;
+    std::jthread cacheReading_; // last: it is joined before what it reads into goes
 };
 
 } // namespace vantle

@@ -11,6 +11,7 @@
 #include <expected>
 #include <filesystem>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <unordered_set>
@@ -27,9 +28,19 @@ class FingerprintCache {
     void load();
     bool loaded() const { return loaded_; }
 
+    // Where a path's entry is kept, found without changing anything, so that many threads may look
+    // up at once (while no one stores). Good until the file is read again.
+    struct Place {
+        std::uint32_t entry; // the entry's index + 1; 0 when the path had none
+    };
+    // The places of many paths at once, into `places` (as long as `paths`).
+    void place(std::span<const std::string_view> paths, std::span<Place> places) const;
+
     // The kept hashes for `path` if they still hold for the file as `status` describes it; a stale
-    // entry is dropped. The answer is good until the next store().
-    const Fingerprint* valid(const std::string& path, const FileStatus& status);
+    // entry is dropped. The answer is good until the next store(). `known` is where place() found
+    // the path, which spares looking it up again; a path placed nowhere is looked up, as it may have
+    // been stored since.
+    const Fingerprint* valid(const std::string& path, const FileStatus& status, Place known = {});
 
     // Records a hash for `path` as of `status`, keeping the other hash where it still holds. Storing
     // what is already kept changes nothing, and the file is not written again for it.
@@ -62,6 +73,7 @@ class FingerprintCache {
     };
 
     Entry* find(std::string_view path, std::uint64_t hash);
+    const Entry* find(std::string_view path, std::uint64_t hash) const;
     // A new live entry; `path` must outlive the cache (the file's bytes or ownedPaths_).
     Entry& add(std::string_view path, std::uint64_t hash, const Fingerprint& value);
     // An entry read from the file; a path met twice keeps its last value, as a JSON reader would.

@@ -242,6 +242,7 @@ void addFilesSearchCommands(CLI::App& files, CliContext& ctx) {
         // A scan makes and drops tens of thousands of small records (the catalog's entries, each
         // candidate's status, the groups): a page fault for every 4 KiB was a third of an unchanged rescan.
         growHeapInLargePages();
+        if (auto* live = ctx.live()) live->library->duplicates().readCacheAhead();
         withCatalog(ctx, [&](VantleLite* live, Catalog::Result* read, CancelFlag& cancel) {
             ThrottledLine line;
             auto scan = live->library->findDuplicates(

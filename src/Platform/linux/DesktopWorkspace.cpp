@@ -1,3 +1,4 @@
+#include "Platform/SharedLibrary.h"
 #include "Platform/SystemError.h"
 #include "Platform/Workspace.h"
 
@@ -31,9 +32,30 @@ std::string fileAddress(const fs::path& item) {
     return out;
 }
 
-struct BusDeleter {
-    void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
+// The few sd-bus functions revealing an item calls, bound the first time one is revealed: most
+// commands never reveal anything, and libsystemd with the libraries it pulls in was a good part of
+// every start.
+struct BusCalls {
+    decltype(&::sd_bus_open_user) open_user;
+    decltype(&::sd_bus_flush_close_unref) flush_close_unref;
+    decltype(&::sd_bus_call_method) call_method;
+    decltype(&::sd_bus_error_free) error_free;
 };
+
+std::expected<const BusCalls*, std::string> busCalls() {
+    static const std::expected<BusCalls, std::string> loaded = []() -> std::expected<BusCalls, std::string> {
+        auto lib = SharedLibrary::open(VANTLE_SYSTEMD_SONAME);
+        if (!lib) return std::unexpected(lib.error());
+        BusCalls c{};
+        if (!lib->bind(c.open_user, "sd_bus_open_user") ||
+            !lib->bind(c.flush_close_unref, "sd_bus_flush_close_unref") ||
+            !lib->bind(c.call_method, "sd_bus_call_method") || !lib->bind(c.error_free, "sd_bus_error_free"))
+            return std::unexpected(std::string(VANTLE_SYSTEMD_SONAME) + " lacks a function it should have");
+        return c;
+    }();
+    if (!loaded) return std::unexpected(loaded.error());
+    return &*loaded;
+}
 
 class DesktopWorkspace final : public Workspace {
   public:
@@ -52,17 +74,21 @@ class DesktopWorkspace final : public Workspace {
     // The session bus is used through sd-bus (libsystemd): one method call with a string array,
     // with the bus's own error text when no file manager answers.
     std::expected<void, std::string> reveal(const fs::path& item) override {
+        auto calls = busCalls();
+        if (!calls) return std::unexpected(calls.error());
+        const auto& sd = **calls;
         sd_bus* raw = nullptr;
-        if (int r = sd_bus_open_user(&raw); r < 0) return std::unexpected(systemErrorText(-r));
-        std::unique_ptr<sd_bus, BusDeleter> bus(raw);
+        if (int r = sd.open_user(&raw); r < 0) return std::unexpected(systemErrorText(-r));
+        auto closeBus = [&sd](sd_bus* bus) { sd.flush_close_unref(bus); };
+        std::unique_ptr<sd_bus, decltype(closeBus)> bus(raw, closeBus);
         sd_bus_error error = SD_BUS_ERROR_NULL;
         std::string address = fileAddress(item);
-        int r = sd_bus_call_method(bus.get(), "org.freedesktop.FileManager1", "/org/freedesktop/FileManager1",
-                                   "org.freedesktop.FileManager1", "ShowItems", &error, nullptr, "ass", 1,
-                                   address.c_str(), "");
+        int r = sd.call_method(bus.get(), "org.freedesktop.FileManager1", "/org/freedesktop/FileManager1",
+                               "org.freedesktop.FileManager1", "ShowItems", &error, nullptr, "ass", 1,
+                               address.c_str(), "");
         if (r < 0) {
             std::string reason = error.message ? error.message : systemErrorText(-r);
-            sd_bus_error_free(&error);
+            sd.error_free(&error);
             return std::unexpected(reason);
         }
         return {};

@@ -18,6 +18,7 @@ void adviseHugePages(void* block, std::size_t bytes) {
 }
 
 void growHeapInLargePages() {
+    ::mallopt(M_ARENA_MAX, 1);
     ::mallopt(M_MMAP_THRESHOLD, 32 << 20);
     ::mallopt(M_TOP_PAD, 128 << 20);
     ::mallopt(M_TRIM_THRESHOLD, 256 << 20);
