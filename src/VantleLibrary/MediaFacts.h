@@ -1,7 +1,8 @@
 // Photos' capture dates and cameras (their EXIF, read by exiv2) and the playing time of songs and
 // videos (TagLib: every common audio format, and MPEG-4 and QuickTime video), read from a descriptor the
 // caller opened without moving the access time: no library is ever given a path to open itself. The functions
-// return plain values and may be called from several threads at once.
+// return plain values and may be called from several threads at once. The two libraries live in the
+// media module, loaded on the first read; were it missing, every file would read as carrying nothing.
 #pragma once
 #include "VantleSpec/Time.h"
 
