@@ -318,23 +318,22 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
     loadCache();
     const auto cores = std::max(1u, std::thread::hardware_concurrency());
     constexpr size_t lookUpShare = 1024;
-    everyCore(
-        (seen.size() + lookUpShare - 1) / lookUpShare,
-        [&](std::atomic<size_t>& next) {
-            std::vector<std::string_view> paths;
-            std::vector<FingerprintCache::Place> places;
-            for (size_t begin; (begin = next.fetch_add(1) * lookUpShare) < seen.size();) {
-                auto end = std::min(begin + lookUpShare, seen.size());
-                paths.clear();
-                for (auto i = begin; i < end; ++i)
-                    paths.push_back(pathOf(i));
-                places.resize(paths.size());
-                cache_.place(paths, places);
-                for (auto i = begin; i < end; ++i)
-                    seen[i].kept = places[i - begin];
-            }
-        },
-        cores);
+    everyCore((seen.size() + lookUpShare - 1) / lookUpShare,
+              [&](std::atomic<size_t>& next) {
+                  std::vector<std::string_view> paths;
+                  std::vector<FingerprintCache::Place> places;
+                  for (size_t begin; (begin = next.fetch_add(1) * lookUpShare) < seen.size();) {
+                      auto end = std::min(begin + lookUpShare, seen.size());
+                      paths.clear();
+                      for (auto i = begin; i < end; ++i)
+                          paths.push_back(pathOf(i));
+                      places.resize(paths.size());
+                      cache_.place(paths, places);
+                      for (auto i = begin; i < end; ++i)
+                          seen[i].kept = places[i - begin];
+                  }
+              },
+              cores);
 
     // 2. Size groups of at least two distinct files (two names of one file are not two copies).
     std::vector<Bucket> buckets;
@@ -416,8 +415,8 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
             std::optional<Digest> known;
             auto from = end; // the name the kept hash was found under
             for (auto k = begin; k < end && !known; ++k)
-                if (auto* kept = cache_.valid(pathOf(byNumber[k].second), asRecorded,
-                                              seen[byNumber[k].second].kept)) {
+                if (auto* kept =
+                        cache_.valid(pathOf(byNumber[k].second), asRecorded, seen[byNumber[k].second].kept)) {
                     known = mode == HashMode::sample ? kept->sample : kept->full;
                     from = k;
                 }

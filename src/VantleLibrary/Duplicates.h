@@ -17,10 +17,10 @@
 #include <filesystem>
 #include <functional>
 #include <mutex>
-#include <thread>
 #include <optional>
 #include <span>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace vantle {
