@@ -53,10 +53,10 @@ std::optional<double> lengthByTagLib(int fd, std::string_view name) {
     return readers ? readers->lengthOf(fd, name) : std::nullopt;
 }
 
-MediaFacts readMediaFacts(int fd, std::string_view name, std::string_view contentType) {
-    MediaFacts out;
+std::optional<MediaFacts> readMediaFacts(int fd, std::string_view name, std::string_view contentType) {
     const auto* readers = mediaReaders();
-    if (!readers) return out;
+    if (!readers) return std::nullopt;
+    MediaFacts out;
     if (isPhotoType(contentType))
         readers->readExif(fd, out);
     else if (isAudioType(contentType) || isVideoType(contentType))

@@ -2,7 +2,7 @@
 // videos (TagLib: every common audio format, and MPEG-4 and QuickTime video), read from a descriptor the
 // caller opened without moving the access time: no library is ever given a path to open itself. The functions
 // return plain values and may be called from several threads at once. The two libraries live in the
-// media module, loaded on the first read; were it missing, every file would read as carrying nothing.
+// media module, loaded on the first read.
 #pragma once
 #include "VantleSpec/Time.h"
 
@@ -25,8 +25,9 @@ bool mayCarryMediaFacts(std::string_view contentType);
 
 // Reads what the open regular file `fd` of `contentType` carries. `name` only names the file to the
 // libraries (they guess a format by its extension); nothing is opened by it. A file that carries
-// nothing, or that the libraries cannot read, gives empty facts.
-MediaFacts readMediaFacts(int fd, std::string_view name, std::string_view contentType);
+// nothing, or that the libraries cannot read, gives empty facts. Nothing at all when the media module
+// cannot be loaded: the file was not read, and must not be kept as carrying nothing.
+std::optional<MediaFacts> readMediaFacts(int fd, std::string_view name, std::string_view contentType);
 
 // The playing time alone, as TagLib reads it through the descriptor.
 std::optional<double> lengthByTagLib(int fd, std::string_view name);

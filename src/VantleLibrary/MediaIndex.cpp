@@ -228,6 +228,9 @@ MediaIndex::Filled MediaIndex::fill(const std::vector<Facts>& facts, const Cance
         std::vector<std::pair<std::size_t, Entry>> entries; // every media file's entry, kept or read
         std::size_t kept = 0, read = 0;
     };
+    // A file the media module could not be loaded to read is left for the next fill, as a stopped
+    // fill leaves what it did not reach.
+    std::atomic<bool> unread{false};
     // entries_ is only looked up while the workers run.
     auto shares = inFolderRuns<Share>(
         facts, files, workers, cancel, [&](Share& share, std::size_t at, int folder, const char* name) {
@@ -244,14 +247,19 @@ MediaIndex::Filled MediaIndex::fill(const std::vector<Facts>& facts, const Cance
             // Non-blocking, so a pipe put where the file was cannot hold the reader up.
             auto fd = openUserEntry(folder < 0 ? AT_FDCWD : folder, name, O_RDONLY | O_NONBLOCK);
             if (!fd) return;
-            Entry entry{*key, readMediaFacts(fd->get(), f.name, f.contentType)};
+            auto read = readMediaFacts(fd->get(), f.name, f.contentType);
+            if (!read) {
+                unread = true;
+                return;
+            }
+            Entry entry{*key, std::move(*read)};
             share.found.emplace_back(at, entry.facts);
             share.entries.emplace_back(at, std::move(entry));
             ++share.read;
         });
 
     Filled filled;
-    const bool whole = !cancel.isCancelled();
+    const bool whole = !cancel.isCancelled() && !unread;
     std::unordered_map<std::string, Entry> next;
     for (auto& share : shares) {
         filled.kept += share.kept;
