@@ -41,12 +41,14 @@ std::vector<FileItem> itemsUnder(const TempDir& dir) {
     return items;
 }
 
-std::set<std::set<std::string>> namesByGroup(const DuplicateScan& scan) {
+// Each group as the set of its items' names (or paths, or another text field).
+std::set<std::set<std::string>> namesByGroup(const DuplicateScan& scan,
+                                             std::string FileItem::*field = &FileItem::name) {
     std::set<std::set<std::string>> out;
     for (const auto& g : scan.groups) {
         std::set<std::string> names;
         for (const auto& item : g.items)
-            names.insert(item.name);
+            names.insert(item.*field);
         out.insert(names);
     }
     return out;
@@ -456,12 +458,5 @@ TEST(DuplicateScan, SmallFilesOfOneNameInManyFoldersAreEachOpenedBeneathTheirOwn
     auto scan = Duplicates({{}, 45s, 1, systemClock()}).scan(itemsUnder(dir), cancel);
     EXPECT_TRUE(scan.isComplete);
     EXPECT_EQ(scan.missed, 0);
-    std::set<std::set<std::string>> found;
-    for (const auto& g : scan.groups) {
-        std::set<std::string> paths;
-        for (const auto& item : g.items)
-            paths.insert(item.path);
-        found.insert(paths);
-    }
-    EXPECT_EQ(found, expected);
+    EXPECT_EQ(namesByGroup(scan, &FileItem::path), expected);
 }
