@@ -39,10 +39,10 @@ std::expected<std::string, KeptFileFailure> readKeptFile(const std::filesystem::
 std::expected<std::string, KeptFileFailure> readKeptFd(int fd, const std::filesystem::path& file,
                                                        std::size_t boundBytes = keptRecordBytes);
 
-// A large kept file's bytes, in memory taken from the system in one piece (large pages where it
-// allows) instead of a string that is zeroed and then faulted in a page at a time: for a kept file of
-// tens of megabytes read on every run (the catalog index), that setting up cost more than the read.
-// Move-only; may be read from several threads once made.
+// A large kept file's bytes: the file mapped read-only, or where it cannot be, read into memory taken
+// from the system in one piece (large pages where it allows), not a string that is zeroed and then
+// faulted in a page at a time. For a kept file of tens of megabytes read on every run (the catalog
+// index), that setting up cost more than the read. Move-only; may be read from several threads once made.
 class KeptBytes {
   public:
     KeptBytes() = default;
