@@ -95,6 +95,21 @@ std::optional<CatalogIndex::Kept> Catalog::readKept(const CatalogIndex::Each& ea
     return std::nullopt;
 }
 
+std::optional<CatalogIndex::Opened> Catalog::openKept() {
+    std::lock_guard lock(mutex_);
+    if (walked_ || indexLoaded_ || walks_ == Walk::running || !options_.indexFile) return std::nullopt;
+    auto opened = keptIndex().open();
+    if (!opened) {
+        indexLoaded_ = true; // missing or damaged: not looked for again
+        return std::nullopt;
+    }
+    const bool stale = changes_ > 0 || cancelledWalk_;
+    if (decide(Walk::ready, opened->walk().snapshot.at, stale, options_.now(), options_.walkFreshness) !=
+        Next::use)
+        return std::nullopt;
+    return std::move(*opened);
+}
+
 Catalog::Result Catalog::read(const CancelFlag& cancel, const DiskWalk::ProgressFn& progress) {
     std::unique_lock lock(mutex_);
     if (loadIndexLocked() && nextLocked() == Next::use) {

@@ -83,6 +83,9 @@ class Catalog {
     // `needsAttributes` does the same for download origins and tags.
     std::optional<CatalogIndex::Kept> readKept(const CatalogIndex::Each& each, bool needsMediaFacts = false,
                                                bool needsAttributes = false);
+    // The same kept index opened to be read twice over (see CatalogIndex::Opened), under the same
+    // rule, for work that looks at every entry and then again at a few.
+    std::optional<CatalogIndex::Opened> openKept();
 
     // The latest reading once its download origins, tags, photos' and media facts have been read,
     // waiting for that when it is under way; for a caller whose answer depends on them and who would rather

@@ -274,14 +274,16 @@ std::string CatalogIndex::encode(const LibraryScope& scope, const Snapshot& snap
 
 namespace {
 
-// Reads the walk's own record, then hands `each` every entry in turn through one reused Facts, so a
-// search can look at every entry without the whole list ever being held. `each` may move from it.
-// `decoded`, when given, is told every few mebibytes how far the entries have been decoded.
-template <class Each>
-std::expected<CatalogIndex::Kept, CatalogIndex::Problem>
-readEntries(std::string_view bytes, Each&& each, const CatalogIndex::Wanted* wanted,
-            const std::function<void(const char* upTo)>* decoded = nullptr,
-            const LibraryScope* expected = nullptr) {
+// The walk's own record, checked whole first, and where its entries begin.
+struct Header {
+    CatalogIndex::Kept kept;
+    std::vector<SharedText> types; // content types, named in each entry by place
+    std::uint64_t count = 0;
+    std::string_view entries; // the entries and nothing after them
+};
+
+std::expected<Header, CatalogIndex::Problem> readHeader(std::string_view bytes,
+                                                        const LibraryScope* expected) {
     using Problem = CatalogIndex::Problem;
     auto unreadable = std::unexpected(Problem::unreadable);
     if (bytes.size() < magic.size() + trailerBytes || !bytes.starts_with(magic) || !bytes.ends_with(endMark))
@@ -293,7 +295,8 @@ readEntries(std::string_view bytes, Each&& each, const CatalogIndex::Wanted* wan
     auto body = bytes.substr(magic.size(), bytes.size() - magic.size() - trailerBytes);
     if (length != body.size() || checksum(body) != sum) return unreadable;
 
-    CatalogIndex::Kept kept;
+    Header header;
+    auto& kept = header.kept;
     auto& snapshot = kept.snapshot;
     auto& reading = kept.reading;
     Reader r(body);
@@ -331,77 +334,101 @@ readEntries(std::string_view bytes, Each&& each, const CatalogIndex::Wanted* wan
     std::uint32_t typeCount = 0;
     r.get(typeCount);
     if (!r.ok() || typeCount > r.left()) return unreadable;
-    std::vector<SharedText> types(typeCount);
-    for (auto& type : types) {
+    header.types.resize(typeCount);
+    for (auto& type : header.types) {
         std::string_view text;
         r.view(text);
         type = text;
     }
 
-    std::uint64_t count = 0;
-    r.get(count);
+    r.get(header.count);
     // Every entry takes more than 32 bytes: a count beyond that is damage, not a reason to allocate.
-    if (!r.ok() || count > r.left() / 32) return unreadable;
-    if (wanted && !(*wanted)(kept, static_cast<std::size_t>(count))) return kept;
+    if (!r.ok() || header.count > r.left() / 32) return unreadable;
+    header.entries = std::string_view(r.at(), r.left());
+    return header;
+}
+
+// One entry into `f`, which may hold the last one: what this entry lacks is cleared.
+bool readEntry(Reader& r, std::span<const SharedText> types, Facts& f) {
+    std::uint16_t present = 0;
+    std::uint32_t type = 0;
+    if (!r.get(present) || !r.text(f.path)) return false;
+    if (present & nameIsOwn) {
+        r.text(f.name);
+    } else {
+        std::uint32_t nameLength = 0;
+        if (!r.get(nameLength) || nameLength >= f.path.size()) return false;
+        f.name.assign(f.path, f.path.size() - nameLength);
+    }
+    if (!r.get(type) || type >= types.size()) return false;
+    f.contentType = types[type];
+    r.get(f.size), r.get(f.onDisk);
+    auto readTime = [&](OptionalTime& at, Present bit) {
+        if (present & bit)
+            r.time(at);
+        else
+            at.reset();
+    };
+    readTime(f.created, hasCreated);
+    readTime(f.contentCreated, hasContentCreated);
+    readTime(f.modified, hasModified);
+    readTime(f.added, hasAdded);
+    readTime(f.lastUsed, hasLastUsed);
+    auto optionalText = [&](std::optional<SharedText>& into, Present bit) {
+        std::string_view text;
+        if (present & bit && r.view(text))
+            into = text;
+        else
+            into.reset();
+    };
+    optionalText(f.cameraMake, hasCameraMake);
+    optionalText(f.cameraModel, hasCameraModel);
+    if (present & hasDuration)
+        r.get(f.duration.emplace());
+    else
+        f.duration.reset();
+    f.isScreenshot = present & isScreenshotBit;
+    f.isFolder = present & isFolderBit;
+    f.isPackage = present & isPackageBit;
+    std::uint32_t n = 0;
+    if (!r.get(n) || n > r.left() / 4) return false;
+    f.whereFroms.resize(n);
+    for (auto& origin : f.whereFroms)
+        r.text(origin);
+    if (!r.get(n) || n > r.left() / 4) return false;
+    f.tags.resize(n);
+    for (auto& tag : f.tags)
+        r.text(tag);
+    return r.ok();
+}
+
+// Reads the walk's own record, then hands `each` every entry in turn through one reused Facts, so a
+// search can look at every entry without the whole list ever being held. `each` may move from it, and
+// may take the entry's place in `bytes` as a second argument. `decoded`, when given, is told every few
+// mebibytes how far the entries have been decoded.
+template <class Each>
+std::expected<CatalogIndex::Kept, CatalogIndex::Problem>
+readEntries(std::string_view bytes, Each&& each, const CatalogIndex::Wanted* wanted,
+            const std::function<void(const char* upTo)>* decoded = nullptr,
+            const LibraryScope* expected = nullptr) {
+    auto header = readHeader(bytes, expected);
+    if (!header) return std::unexpected(header.error());
+    auto& kept = header->kept;
+    if (wanted && !(*wanted)(kept, static_cast<std::size_t>(header->count))) return std::move(kept);
+    Reader r(header->entries);
     Facts f;
     constexpr std::uint64_t tellEvery = 16384; // entries: a few mebibytes of the file
-    for (std::uint64_t i = 0; i < count; ++i) {
+    for (std::uint64_t i = 0; i < header->count; ++i) {
         if (decoded && i % tellEvery == tellEvery - 1) (*decoded)(r.at());
-        std::uint16_t present = 0;
-        std::uint32_t type = 0;
-        if (!r.get(present) || !r.text(f.path)) return unreadable;
-        if (present & nameIsOwn) {
-            r.text(f.name);
-        } else {
-            std::uint32_t nameLength = 0;
-            if (!r.get(nameLength) || nameLength >= f.path.size()) return unreadable;
-            f.name.assign(f.path, f.path.size() - nameLength);
-        }
-        if (!r.get(type) || type >= types.size()) return unreadable;
-        f.contentType = types[type];
-        r.get(f.size), r.get(f.onDisk);
-        // The same Facts carries every entry: what this one lacks must not be left from the last.
-        auto readTime = [&](OptionalTime& at, Present bit) {
-            if (present & bit)
-                r.time(at);
-            else
-                at.reset();
-        };
-        readTime(f.created, hasCreated);
-        readTime(f.contentCreated, hasContentCreated);
-        readTime(f.modified, hasModified);
-        readTime(f.added, hasAdded);
-        readTime(f.lastUsed, hasLastUsed);
-        auto optionalText = [&](std::optional<SharedText>& into, Present bit) {
-            std::string_view text;
-            if (present & bit && r.view(text))
-                into = text;
-            else
-                into.reset();
-        };
-        optionalText(f.cameraMake, hasCameraMake);
-        optionalText(f.cameraModel, hasCameraModel);
-        if (present & hasDuration)
-            r.get(f.duration.emplace());
+        auto place = static_cast<std::size_t>(r.at() - bytes.data());
+        if (!readEntry(r, header->types, f)) return std::unexpected(CatalogIndex::Problem::unreadable);
+        if constexpr (std::is_invocable_v<Each, Facts&, std::size_t>)
+            each(f, place);
         else
-            f.duration.reset();
-        f.isScreenshot = present & isScreenshotBit;
-        f.isFolder = present & isFolderBit;
-        f.isPackage = present & isPackageBit;
-        std::uint32_t n = 0;
-        if (!r.get(n) || n > r.left() / 4) return unreadable;
-        f.whereFroms.resize(n);
-        for (auto& origin : f.whereFroms)
-            r.text(origin);
-        if (!r.get(n) || n > r.left() / 4) return unreadable;
-        f.tags.resize(n);
-        for (auto& tag : f.tags)
-            r.text(tag);
-        if (!r.ok()) return unreadable;
-        each(f);
+            each(f);
     }
-    if (r.left() != 0) return unreadable;
-    return kept;
+    if (r.left() != 0) return std::unexpected(CatalogIndex::Problem::unreadable);
+    return std::move(kept);
 }
 
 // Every entry into one list, reserved once from the count the file gives.
@@ -436,6 +463,53 @@ std::expected<CatalogIndex::Kept, CatalogIndex::Problem> CatalogIndex::stream(co
     auto bytes = readBytes();
     if (!bytes) return std::unexpected(bytes.error());
     return readEntries(bytes->view(), each, &wanted, nullptr, &scope_);
+}
+
+std::expected<CatalogIndex::Opened, CatalogIndex::Problem> CatalogIndex::open() const {
+    auto bytes = readBytes();
+    if (!bytes) return std::unexpected(bytes.error());
+    auto header = readHeader(bytes->view(), &scope_);
+    if (!header) return std::unexpected(header.error());
+    Opened opened;
+    opened.walk_ = std::move(header->kept);
+    opened.types_ = std::move(header->types);
+    opened.count_ = header->count;
+    opened.entriesAt_ = static_cast<std::size_t>(header->entries.data() - bytes->view().data());
+    opened.entriesLength_ = header->entries.size();
+    opened.bytes_ = std::move(*bytes);
+    return opened;
+}
+
+bool CatalogIndex::Opened::forEach(
+    const std::function<void(const Facts& entry, std::size_t place)>& each) const {
+    auto bytes = bytes_.view();
+    Reader r(bytes.substr(entriesAt_, entriesLength_));
+    Facts f;
+    for (std::uint64_t i = 0; i < count_; ++i) {
+        auto place = static_cast<std::size_t>(r.at() - bytes.data());
+        if (!readEntry(r, types_, f)) return false;
+        each(f, place);
+    }
+    return r.left() == 0;
+}
+
+std::optional<Facts> CatalogIndex::Opened::at(std::size_t place) const {
+    auto bytes = bytes_.view();
+    if (place < entriesAt_ || place >= entriesAt_ + entriesLength_) return std::nullopt;
+    Reader r(bytes.substr(place, entriesAt_ + entriesLength_ - place));
+    Facts f;
+    if (!readEntry(r, types_, f)) return std::nullopt;
+    return f;
+}
+
+std::string_view CatalogIndex::Opened::pathAt(std::size_t place) const {
+    auto bytes = bytes_.view();
+    if (place < entriesAt_ || place >= entriesAt_ + entriesLength_) return {};
+    Reader r(bytes.substr(place, entriesAt_ + entriesLength_ - place));
+    std::uint16_t present = 0;
+    std::string_view path;
+    r.get(present), r.view(path);
+    return path;
 }
 
 std::expected<KeptBytes, CatalogIndex::Problem> CatalogIndex::readBytes() const {

@@ -13,8 +13,10 @@
 #include <expected>
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace vantle {
 
@@ -67,6 +69,32 @@ class CatalogIndex {
     // the answer is a Problem, entries `each` saw before it are not to be trusted. The returned Kept
     // has no facts.
     std::expected<Kept, Problem> stream(const Wanted& wanted, const Each& each) const;
+
+    // A kept walk opened to be read twice over: every entry once in turn, then a few of them again by
+    // the place each was seen at, with no list of every entry held between. The file stays mapped
+    // while this lives, so the second reading sees the bytes the first did, whatever replaced the file.
+    class Opened {
+      public:
+        const Kept& walk() const { return walk_; } // without facts
+        // Every entry in turn, with its place. False when the entries are damaged: those seen before
+        // are not to be trusted.
+        bool forEach(const std::function<void(const Facts& entry, std::size_t place)>& each) const;
+        // The entry forEach gave at `place`.
+        std::optional<Facts> at(std::size_t place) const;
+        // Its path where the file keeps it, good while this lives: no copy of every path is needed.
+        std::string_view pathAt(std::size_t place) const;
+
+      private:
+        friend class CatalogIndex;
+        KeptBytes bytes_;
+        Kept walk_;
+        std::vector<SharedText> types_;
+        std::uint64_t count_ = 0;
+        std::size_t entriesAt_ = 0, entriesLength_ = 0;
+    };
+    // The file checked whole, its walk's record read, its entries left to be read.
+    std::expected<Opened, Problem> open() const;
+
     // Replaces the file atomically (making its folder when missing); the error is the sentence.
     std::expected<void, std::string> keep(const Snapshot& snapshot, const Reading& reading) const;
 

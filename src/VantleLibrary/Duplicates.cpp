@@ -79,21 +79,25 @@ std::string_view folderOf(std::string_view path) {
 class FolderHandle {
   public:
     // Where to reach `path` from: its folder's handle and its own name, or the whole path when the
-    // folder cannot be opened. `path` must outlive the next call.
-    std::pair<int, const char*> beneath(const std::string& path) {
+    // folder cannot be opened. The name is good until the next call.
+    std::pair<int, const char*> beneath(std::string_view path) {
         auto folder = folderOf(path);
-        if (folder.empty()) return {AT_FDCWD, path.c_str()};
-        if (folder != folderPath_) {
+        if (!folder.empty() && folder != folderPath_) {
             fd_ = UniqueFd(openatNoAtime(AT_FDCWD, std::string(folder).c_str(), O_PATH | O_DIRECTORY));
             folderPath_ = folder;
         }
-        if (!fd_) return {AT_FDCWD, path.c_str()};
-        return {fd_.get(), path.c_str() + path.rfind('/') + 1};
+        if (folder.empty() || !fd_) {
+            name_.assign(path);
+            return {AT_FDCWD, name_.c_str()};
+        }
+        name_.assign(path.substr(path.rfind('/') + 1));
+        return {fd_.get(), name_.c_str()};
     }
 
   private:
     UniqueFd fd_;
     std::string_view folderPath_;
+    std::string name_; // paths need not end in a NUL where they are kept
 };
 
 } // namespace
@@ -190,7 +194,7 @@ DuplicateScan Duplicates::scan(std::span<const FileItem> items, CancelFlag& canc
     std::vector<Candidate> candidates;
     candidates.reserve(items.size());
     for (size_t i = 0; i < items.size(); ++i)
-        candidates.push_back({&items[i].path, items[i].size, i});
+        candidates.push_back({items[i].path, items[i].size, i});
     return scanCandidates(
         std::move(candidates), [&](size_t i) { return items[i]; }, cancel, progress);
 }
@@ -205,9 +209,25 @@ DuplicateScan Duplicates::scan(std::span<const Facts> facts, CancelFlag& cancel,
     std::vector<Candidate> candidates;
     for (size_t i = 0; i < facts.size(); ++i)
         if (counts(facts[i]) && sizes[facts[i].size] > 1)
-            candidates.push_back({&facts[i].path, facts[i].size, i});
+            candidates.push_back({facts[i].path, facts[i].size, i});
     return scanCandidates(
         std::move(candidates), [&](size_t i) { return toFileItem(facts[i]); }, cancel, progress);
+}
+
+std::optional<DuplicateScan> Duplicates::scan(const CatalogIndex::Opened& index, CancelFlag& cancel,
+                                              const ProgressFn& progress) {
+    std::vector<Candidate> listed;
+    std::unordered_map<std::int64_t, int> sizes;
+    bool read = index.forEach([&](const Facts& f, size_t place) {
+        if (f.isFolder || f.isPackage || f.size < options_.smallestSize) return;
+        listed.push_back({index.pathAt(place), f.size, place});
+        ++sizes[f.size];
+    });
+    if (!read) return std::nullopt;
+    std::erase_if(listed, [&](const Candidate& c) { return sizes[c.size] < 2; });
+    return scanCandidates(
+        std::move(listed), [&](size_t place) { return toFileItem(index.at(place).value()); }, cancel,
+        progress);
 }
 
 DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
@@ -283,9 +303,9 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
             wanted.push_back(i);
     std::vector<std::pair<size_t, size_t>> runs; // [begin, end) of `wanted` in one folder
     for (size_t begin = 0; begin < wanted.size();) {
-        auto folder = folderOf(*candidates[wanted[begin]].path);
+        auto folder = folderOf(candidates[wanted[begin]].path);
         auto end = begin + 1;
-        while (end < wanted.size() && folderOf(*candidates[wanted[end]].path) == folder)
+        while (end < wanted.size() && folderOf(candidates[wanted[end]].path) == folder)
             ++end;
         runs.emplace_back(begin, end);
         begin = end;
@@ -299,7 +319,7 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
             if (k >= runs.size()) break;
             auto [begin, end] = runs[k];
             for (auto i = begin; i < end; ++i) {
-                auto [at, name] = folder.beneath(*candidates[wanted[i]].path);
+                auto [at, name] = folder.beneath(candidates[wanted[i]].path);
                 statuses[i] = fileStatusAt(at, name);
             }
             report(DuplicateProgress::Phase::recording, recorded, end - begin, wanted.size(), 0);
@@ -311,7 +331,7 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
         if (statuses[i] && statuses[i]->isRegular && statuses[i]->size >= options_.smallestSize)
             seen.push_back({wanted[i], *statuses[i], {}});
     statuses = {};
-    auto pathOf = [&](size_t i) -> const std::string& { return *candidates[seen[i].candidate].path; };
+    auto pathOf = [&](size_t i) { return candidates[seen[i].candidate].path; };
     // The cache may have been read meanwhile (readCacheAhead). Each file's place in it is looked up
     // once, on every core, rather than once a stage on this thread: in an unchanged rescan the
     // look-ups are most of what is left after the statx.
@@ -383,7 +403,7 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
         for (size_t p = 0; p < probes; ++p) {
             auto i = firstNames[p * firstNames.size() / probes];
             const auto& status = seen[i].status;
-            auto opened = openUserEntry(AT_FDCWD, pathOf(i).c_str(), O_RDONLY | O_NONBLOCK);
+            auto opened = openUserEntry(AT_FDCWD, std::string(pathOf(i)).c_str(), O_RDONLY | O_NONBLOCK);
             if (!opened) return threads;
             auto ranges = mode == HashMode::full || status.size <= wholeInOneReadBytes
                               ? std::vector<ByteRange>{{0, status.size}}
@@ -441,6 +461,11 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
         for (auto [begin, end] : toHash)
             firstNames.push_back(byNumber[begin].second);
         const auto width = widthFor(mode, firstNames);
+        // Warm, the disk's order no longer matters, and the catalog's order (a folder at a time) lets a
+        // thread open a run of files beneath one handle on their folder. In inode order a thread met a
+        // new folder at nearly every file on a home whose files were not made a folder at a time.
+        if (width < threads)
+            std::ranges::sort(toHash, {}, [&](const auto& names) { return byNumber[names.first].second; });
         everyCore(
             toHash.size(),
             [&](std::atomic<size_t>& next) {
@@ -553,7 +578,7 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
             const auto& s = seen[i].status;
             auto item = itemOf(candidates[seen[i].candidate].source);
             item.size = s.size;
-            copies.push_back(Record{pathOf(i),
+            copies.push_back(Record{std::string(pathOf(i)),
                                     {item.name},
                                     s.number,
                                     s.size,
@@ -608,7 +633,7 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
         std::unordered_set<std::string_view> paths;
         paths.reserve(candidates.size());
         for (const auto& c : candidates)
-            paths.insert(*c.path);
+            paths.insert(c.path);
         cache_.keepOnly(paths);
     }
     if (auto saved = cache_.save(); !saved)
@@ -617,8 +642,11 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
         out.note = out.note ? *out.note + " " + n : n;
     out.bytesRead = bytesRead.load();
     out.seconds = std::chrono::duration<double>(options_.clock() - started).count();
-    latest_ = out;
-    changesBeforeLatest_ = changesAtStart;
+    // A copy of every group and item: only made when it may be given again.
+    if (options_.freshness > std::chrono::milliseconds::zero()) {
+        latest_ = out;
+        changesBeforeLatest_ = changesAtStart;
+    }
     return out;
 }
 

@@ -3,6 +3,7 @@
 // unchanged file is read once. An actor: every public operation holds its lock, so scans run one at
 // a time; callers own the scans returned.
 #pragma once
+#include "VantleLibrary/CatalogIndex.h"
 #include "VantleLibrary/Facts.h"
 #include "VantleLibrary/Fingerprint.h"
 #include "VantleLibrary/FingerprintCache.h"
@@ -87,7 +88,8 @@ class Duplicates {
         std::chrono::milliseconds timeLimit{45'000};
         std::int64_t smallestSize = 1; // empty files are all alike and free nothing
         Clock clock = systemClock();
-        std::chrono::milliseconds freshness{60'000}; // how long a complete scan answers again
+        // How long a complete scan answers again. Zero: never, and no scan is kept (latest() has none).
+        std::chrono::milliseconds freshness{60'000};
         unsigned threads = 0; // hashing threads; 0: eight per processor, so the disk has reads to order
     };
 
@@ -117,6 +119,12 @@ class Duplicates {
     // that ends in a group, so a library of tens of thousands of files costs no copy of each.
     DuplicateScan scan(std::span<const Facts> facts, CancelFlag& cancel, const ProgressFn& progress = {});
 
+    // The same over a kept catalog index read in place: an entry is decoded again, from the index, only
+    // for a file that ends in a group, and no list of the catalog's entries is made. Nothing when the
+    // index's entries cannot be read.
+    std::optional<DuplicateScan> scan(const CatalogIndex::Opened& index, CancelFlag& cancel,
+                                      const ProgressFn& progress = {});
+
     // The files of a catalog reading worth giving to scan(): regular files (not folders or app
     // bundles) at least `smallestSize` long whose size another such file shares.
     static std::vector<FileItem> candidatesOf(std::span<const Facts> facts, std::int64_t smallestSize = 1);
@@ -142,7 +150,7 @@ class Duplicates {
   private:
     // A file to look at: its path and listed size, and where it came from in the caller's list.
     struct Candidate {
-        const std::string* path;
+        std::string_view path; // not always followed by a NUL
         std::int64_t size;
         size_t source;
     };

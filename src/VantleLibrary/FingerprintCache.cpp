@@ -387,7 +387,7 @@ void FingerprintCache::place(std::span<const std::string_view> paths, std::span<
     }
 }
 
-const Fingerprint* FingerprintCache::valid(const std::string& path, const FileStatus& status, Place known) {
+const Fingerprint* FingerprintCache::valid(std::string_view path, const FileStatus& status, Place known) {
     auto* entry = known.entry != 0 ? &entries_[known.entry - 1] : find(path, hashOf(path));
     if (!entry) return nullptr;
     ask(*entry);
@@ -399,7 +399,7 @@ const Fingerprint* FingerprintCache::valid(const std::string& path, const FileSt
     return nullptr;
 }
 
-void FingerprintCache::store(const std::string& path, const FileStatus& status, HashMode mode,
+void FingerprintCache::store(std::string_view path, const FileStatus& status, HashMode mode,
                              const Digest& digest) {
     auto hash = hashOf(path);
     auto* entry = find(path, hash);
@@ -436,49 +436,63 @@ std::expected<void, std::string> FingerprintCache::save() {
     if (!changed_ || cacheFile_.empty()) return {};
     // Written by hand: every entry has the same few fields, and a tree of tens of thousands of small
     // objects costs more to build than the text does. Most paths need no escape and go in as they are.
-    std::string text = "{";
-    text.reserve(live_ * 260 + 16);
-    char number[24];
-    auto append = [&](auto value) {
-        auto end = std::to_chars(number, number + sizeof number, value).ptr;
-        text.append(number, end);
-    };
-    auto plain = [](std::string_view path) {
-        for (unsigned char c : path)
-            if (c < 0x20 || c == '"' || c == '\\' || c >= 0x80) return false;
-        return true;
-    };
-    for (const auto& entry : entries_) {
-        if (!entry.live) continue;
-        const auto& f = entry.value;
-        if (text.size() > 1) text += ",\n";
-        if (plain(entry.path)) {
-            text += '"';
-            text += entry.path;
-            text += '"';
-        } else {
-            text += nlohmann::json(escapeBytes(entry.path)).dump();
-        }
-        text += ":{\"size\":";
-        append(f.size);
-        text += ",\"modified\":";
-        append(f.modified);
-        text += ",\"inode\":";
-        append(f.inode);
-        if (f.sample) {
-            text += ",\"sample\":\"";
-            appendHex(text, *f.sample);
-            text += '"';
-        }
-        if (f.full) {
-            text += ",\"full\":\"";
-            appendHex(text, *f.full);
-            text += '"';
-        }
-        text += '}';
-    }
-    text += "}\n";
-    auto written = writeFileAtomicallyMakingFolder(cacheFile_, text, 0600);
+    // Handed over a quarter of a MiB at a time: the whole text of a large library is tens of MiB, and
+    // memory a one-shot command touches for the first time is not free.
+    constexpr size_t piece = 256 * 1024;
+    auto written = writeFileAtomicallyInPieces(
+        cacheFile_,
+        [&](const PutPiece& put) {
+            std::string text = "{";
+            text.reserve(piece + 4096);
+            char number[24];
+            auto append = [&](auto value) {
+                auto end = std::to_chars(number, number + sizeof number, value).ptr;
+                text.append(number, end);
+            };
+            auto plain = [](std::string_view path) {
+                for (unsigned char c : path)
+                    if (c < 0x20 || c == '"' || c == '\\' || c >= 0x80) return false;
+                return true;
+            };
+            bool first = true;
+            for (const auto& entry : entries_) {
+                if (!entry.live) continue;
+                const auto& f = entry.value;
+                if (!first) text += ",\n";
+                first = false;
+                if (plain(entry.path)) {
+                    text += '"';
+                    text += entry.path;
+                    text += '"';
+                } else {
+                    text += nlohmann::json(escapeBytes(entry.path)).dump();
+                }
+                text += ":{\"size\":";
+                append(f.size);
+                text += ",\"modified\":";
+                append(f.modified);
+                text += ",\"inode\":";
+                append(f.inode);
+                if (f.sample) {
+                    text += ",\"sample\":\"";
+                    appendHex(text, *f.sample);
+                    text += '"';
+                }
+                if (f.full) {
+                    text += ",\"full\":\"";
+                    appendHex(text, *f.full);
+                    text += '"';
+                }
+                text += '}';
+                if (text.size() >= piece) {
+                    if (!put(text)) return;
+                    text.clear();
+                }
+            }
+            text += "}\n";
+            put(text);
+        },
+        0600);
     if (written) changed_ = false;
     return written;
 }

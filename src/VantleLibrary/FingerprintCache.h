@@ -40,11 +40,11 @@ class FingerprintCache {
     // entry is dropped. The answer is good until the next store(). `known` is where place() found
     // the path, which spares looking it up again; a path placed nowhere is looked up, as it may have
     // been stored since.
-    const Fingerprint* valid(const std::string& path, const FileStatus& status, Place known = {});
+    const Fingerprint* valid(std::string_view path, const FileStatus& status, Place known = {});
 
     // Records a hash for `path` as of `status`, keeping the other hash where it still holds. Storing
     // what is already kept changes nothing, and the file is not written again for it.
-    void store(const std::string& path, const FileStatus& status, HashMode mode, const Digest& digest);
+    void store(std::string_view path, const FileStatus& status, HashMode mode, const Digest& digest);
 
     // Kept entries that neither valid() nor store() has been asked about since the file was read:
     // when every asked path is known to be wanted, these are the only ones keepOnly could drop.

@@ -89,6 +89,16 @@ LibrarySummary Library::summary(const CancelFlag& cancel, const DiskWalk::Progre
     return summary;
 }
 
+namespace {
+// Files the catalog could not see may have copies too.
+void noteUnseen(DuplicateScan& scan, const Reading& reading) {
+    if (auto partial = reading.note()) {
+        scan.isComplete = false;
+        scan.note = scan.note ? *scan.note + " " + *partial : *partial;
+    }
+}
+} // namespace
+
 DuplicateScan Library::findDuplicates(CancelFlag& cancel,
                                       const std::function<void(const DuplicateProgress&)>& progress,
                                       const Catalog::Result* read) {
@@ -96,11 +106,18 @@ DuplicateScan Library::findDuplicates(CancelFlag& cancel,
     std::optional<Catalog::Result> own;
     if (!read) read = &own.emplace(catalog_.read(cancel));
     auto scan = duplicates_.scan(std::span<const Facts>(read->snapshot->facts), cancel, progress);
-    // Files the catalog could not see may have copies too.
-    if (auto partial = read->reading.note()) {
-        scan.isComplete = false;
-        scan.note = scan.note ? *scan.note + " " + *partial : *partial;
-    }
+    noteUnseen(scan, read->reading);
+    return scan;
+}
+
+std::optional<DuplicateScan>
+Library::findDuplicatesInKeptIndex(CancelFlag& cancel,
+                                   const std::function<void(const DuplicateProgress&)>& progress) {
+    if (auto fresh = duplicates_.fresh()) return fresh;
+    auto index = catalog_.openKept();
+    if (!index) return std::nullopt;
+    auto scan = duplicates_.scan(*index, cancel, progress);
+    if (scan) noteUnseen(*scan, index->walk().reading);
     return scan;
 }
 

@@ -90,6 +90,11 @@ class Library {
     DuplicateScan findDuplicates(CancelFlag& cancel,
                                  const std::function<void(const DuplicateProgress&)>& progress = {},
                                  const Catalog::Result* read = nullptr);
+    // The same answered from the kept catalog index alone, read in place, when it is fresh enough to
+    // answer from (see Catalog::openKept); nothing when a catalog reading is needed first.
+    std::optional<DuplicateScan>
+    findDuplicatesInKeptIndex(CancelFlag& cancel,
+                              const std::function<void(const DuplicateProgress&)>& progress = {});
     Duplicates& duplicates() { return duplicates_; }
 
     // The duplicates list and card use `duplicates` when given. Otherwise they use the latest fresh

@@ -105,9 +105,10 @@ std::expected<fs::path, Failure> makeDataFolder(const fs::path& support, MadeFol
     if (!folder) return couldNotMake(support, errno);
     auto byDescriptor = "/proc/self/fd/" + std::to_string(folder.get());
     if (::chmod(byDescriptor.c_str(), 0700) != 0)
-        return std::unexpected(Failure{Failure::Case::couldNotRestrict,
-                                       fillIn(Failure::couldNotRestrictSentence,
-                                              {{"folder", support.string()}, {"reason", systemErrorText(errno)}})});
+        return std::unexpected(
+            Failure{Failure::Case::couldNotRestrict,
+                    fillIn(Failure::couldNotRestrictSentence,
+                           {{"folder", support.string()}, {"reason", systemErrorText(errno)}})});
     return resolvedParent / name;
 }
 
@@ -197,7 +198,8 @@ std::expected<VantleLite, VantleLite::Failure> VantleLite::make(const Options& o
     live.offline = options.offline || !live.ledgerWriter;
 
     // 6. The network road: the egress broker over the ledger, with the fixed limits.
-    if (!live.offline) live.broker = std::make_shared<EgressBroker>(live.ledgerWriter, EgressBroker::Options{});
+    if (!live.offline)
+        live.broker = std::make_shared<EgressBroker>(live.ledgerWriter, EgressBroker::Options{});
 
     // 7. The file library. Linux has no metadata index: the catalog walks the disk and keeps what it
     // walked as its own index.
@@ -205,6 +207,7 @@ std::expected<VantleLite, VantleLite::Failure> VantleLite::make(const Options& o
         Library::Options library;
         library.useSpotlight = false;
         library.duplicatesOnDemand = true;
+        if (options.oneShot) library.duplicateFreshness = std::chrono::seconds(0);
         library.summaryFile = live.support / "Library" / "summary.json";
         library.catalogFile = live.support / "Library" / "catalog.index";
         library.fingerprintFile = live.support / "Library" / "fingerprints.json";
@@ -292,13 +295,16 @@ std::expected<VantleLite, VantleLite::Failure> VantleLite::make(const Options& o
             auto environment = processEnvironment();
             auto xdg = [&](const char* name, const char* fallback) {
                 auto it = environment.find(name);
-                return it != environment.end() && fs::path(it->second).is_absolute() ? fs::path(it->second) : live.home / fallback;
+                return it != environment.end() && fs::path(it->second).is_absolute() ? fs::path(it->second)
+                                                                                     : live.home / fallback;
             };
-            facts = std::make_shared<CheckupReader>(CheckupReader::Options{.home = live.home,
-                                                                           .configHome = xdg("XDG_CONFIG_HOME", ".config"),
-                                                                           .cacheHome = xdg("XDG_CACHE_HOME", ".cache"),
-                                                                           .desktop = environment.contains("XDG_CURRENT_DESKTOP") ? environment.at("XDG_CURRENT_DESKTOP") : std::string(),
-                                                                           .root = ::geteuid() == 0});
+            facts = std::make_shared<CheckupReader>(CheckupReader::Options{
+                .home = live.home,
+                .configHome = xdg("XDG_CONFIG_HOME", ".config"),
+                .cacheHome = xdg("XDG_CACHE_HOME", ".cache"),
+                .desktop = environment.contains("XDG_CURRENT_DESKTOP") ? environment.at("XDG_CURRENT_DESKTOP")
+                                                                       : std::string(),
+                .root = ::geteuid() == 0});
         }
         live.checkup = std::make_shared<CheckupService>(facts, live.support / "Health" / "checkups.json");
     }

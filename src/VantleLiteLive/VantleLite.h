@@ -41,8 +41,10 @@ namespace vantle {
 struct VantleLite {
     struct Options {
         std::optional<std::filesystem::path> sandbox;
-        std::optional<std::filesystem::path> support;   // replaces the data folder when given
-        bool offline = false;                           // no network road at all
+        std::optional<std::filesystem::path> support; // replaces the data folder when given
+        bool offline = false;                         // no network road at all
+        // A command-line run asks each thing once and ends: no answer is kept to be given again.
+        bool oneShot = false;
         std::set<int> standInProcesses;                 // live pids the stand-in process list may act on
         bool realReadingsOnSandbox = false;             // a sandbox still reads this machine's vitals
         UpdateSource updates = UpdateSource::builtIn(); // where the update check looks

@@ -242,17 +242,27 @@ void addFilesSearchCommands(CLI::App& files, CliContext& ctx) {
         // A scan makes and drops tens of thousands of small records (the catalog's entries, each
         // candidate's status, the groups): a page fault for every 4 KiB was a third of an unchanged rescan.
         growHeapInLargePages();
-        if (auto* live = ctx.live()) live->library->duplicates().readCacheAhead();
-        withCatalog(ctx, [&](VantleLite* live, Catalog::Result* read, CancelFlag& cancel) {
-            ThrottledLine line;
-            auto scan = live->library->findDuplicates(
-                cancel, [&](const DuplicateProgress& p) { line.show([&] { return duplicateProgress(p); }); },
-                read);
+        auto* live = ctx.live();
+        if (!live) return;
+        live->library->duplicates().readCacheAhead();
+        ThrottledLine line;
+        auto progress = [&](const DuplicateProgress& p) { line.show([&] { return duplicateProgress(p); }); };
+        auto print = [&](const DuplicateScan& scan) {
             line.clear();
             if (*duplicatesJson)
                 printJsonStreamed([&](JsonWriter& out) { writeJson(out, scan); });
             else
                 printDuplicates(scan, live->home);
+        };
+        // A fresh kept index is read in place, with no list of the catalog's entries made; otherwise
+        // the catalog is read, and walked if need be, first.
+        {
+            CancelFlag cancel;
+            InterruptGuard interrupt(cancel);
+            if (auto scan = live->library->findDuplicatesInKeptIndex(cancel, progress)) return print(*scan);
+        }
+        withCatalog(ctx, [&](VantleLite*, Catalog::Result* read, CancelFlag& cancel) {
+            print(live->library->findDuplicates(cancel, progress, read));
         });
     });
 

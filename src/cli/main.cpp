@@ -70,6 +70,7 @@ int main(int argc, char** argv) {
 
     VantleLite::Options options;
     options.sandbox = launch.sandbox;
+    options.oneShot = true;
     cli::CliContext ctx(options);
 
     CLI::App app{

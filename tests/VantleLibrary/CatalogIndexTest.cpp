@@ -295,3 +295,32 @@ TEST(CatalogIndex, ASummaryFromAFreshIndexEqualsTheWalkedOneAndIsNotWrittenAgain
     ASSERT_EQ(::stat((s.data / "Library" / "summary.json").c_str(), &after), 0);
     EXPECT_EQ(after.st_ino, before.st_ino) << "an unchanged summary was written again";
 }
+
+TEST(CatalogIndex, AnOpenedIndexFindsEachEntryAgainByItsPlaceEvenOnceTheFileIsReplaced) {
+    IndexedHome s;
+    s.home.write("Documents/a.txt", "a");
+    s.home.write("Documents/b b.txt", "bb");
+    s.home.write("Music/c.flac", "ccc");
+    CancelFlag cancel;
+    auto walked = s.catalog().read(cancel);
+    const CatalogIndex index(s.index(), LibraryScope{s.home.path(), {}});
+    auto opened = index.open();
+    ASSERT_TRUE(opened);
+    EXPECT_EQ(opened->walk().snapshot.at, walked.snapshot->at);
+
+    std::vector<std::pair<Facts, std::size_t>> seen;
+    ASSERT_TRUE(opened->forEach([&](const Facts& f, std::size_t place) { seen.emplace_back(f, place); }));
+    EXPECT_EQ(seen.size(), walked.snapshot->facts.size());
+
+    // Another run keeps a new walk meanwhile: the opened index still reads the one it opened.
+    Snapshot other;
+    other.at = walked.snapshot->at + hours(1);
+    ASSERT_TRUE(index.keep(other, Reading{}));
+    for (const auto& [facts, place] : seen) {
+        EXPECT_EQ(opened->at(place), facts) << facts.path;
+        EXPECT_EQ(opened->pathAt(place), facts.path);
+    }
+    EXPECT_FALSE(opened->at(0)) << "the header is no entry";
+    EXPECT_FALSE(opened->at(std::size_t{1} << 40));
+    EXPECT_TRUE(index.open()->walk().snapshot.at == other.at);
+}

@@ -174,14 +174,14 @@ TEST(FingerprintCache, KeepsHashesOnlyWhileSizeTimeAndInodeHold) {
     auto sample = sha256("s"), full = sha256("f");
     FingerprintCache cache(dir / "Library/fingerprints.json");
     cache.load();
-    cache.store(file, status, HashMode::sample, sample);
-    cache.store(file, status, HashMode::full, full);
+    cache.store(file.native(), status, HashMode::sample, sample);
+    cache.store(file.native(), status, HashMode::full, full);
     ASSERT_TRUE(cache.save());
 
     FingerprintCache reread(dir / "Library/fingerprints.json");
     reread.load();
     ASSERT_TRUE(reread.loaded());
-    auto* kept = reread.valid(file, status);
+    auto* kept = reread.valid(file.native(), status);
     ASSERT_TRUE(kept);
     EXPECT_EQ(kept->sample, sample);
     EXPECT_EQ(kept->full, full);
@@ -193,15 +193,15 @@ TEST(FingerprintCache, KeepsHashesOnlyWhileSizeTimeAndInodeHold) {
         if (change == 0) moved.number.inode += 1;
         if (change == 1) moved.modified += 1;
         if (change == 2) moved.size += 1;
-        EXPECT_FALSE(c.valid(file, moved)) << change;
-        EXPECT_FALSE(c.valid(file, status)) << "a stale entry is dropped, not kept for later";
+        EXPECT_FALSE(c.valid(file.native(), moved)) << change;
+        EXPECT_FALSE(c.valid(file.native(), status)) << "a stale entry is dropped, not kept for later";
     }
 
     // A new hash for a changed file starts a fresh entry rather than mixing in the old sample.
     auto changed = status;
     changed.modified += 5;
-    reread.store(file, changed, HashMode::full, sample);
-    auto* fresh = reread.valid(file, changed);
+    reread.store(file.native(), changed, HashMode::full, sample);
+    auto* fresh = reread.valid(file.native(), changed);
     ASSERT_TRUE(fresh);
     EXPECT_FALSE(fresh->sample);
 }
@@ -288,7 +288,7 @@ TEST(FingerprintCache, DigestsInEitherCaseOfHexReadAsTheirBytes) {
                                            R"(","full":")" + full + "\"}}\n");
         FingerprintCache cache(dir / "fingerprints.json");
         cache.load();
-        auto* kept = cache.valid(file, status);
+        auto* kept = cache.valid(file.native(), status);
         ASSERT_TRUE(kept) << sample;
         EXPECT_EQ(kept->sample, sha256("x"));
         EXPECT_EQ(kept->full, sha256("x"));
@@ -300,15 +300,15 @@ TEST(FingerprintCache, ANameThatIsNotUtf8IsFoundUnderItsOwnBytes) {
     auto file = dir.write("caf\xe9 \xff.bin", "contents");
     auto status = *fileStatus(file);
     FingerprintCache cache(dir / "fingerprints.json");
-    cache.store(file, status, HashMode::full, sha256("contents"));
+    cache.store(file.native(), status, HashMode::full, sha256("contents"));
     ASSERT_TRUE(cache.save());
     auto text = vantle::testing::readFile(dir / "fingerprints.json");
     EXPECT_FALSE(text.contains("\xef\xbf\xbd")) << "no replacement character: the name must survive";
 
     FingerprintCache reread(dir / "fingerprints.json");
     reread.load();
-    EXPECT_TRUE(reread.valid(file, status));
-    EXPECT_FALSE(reread.valid(dir / "caf\xef\xbf\xbd \xef\xbf\xbd.bin", status));
+    EXPECT_TRUE(reread.valid(file.native(), status));
+    EXPECT_FALSE(reread.valid((dir / "caf\xef\xbf\xbd \xef\xbf\xbd.bin").native(), status));
 }
 
 namespace {

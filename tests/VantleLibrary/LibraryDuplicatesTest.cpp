@@ -87,3 +87,32 @@ TEST(LibraryDuplicates, AHeardChangeMakesTheNextAskScanAgain) {
     ASSERT_EQ(second.groups.size(), 1u);
     EXPECT_EQ(second.groups[0].items.size(), 3u);
 }
+
+TEST(LibraryDuplicates, AFreshKeptIndexAnswersAsTheWalkDidAndAStaleOneLeavesItToAReading) {
+    DuplicatesHome h;
+    h.home.write("Documents/same-size.txt", std::string(40'000, 's')); // shares a size, not contents
+    auto now = std::make_shared<TimePoint>(std::chrono::sys_days{std::chrono::May / 1 / 2026});
+    auto options = h.options(true);
+    options.catalogFile = h.data / "Library/catalog.index";
+    options.now = [now] { return *now; };
+    const LibraryScope scope{h.home.path(), {}};
+    CancelFlag cancel;
+    EXPECT_FALSE(Library(scope, options).findDuplicatesInKeptIndex(cancel)) << "no index is kept yet";
+    auto walked = Library(scope, options).findDuplicates(cancel); // walks and keeps the index
+
+    Library next(scope, options);
+    auto fromIndex = next.findDuplicatesInKeptIndex(cancel);
+    ASSERT_TRUE(fromIndex);
+    EXPECT_EQ(fromIndex->groups, walked.groups) << "the same copies, each item with all its facts";
+    EXPECT_EQ(fromIndex->candidates, 4);
+    EXPECT_EQ(fromIndex->bytesRead, 0);
+
+    // The index only says which files to look at: a copy edited since is read again, not trusted.
+    h.home.write("Downloads/report (1).pdf", std::string(40'000, 'R'));
+    auto edited = Library(scope, options).findDuplicatesInKeptIndex(cancel);
+    ASSERT_TRUE(edited);
+    EXPECT_TRUE(edited->groups.empty());
+
+    *now += std::chrono::minutes(6); // past the walk's freshness
+    EXPECT_FALSE(Library(scope, options).findDuplicatesInKeptIndex(cancel));
+}
