@@ -76,6 +76,7 @@ class CatalogIndex {
     class Opened {
       public:
         const Kept& walk() const { return walk_; } // without facts
+        std::size_t entries() const { return static_cast<std::size_t>(count_); }
         // Every entry in turn, with its place. False when the entries are damaged: those seen before
         // are not to be trusted.
         bool forEach(const std::function<void(const Facts& entry, std::size_t place)>& each) const;

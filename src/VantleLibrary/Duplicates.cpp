@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <fcntl.h>
+#include <limits>
 #include <map>
 #include <thread>
 #include <unordered_map>
@@ -216,15 +217,13 @@ DuplicateScan Duplicates::scan(std::span<const Facts> facts, CancelFlag& cancel,
 
 std::optional<DuplicateScan> Duplicates::scan(const CatalogIndex::Opened& index, CancelFlag& cancel,
                                               const ProgressFn& progress) {
+    // Every file: the scan itself keeps only those whose size another shares.
     std::vector<Candidate> listed;
-    std::unordered_map<std::int64_t, int> sizes;
+    listed.reserve(index.entries());
     bool read = index.forEach([&](const Facts& f, size_t place) {
-        if (f.isFolder || f.isPackage || f.size < options_.smallestSize) return;
-        listed.push_back({index.pathAt(place), f.size, place});
-        ++sizes[f.size];
+        if (!f.isFolder && !f.isPackage) listed.push_back({index.pathAt(place), f.size, place});
     });
     if (!read) return std::nullopt;
-    std::erase_if(listed, [&](const Candidate& c) { return sizes[c.size] < 2; });
     return scanCandidates(
         std::move(listed), [&](size_t place) { return toFileItem(index.at(place).value()); }, cancel,
         progress);
@@ -293,14 +292,19 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
     //    library cannot have a copy, whatever the file holds now. A walk lists a folder's files
     //    together, so each run of them is looked at through one open folder rather than by walking
     //    every path from the root again.
-    std::unordered_map<std::int64_t, int> listedSizes;
+    //    The sizes are counted in a sorted list: a hash map of them was a node a file.
+    std::vector<std::int64_t> listedSizes;
+    listedSizes.reserve(candidates.size());
     for (const auto& c : candidates)
-        if (c.size >= options_.smallestSize) ++listedSizes[c.size];
+        if (c.size >= options_.smallestSize) listedSizes.push_back(c.size);
+    std::ranges::sort(listedSizes);
     std::vector<size_t> wanted;
     wanted.reserve(candidates.size());
     for (size_t i = 0; i < candidates.size(); ++i)
-        if (candidates[i].size >= options_.smallestSize && listedSizes[candidates[i].size] >= 2)
+        if (candidates[i].size >= options_.smallestSize &&
+            std::ranges::equal_range(listedSizes, candidates[i].size).size() >= 2)
             wanted.push_back(i);
+    listedSizes = {};
     std::vector<std::pair<size_t, size_t>> runs; // [begin, end) of `wanted` in one folder
     for (size_t begin = 0; begin < wanted.size();) {
         auto folder = folderOf(candidates[wanted[begin]].path);
@@ -310,7 +314,10 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
         runs.emplace_back(begin, end);
         begin = end;
     }
-    std::vector<std::optional<FileStatus>> statuses(wanted.size());
+    // Recorded in place, then the files that are not worth a look are dropped: a second list of every
+    // status cost a few mebibytes of fresh memory, which a one-shot run pays for by the page.
+    constexpr auto notSeen = std::numeric_limits<size_t>::max();
+    std::vector<Seen> seen(wanted.size(), Seen{notSeen, {}, {}});
     std::atomic<size_t> recorded{0};
     everyCore(runs.size(), [&](std::atomic<size_t>& next) {
         FolderHandle folder;
@@ -320,17 +327,14 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
             auto [begin, end] = runs[k];
             for (auto i = begin; i < end; ++i) {
                 auto [at, name] = folder.beneath(candidates[wanted[i]].path);
-                statuses[i] = fileStatusAt(at, name);
+                auto status = fileStatusAt(at, name);
+                if (status && status->isRegular && status->size >= options_.smallestSize)
+                    seen[i] = {wanted[i], *status, {}};
             }
             report(DuplicateProgress::Phase::recording, recorded, end - begin, wanted.size(), 0);
         }
     });
-    std::vector<Seen> seen;
-    seen.reserve(wanted.size());
-    for (size_t i = 0; i < wanted.size(); ++i)
-        if (statuses[i] && statuses[i]->isRegular && statuses[i]->size >= options_.smallestSize)
-            seen.push_back({wanted[i], *statuses[i], {}});
-    statuses = {};
+    std::erase_if(seen, [&](const Seen& s) { return s.candidate == notSeen; });
     auto pathOf = [&](size_t i) { return candidates[seen[i].candidate].path; };
     // The cache may have been read meanwhile (readCacheAhead). Each file's place in it is looked up
     // once, on every core, rather than once a stage on this thread: in an unchanged rescan the
