@@ -10,6 +10,10 @@
 #include <cstring>
 #include <unordered_map>
 
+// Inlined: one function is used, and a shared library more is time every command pays at start.
+#define XXH_INLINE_ALL
+#include <xxhash.h>
+
 // The format is native byte order: the file never leaves the machine that wrote it, and a machine of
 // the other order would only see a foreign file and walk again.
 static_assert(std::endian::native == std::endian::little || std::endian::native == std::endian::big);
@@ -18,54 +22,25 @@ namespace vantle {
 
 namespace {
 
-constexpr std::string_view magic = "VLCATIX5";
+constexpr std::string_view magic = "VLCATIX6";
 constexpr std::string_view endMark = "VLCATEND";
 // The body's length and checksum come after it, so the file can be written as it is encoded.
 constexpr std::size_t trailerBytes = 8 + 8 + 8; // body length, checksum, end mark
 
-// Word-at-a-time FNV-style hash: only to tell a damaged file from a whole one, at memory speed. Fed
-// in pieces of any size, it gives what one call over all of them would.
+// Only to tell a damaged file from a whole one, read on every run: XXH3 runs at memory speed, where
+// a hash of one word at a time was several milliseconds of a large index. Fed in pieces of any size,
+// it gives what one call over all of them would.
 class Checksum {
   public:
-    void feed(std::string_view bytes) {
-        while (carried_ > 0 && carried_ < 8 && !bytes.empty()) {
-            carry_[carried_++] = bytes.front();
-            bytes.remove_prefix(1);
-        }
-        if (carried_ == 8) {
-            word(carry_.data());
-            carried_ = 0;
-        }
-        std::size_t i = 0;
-        for (; i + 8 <= bytes.size(); i += 8)
-            word(bytes.data() + i);
-        for (; i < bytes.size(); ++i)
-            carry_[carried_++] = bytes[i];
-    }
-    std::uint64_t value() const {
-        auto h = h_;
-        for (std::size_t i = 0; i < carried_; ++i)
-            h = (h ^ static_cast<unsigned char>(carry_[i])) * 0x100000001b3ull;
-        return h;
-    }
+    Checksum() { XXH3_64bits_reset(&state_); }
+    void feed(std::string_view bytes) { XXH3_64bits_update(&state_, bytes.data(), bytes.size()); }
+    std::uint64_t value() const { return XXH3_64bits_digest(&state_); }
 
   private:
-    void word(const char* at) {
-        std::uint64_t w;
-        std::memcpy(&w, at, 8);
-        h_ = (h_ ^ w) * 0x100000001b3ull;
-        h_ ^= h_ >> 29;
-    }
-    std::uint64_t h_ = 0xcbf29ce484222325ull;
-    std::array<char, 8> carry_{};
-    std::size_t carried_ = 0;
+    XXH3_state_t state_;
 };
 
-std::uint64_t checksum(std::string_view bytes) {
-    Checksum sum;
-    sum.feed(bytes);
-    return sum.value();
-}
+std::uint64_t checksum(std::string_view bytes) { return XXH3_64bits(bytes.data(), bytes.size()); }
 
 // Which optional facts are present, one bit each.
 enum Present : std::uint16_t {
