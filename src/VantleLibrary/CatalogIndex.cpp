@@ -40,7 +40,9 @@ class Checksum {
     XXH3_state_t state_;
 };
 
-std::uint64_t checksum(std::string_view bytes) { return XXH3_64bits(bytes.data(), bytes.size()); }
+std::uint64_t checksum(std::string_view bytes) {
+    return XXH3_64bits(bytes.data(), bytes.size());
+}
 
 // Which optional facts are present, one bit each.
 enum Present : std::uint16_t {
@@ -130,12 +132,6 @@ class Reader {
         std::string_view v;
         if (!view(v)) return false;
         s.assign(v);
-        return true;
-    }
-    bool time(OptionalTime& at) {
-        std::int64_t n = 0;
-        if (!get(n)) return false;
-        at = TimePoint(TimePoint::duration(n));
         return true;
     }
     bool ok() const { return ok_; }
@@ -323,58 +319,93 @@ std::expected<Header, CatalogIndex::Problem> readHeader(std::string_view bytes,
     return header;
 }
 
-// One entry into `f`, which may hold the last one: what this entry lacks is cleared.
-bool readEntry(Reader& r, std::span<const SharedText> types, Facts& f) {
+// One entry as it lies in the file, nothing copied: a look at every entry that wants only its path
+// and size (the duplicate scan) pays for no more.
+struct EntryView {
     std::uint16_t present = 0;
+    std::string_view path, name;
     std::uint32_t type = 0;
-    if (!r.get(present) || !r.text(f.path)) return false;
-    if (present & nameIsOwn) {
-        r.text(f.name);
+    std::int64_t size = 0, onDisk = 0;
+    std::array<std::int64_t, 5> times{}; // created, content created, modified, added, last used
+    std::string_view cameraMake, cameraModel;
+    double duration = 0;
+    std::uint32_t whereFroms = 0, tags = 0;
+    std::string_view whereFromTexts, tagTexts; // each list's texts as they lie
+};
+
+constexpr std::array<Present, 5> timeBits{hasCreated, hasContentCreated, hasModified, hasAdded, hasLastUsed};
+
+// Steps over `count` texts, answering the bytes they took.
+bool skipTexts(Reader& r, std::uint32_t count, std::string_view& texts) {
+    if (count > r.left() / 4) return false;
+    const char* from = r.at();
+    std::string_view text;
+    for (std::uint32_t i = 0; i < count; ++i)
+        if (!r.view(text)) return false;
+    texts = std::string_view(from, static_cast<std::size_t>(r.at() - from));
+    return true;
+}
+
+bool readEntryView(Reader& r, std::size_t typeCount, EntryView& e) {
+    if (!r.get(e.present) || !r.view(e.path)) return false;
+    if (e.present & nameIsOwn) {
+        r.view(e.name);
     } else {
         std::uint32_t nameLength = 0;
-        if (!r.get(nameLength) || nameLength >= f.path.size()) return false;
-        f.name.assign(f.path, f.path.size() - nameLength);
+        if (!r.get(nameLength) || nameLength >= e.path.size()) return false;
+        e.name = e.path.substr(e.path.size() - nameLength);
     }
-    if (!r.get(type) || type >= types.size()) return false;
-    f.contentType = types[type];
-    r.get(f.size), r.get(f.onDisk);
-    auto readTime = [&](OptionalTime& at, Present bit) {
-        if (present & bit)
-            r.time(at);
+    if (!r.get(e.type) || e.type >= typeCount) return false;
+    r.get(e.size), r.get(e.onDisk);
+    for (std::size_t t = 0; t < timeBits.size(); ++t)
+        if (e.present & timeBits[t]) r.get(e.times[t]);
+    e.cameraMake = e.cameraModel = {};
+    if (e.present & hasCameraMake) r.view(e.cameraMake);
+    if (e.present & hasCameraModel) r.view(e.cameraModel);
+    if (e.present & hasDuration) r.get(e.duration);
+    return r.get(e.whereFroms) && skipTexts(r, e.whereFroms, e.whereFromTexts) && r.get(e.tags) &&
+           skipTexts(r, e.tags, e.tagTexts) && r.ok();
+}
+
+// One entry into `f`, which may hold the last one: what this entry lacks is cleared.
+bool readEntry(Reader& r, std::span<const SharedText> types, Facts& f) {
+    EntryView e;
+    if (!readEntryView(r, types.size(), e)) return false;
+    f.path.assign(e.path);
+    f.name.assign(e.name);
+    f.contentType = types[e.type];
+    f.size = e.size;
+    f.onDisk = e.onDisk;
+    std::array<OptionalTime*, 5> times{&f.created, &f.contentCreated, &f.modified, &f.added, &f.lastUsed};
+    for (std::size_t t = 0; t < timeBits.size(); ++t)
+        if (e.present & timeBits[t])
+            *times[t] = TimePoint(TimePoint::duration(e.times[t]));
         else
-            at.reset();
-    };
-    readTime(f.created, hasCreated);
-    readTime(f.contentCreated, hasContentCreated);
-    readTime(f.modified, hasModified);
-    readTime(f.added, hasAdded);
-    readTime(f.lastUsed, hasLastUsed);
-    auto optionalText = [&](std::optional<SharedText>& into, Present bit) {
-        std::string_view text;
-        if (present & bit && r.view(text))
+            times[t]->reset();
+    auto optionalText = [&](std::optional<SharedText>& into, std::string_view text, Present bit) {
+        if (e.present & bit)
             into = text;
         else
             into.reset();
     };
-    optionalText(f.cameraMake, hasCameraMake);
-    optionalText(f.cameraModel, hasCameraModel);
-    if (present & hasDuration)
-        r.get(f.duration.emplace());
+    optionalText(f.cameraMake, e.cameraMake, hasCameraMake);
+    optionalText(f.cameraModel, e.cameraModel, hasCameraModel);
+    if (e.present & hasDuration)
+        f.duration = e.duration;
     else
         f.duration.reset();
-    f.isScreenshot = present & isScreenshotBit;
-    f.isFolder = present & isFolderBit;
-    f.isPackage = present & isPackageBit;
-    std::uint32_t n = 0;
-    if (!r.get(n) || n > r.left() / 4) return false;
-    f.whereFroms.resize(n);
-    for (auto& origin : f.whereFroms)
-        r.text(origin);
-    if (!r.get(n) || n > r.left() / 4) return false;
-    f.tags.resize(n);
-    for (auto& tag : f.tags)
-        r.text(tag);
-    return r.ok();
+    f.isScreenshot = e.present & isScreenshotBit;
+    f.isFolder = e.present & isFolderBit;
+    f.isPackage = e.present & isPackageBit;
+    auto texts = [](std::string_view bytes, std::uint32_t count, std::vector<std::string>& into) {
+        Reader list(bytes);
+        into.resize(count);
+        for (auto& text : into)
+            list.text(text);
+    };
+    texts(e.whereFromTexts, e.whereFroms, f.whereFroms);
+    texts(e.tagTexts, e.tags, f.tags);
+    return true;
 }
 
 // Reads the walk's own record, then hands `each` every entry in turn through one reused Facts, so a
@@ -477,14 +508,17 @@ std::optional<Facts> CatalogIndex::Opened::at(std::size_t place) const {
     return f;
 }
 
-std::string_view CatalogIndex::Opened::pathAt(std::size_t place) const {
+bool CatalogIndex::Opened::forEachListed(
+    const std::function<void(const Listed& entry, std::size_t place)>& each) const {
     auto bytes = bytes_.view();
-    if (place < entriesAt_ || place >= entriesAt_ + entriesLength_) return {};
-    Reader r(bytes.substr(place, entriesAt_ + entriesLength_ - place));
-    std::uint16_t present = 0;
-    std::string_view path;
-    r.get(present), r.view(path);
-    return path;
+    Reader r(bytes.substr(entriesAt_, entriesLength_));
+    EntryView e;
+    for (std::uint64_t i = 0; i < count_; ++i) {
+        auto place = static_cast<std::size_t>(r.at() - bytes.data());
+        if (!readEntryView(r, types_.size(), e)) return false;
+        each({e.path, e.size, !(e.present & (isFolderBit | isPackageBit))}, place);
+    }
+    return r.left() == 0;
 }
 
 std::expected<KeptBytes, CatalogIndex::Problem> CatalogIndex::readBytes() const {

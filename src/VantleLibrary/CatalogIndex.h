@@ -82,8 +82,14 @@ class CatalogIndex {
         bool forEach(const std::function<void(const Facts& entry, std::size_t place)>& each) const;
         // The entry forEach gave at `place`.
         std::optional<Facts> at(std::size_t place) const;
-        // Its path where the file keeps it, good while this lives: no copy of every path is needed.
-        std::string_view pathAt(std::size_t place) const;
+        // Every entry's path (good while this lives) and size, read without the rest of the entry:
+        // a look that wants no more pays for no more.
+        struct Listed {
+            std::string_view path;
+            std::int64_t size;
+            bool isFile; // not a folder or a package
+        };
+        bool forEachListed(const std::function<void(const Listed& entry, std::size_t place)>& each) const;
 
       private:
         friend class CatalogIndex;

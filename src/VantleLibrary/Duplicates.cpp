@@ -220,8 +220,8 @@ std::optional<DuplicateScan> Duplicates::scan(const CatalogIndex::Opened& index,
     // Every file: the scan itself keeps only those whose size another shares.
     std::vector<Candidate> listed;
     listed.reserve(index.entries());
-    bool read = index.forEach([&](const Facts& f, size_t place) {
-        if (!f.isFolder && !f.isPackage) listed.push_back({index.pathAt(place), f.size, place});
+    bool read = index.forEachListed([&](const CatalogIndex::Opened::Listed& entry, size_t place) {
+        if (entry.isFile) listed.push_back({entry.path, entry.size, place});
     });
     if (!read) return std::nullopt;
     return scanCandidates(

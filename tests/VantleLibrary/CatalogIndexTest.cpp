@@ -316,10 +316,18 @@ TEST(CatalogIndex, AnOpenedIndexFindsEachEntryAgainByItsPlaceEvenOnceTheFileIsRe
     Snapshot other;
     other.at = walked.snapshot->at + hours(1);
     ASSERT_TRUE(index.keep(other, Reading{}));
-    for (const auto& [facts, place] : seen) {
+    for (const auto& [facts, place] : seen)
         EXPECT_EQ(opened->at(place), facts) << facts.path;
-        EXPECT_EQ(opened->pathAt(place), facts.path);
-    }
+    size_t listed = 0;
+    ASSERT_TRUE(opened->forEachListed([&](const CatalogIndex::Opened::Listed& entry, std::size_t place) {
+        ASSERT_LT(listed, seen.size());
+        const auto& [facts, at] = seen[listed++];
+        EXPECT_EQ(place, at);
+        EXPECT_EQ(entry.path, facts.path);
+        EXPECT_EQ(entry.size, facts.size);
+        EXPECT_EQ(entry.isFile, !facts.isFolder) << facts.path;
+    }));
+    EXPECT_EQ(listed, seen.size());
     EXPECT_FALSE(opened->at(0)) << "the header is no entry";
     EXPECT_FALSE(opened->at(std::size_t{1} << 40));
     EXPECT_TRUE(index.open()->walk().snapshot.at == other.at);
