@@ -409,9 +409,8 @@ bool readEntry(Reader& r, std::span<const SharedText> types, Facts& f) {
 }
 
 // Reads the walk's own record, then hands `each` every entry in turn through one reused Facts, so a
-// search can look at every entry without the whole list ever being held. `each` may move from it, and
-// may take the entry's place in `bytes` as a second argument. `decoded`, when given, is told every few
-// mebibytes how far the entries have been decoded.
+// search can look at every entry without the whole list ever being held. `each` may move from it.
+// `decoded`, when given, is told every few mebibytes how far the entries have been decoded.
 template <class Each>
 std::expected<CatalogIndex::Kept, CatalogIndex::Problem>
 readEntries(std::string_view bytes, Each&& each, const CatalogIndex::Wanted* wanted,
@@ -426,12 +425,8 @@ readEntries(std::string_view bytes, Each&& each, const CatalogIndex::Wanted* wan
     constexpr std::uint64_t tellEvery = 16384; // entries: a few mebibytes of the file
     for (std::uint64_t i = 0; i < header->count; ++i) {
         if (decoded && i % tellEvery == tellEvery - 1) (*decoded)(r.at());
-        auto place = static_cast<std::size_t>(r.at() - bytes.data());
         if (!readEntry(r, header->types, f)) return std::unexpected(CatalogIndex::Problem::unreadable);
-        if constexpr (std::is_invocable_v<Each, Facts&, std::size_t>)
-            each(f, place);
-        else
-            each(f);
+        each(f);
     }
     if (r.left() != 0) return std::unexpected(CatalogIndex::Problem::unreadable);
     return std::move(kept);
@@ -484,19 +479,6 @@ std::expected<CatalogIndex::Opened, CatalogIndex::Problem> CatalogIndex::open() 
     opened.entriesLength_ = header->entries.size();
     opened.bytes_ = std::move(*bytes);
     return opened;
-}
-
-bool CatalogIndex::Opened::forEach(
-    const std::function<void(const Facts& entry, std::size_t place)>& each) const {
-    auto bytes = bytes_.view();
-    Reader r(bytes.substr(entriesAt_, entriesLength_));
-    Facts f;
-    for (std::uint64_t i = 0; i < count_; ++i) {
-        auto place = static_cast<std::size_t>(r.at() - bytes.data());
-        if (!readEntry(r, types_, f)) return false;
-        each(f, place);
-    }
-    return r.left() == 0;
 }
 
 std::optional<Facts> CatalogIndex::Opened::at(std::size_t place) const {

@@ -77,19 +77,16 @@ class CatalogIndex {
       public:
         const Kept& walk() const { return walk_; } // without facts
         std::size_t entries() const { return static_cast<std::size_t>(count_); }
-        // Every entry in turn, with its place. False when the entries are damaged: those seen before
-        // are not to be trusted.
-        bool forEach(const std::function<void(const Facts& entry, std::size_t place)>& each) const;
-        // The entry forEach gave at `place`.
-        std::optional<Facts> at(std::size_t place) const;
-        // Every entry's path (good while this lives) and size, read without the rest of the entry:
-        // a look that wants no more pays for no more.
+        // Every entry in turn: its path (good while this lives), size and place, read without the
+        // rest of the entry. False when the entries are damaged: those seen before are not to be trusted.
         struct Listed {
             std::string_view path;
             std::int64_t size;
             bool isFile; // not a folder or a package
         };
         bool forEachListed(const std::function<void(const Listed& entry, std::size_t place)>& each) const;
+        // The whole entry forEachListed gave at `place`.
+        std::optional<Facts> at(std::size_t place) const;
 
       private:
         friend class CatalogIndex;

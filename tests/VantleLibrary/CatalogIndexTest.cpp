@@ -308,26 +308,23 @@ TEST(CatalogIndex, AnOpenedIndexFindsEachEntryAgainByItsPlaceEvenOnceTheFileIsRe
     ASSERT_TRUE(opened);
     EXPECT_EQ(opened->walk().snapshot.at, walked.snapshot->at);
 
-    std::vector<std::pair<Facts, std::size_t>> seen;
-    ASSERT_TRUE(opened->forEach([&](const Facts& f, std::size_t place) { seen.emplace_back(f, place); }));
-    EXPECT_EQ(seen.size(), walked.snapshot->facts.size());
+    std::vector<std::pair<CatalogIndex::Opened::Listed, std::size_t>> listed;
+    ASSERT_TRUE(opened->forEachListed(
+        [&](const auto& entry, std::size_t place) { listed.emplace_back(entry, place); }));
+    ASSERT_EQ(listed.size(), walked.snapshot->facts.size());
 
     // Another run keeps a new walk meanwhile: the opened index still reads the one it opened.
     Snapshot other;
     other.at = walked.snapshot->at + hours(1);
     ASSERT_TRUE(index.keep(other, Reading{}));
-    for (const auto& [facts, place] : seen)
-        EXPECT_EQ(opened->at(place), facts) << facts.path;
-    size_t listed = 0;
-    ASSERT_TRUE(opened->forEachListed([&](const CatalogIndex::Opened::Listed& entry, std::size_t place) {
-        ASSERT_LT(listed, seen.size());
-        const auto& [facts, at] = seen[listed++];
-        EXPECT_EQ(place, at);
+    for (size_t i = 0; i < listed.size(); ++i) {
+        const auto& [entry, place] = listed[i];
+        const auto& facts = walked.snapshot->facts[i];
         EXPECT_EQ(entry.path, facts.path);
         EXPECT_EQ(entry.size, facts.size);
         EXPECT_EQ(entry.isFile, !facts.isFolder) << facts.path;
-    }));
-    EXPECT_EQ(listed, seen.size());
+        EXPECT_EQ(opened->at(place), facts) << facts.path;
+    }
     EXPECT_FALSE(opened->at(0)) << "the header is no entry";
     EXPECT_FALSE(opened->at(std::size_t{1} << 40));
     EXPECT_TRUE(index.open()->walk().snapshot.at == other.at);
