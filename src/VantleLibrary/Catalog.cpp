@@ -75,14 +75,12 @@ bool Catalog::loadIndexLocked() {
 std::optional<CatalogIndex::Kept> Catalog::readKept(const CatalogIndex::Each& each, bool needsMediaFacts,
                                                     bool needsAttributes) {
     std::lock_guard lock(mutex_);
-    if (walked_ || indexLoaded_ || walks_ == Walk::running || !options_.indexFile) return std::nullopt;
-    const bool stale = changes_ > 0 || cancelledWalk_;
+    if (!keptMayAnswerLocked()) return std::nullopt;
     bool fresh = false;
     auto kept = keptIndex().stream(
         [&](const CatalogIndex::Kept& walk, std::size_t) {
             // One still owing its media facts is loaded instead, so that they are read.
-            fresh = decide(Walk::ready, walk.snapshot.at, stale, options_.now(), options_.walkFreshness) ==
-                        Next::use &&
+            fresh = keptIsFreshLocked(walk) &&
                     !(needsMediaFacts && walk.reading.mediaPending && options_.readMediaFacts) &&
                     !(needsAttributes && walk.reading.attributesPending && options_.readMediaFacts);
             return fresh;
@@ -97,17 +95,23 @@ std::optional<CatalogIndex::Kept> Catalog::readKept(const CatalogIndex::Each& ea
 
 std::optional<CatalogIndex::Opened> Catalog::openKept() {
     std::lock_guard lock(mutex_);
-    if (walked_ || indexLoaded_ || walks_ == Walk::running || !options_.indexFile) return std::nullopt;
+    if (!keptMayAnswerLocked()) return std::nullopt;
     auto opened = keptIndex().open();
     if (!opened) {
         indexLoaded_ = true; // missing or damaged: not looked for again
         return std::nullopt;
     }
-    const bool stale = changes_ > 0 || cancelledWalk_;
-    if (decide(Walk::ready, opened->walk().snapshot.at, stale, options_.now(), options_.walkFreshness) !=
-        Next::use)
-        return std::nullopt;
+    if (!keptIsFreshLocked(opened->walk())) return std::nullopt;
     return std::move(*opened);
+}
+
+bool Catalog::keptMayAnswerLocked() const {
+    return !walked_ && !indexLoaded_ && walks_ != Walk::running && options_.indexFile;
+}
+
+bool Catalog::keptIsFreshLocked(const CatalogIndex::Kept& walk) const {
+    const bool stale = changes_ > 0 || cancelledWalk_;
+    return decide(Walk::ready, walk.snapshot.at, stale, options_.now(), options_.walkFreshness) == Next::use;
 }
 
 Catalog::Result Catalog::read(const CancelFlag& cancel, const DiskWalk::ProgressFn& progress) {

@@ -114,6 +114,10 @@ class Catalog {
 
   private:
     Next nextLocked() const;
+    // The kept index may answer in place of read(): nothing read yet in this run and no walk running.
+    bool keptMayAnswerLocked() const;
+    // A kept walk is fresh by read()'s own rule.
+    bool keptIsFreshLocked(const CatalogIndex::Kept& walk) const;
     // True when the kept walk it loaded still owes its media facts.
     bool loadIndexLocked();
     // Starts reading the media facts of `from` behind it (the one running before is stopped first).

@@ -201,15 +201,10 @@ DuplicateScan Duplicates::scan(std::span<const FileItem> items, CancelFlag& canc
 }
 
 DuplicateScan Duplicates::scan(std::span<const Facts> facts, CancelFlag& cancel, const ProgressFn& progress) {
-    auto counts = [&](const Facts& f) {
-        return !f.isFolder && !f.isPackage && f.size >= options_.smallestSize;
-    };
-    std::unordered_map<std::int64_t, int> sizes;
-    for (const auto& f : facts)
-        if (counts(f)) ++sizes[f.size];
+    // Every file: the scan itself keeps only those whose size another shares.
     std::vector<Candidate> candidates;
     for (size_t i = 0; i < facts.size(); ++i)
-        if (counts(facts[i]) && sizes[facts[i].size] > 1)
+        if (!facts[i].isFolder && !facts[i].isPackage)
             candidates.push_back({facts[i].path, facts[i].size, i});
     return scanCandidates(
         std::move(candidates), [&](size_t i) { return toFileItem(facts[i]); }, cancel, progress);

@@ -48,11 +48,6 @@ bool mayCarryMediaFacts(std::string_view contentType) {
     return isPhotoType(contentType) || isAudioType(contentType) || isVideoType(contentType);
 }
 
-std::optional<double> lengthByTagLib(int fd, std::string_view name) {
-    const auto* readers = mediaReaders();
-    return readers ? readers->lengthOf(fd, name) : std::nullopt;
-}
-
 std::optional<MediaFacts> readMediaFacts(int fd, std::string_view name, std::string_view contentType) {
     const auto* readers = mediaReaders();
     if (!readers) return std::nullopt;

@@ -29,7 +29,4 @@ bool mayCarryMediaFacts(std::string_view contentType);
 // cannot be loaded: the file was not read, and must not be kept as carrying nothing.
 std::optional<MediaFacts> readMediaFacts(int fd, std::string_view name, std::string_view contentType);
 
-// The playing time alone, as TagLib reads it through the descriptor.
-std::optional<double> lengthByTagLib(int fd, std::string_view name);
-
 } // namespace vantle
