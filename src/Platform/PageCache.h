@@ -9,9 +9,9 @@
 
 namespace vantle {
 
-// Whether every page of `length` bytes from `offset` in `fd` is in memory now, from one cachestat;
-// nothing where the kernel cannot say (before Linux 6.5).
-std::optional<bool> allResident(int fd, std::int64_t offset, std::int64_t length);
+// The share of the pages that `length` bytes from `offset` in `fd` touch that are in memory now
+// (1 for no bytes), from one cachestat; nothing where the kernel cannot say (before Linux 6.5).
+std::optional<double> residentShare(int fd, std::int64_t offset, std::int64_t length);
 
 class ResidentPages {
   public:

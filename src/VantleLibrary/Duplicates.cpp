@@ -19,6 +19,7 @@
 
 namespace vantle {
 
+
 namespace {
 
 // What statx said of one candidate. Records with their names are made only for the files that end
@@ -399,6 +400,7 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
     auto widthFor = [&](HashMode mode, std::span<const size_t> firstNames) -> size_t {
         if (options_.threads > 0 || firstNames.size() < 2 * cores) return threads;
         constexpr size_t probes = 16;
+        double inMemory = 0, needed = 0;
         for (size_t p = 0; p < probes; ++p) {
             auto i = firstNames[p * firstNames.size() / probes];
             const auto& status = seen[i].status;
@@ -407,10 +409,17 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
             auto ranges = mode == HashMode::full || status.size <= wholeInOneReadBytes
                               ? std::vector<ByteRange>{{0, status.size}}
                               : sampleRanges(status.size);
-            for (auto [offset, length] : ranges)
-                if (allResident(opened->get(), offset, length) != true) return threads;
+            for (auto [offset, length] : ranges) {
+                auto share = residentShare(opened->get(), offset, length);
+                if (!share) return threads;
+                inMemory += *share * static_cast<double>(length);
+                needed += static_cast<double>(length);
+            }
         }
-        return std::min<size_t>(threads, 2 * cores);
+        // A few pages from the disk here and there are waits the second thread a core covers.
+        // (Pages a scan brought in are let go after it, so a file read once with a page missing
+        // stays that way: "every page" judged most warm homes cold.)
+        return inMemory >= 0.95 * needed ? std::min<size_t>(threads, 2 * cores) : threads;
     };
     auto refine = [&](HashMode mode, DuplicateProgress::Phase phase) {
         // Each file with its names among the seen, in inode order.
@@ -463,63 +472,85 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
         // Warm, the disk's order no longer matters, and the catalog's order (a folder at a time) lets a
         // thread open a run of files beneath one handle on their folder. In inode order a thread met a
         // new folder at nearly every file on a home whose files were not made a folder at a time.
-        if (width < threads)
-            std::ranges::sort(toHash, {}, [&](const auto& names) { return byNumber[names.first].second; });
-        everyCore(
-            toHash.size(),
-            [&](std::atomic<size_t>& next) {
-                // Each made when first needed: a reader's buffer is 1 MiB, and many threads meet only
-                // small files or only large ones.
-                auto& mine = hashers[slots.fetch_add(1)];
-                auto& reader = mine.reader;
-                auto& small = mine.small;
-                std::int64_t reported = mine.bytesRead();
-                // In inode order files mostly come a folder at a time, so each thread opens them beneath
-                // a handle on their folder. Warm, each thread takes runs of sixteen; cold, runs of one
-                // keep every thread's next read close to the others' on the disk.
-                const size_t run = width < threads ? 16 : 1;
-                FolderHandle folder;
-                size_t k = 0, runEnd = 0;
-                for (; !shouldStop(); ++k) {
-                    if (k == runEnd) {
-                        k = next.fetch_add(run);
-                        if (k >= toHash.size()) break;
-                        runEnd = std::min(k + run, toHash.size());
-                    }
-                    auto first = byNumber[toHash[k].first].second;
-                    const auto& status = seen[first].status;
-                    const FingerprintReader::Expected expected{status.number, status.size, status.modified};
-                    std::expected<Digest, FingerprintReader::Miss> result;
-                    if (mode == HashMode::sample && status.size <= wholeInOneReadBytes) {
-                        if (!small) small.emplace();
-                        auto [dirFd, name] = folder.beneath(pathOf(first));
-                        auto both = small->hash(dirFd, name, expected);
-                        if (both) {
-                            result = both->sample;
-                            madeWhole[k] = both->full;
-                        } else {
-                            result = std::unexpected(both.error());
+        auto isSmall = [&](const std::pair<size_t, size_t>& names) {
+            return mode == HashMode::sample && seen[byNumber[names.first].second].status.size <= wholeInOneReadBytes;
+        };
+        if (width < threads) {
+            // Whole files are hashed two at a time, and two of one size take every step together:
+            // copies share a size, so by size first, the largest first so that no thread is left
+            // with a big pair while the others have finished.
+            auto catalogOrder = [&](const auto& names) { return byNumber[names.first].second; };
+            if (mode == HashMode::full)
+                std::ranges::sort(toHash, {}, [&](const auto& names) {
+                    return std::pair(-seen[byNumber[names.first].second].status.size, catalogOrder(names));
+                });
+            else
+                std::ranges::sort(toHash, {}, catalogOrder);
+        }
+        // Small files are read whole and hashed by one kind of hasher, the others slice by slice by
+        // another: each kind in a pass of its own, in the order above.
+        const auto smallEnd = static_cast<size_t>(std::ranges::stable_partition(toHash, isSmall).begin() - toHash.begin());
+        auto hashShare = [&](size_t from, size_t to, bool small) {
+            if (from == to) return;
+            slots = 0;
+            everyCore(
+                to - from,
+                [&](std::atomic<size_t>& next) {
+                    // Each made when first needed: a reader's buffers are 2 MiB, and many threads meet
+                    // only small files or only large ones.
+                    auto& mine = hashers[slots.fetch_add(1)];
+                    std::int64_t reported = mine.bytesRead();
+                    auto settle = [&](size_t k, std::expected<Digest, FingerprintReader::Miss> result) {
+                        if (result) {
+                            made[k] = *result;
+                        } else if (result.error() == FingerprintReader::Miss::pastDeadline ||
+                                   result.error() == FingerprintReader::Miss::cancelled) {
+                            stopped = true;
+                        } else if (result.error() != FingerprintReader::Miss::notRegular) {
+                            // Unreadable, or changed under the scan: its copies, if any, are not known.
+                            missed.fetch_add(1);
                         }
+                        auto readNow = mine.bytesRead();
+                        report(phase, done, 1, files.size(), readNow - reported);
+                        reported = readNow;
+                    };
+                    // In inode order files mostly come a folder at a time, so each thread opens them
+                    // beneath a handle on their folder, one handle for each of the two files it hashes at
+                    // once. Warm, each thread takes runs of sixteen samples, or whole files by the pair
+                    // so that the largest are spread over the threads; cold, runs of one keep every
+                    // thread's next read close to the others' on the disk.
+                    std::array<FolderHandle, 2> folders;
+                    const size_t run = width == threads ? 1 : mode == HashMode::full ? 2 : 16;
+                    size_t k = 0, runEnd = 0;
+                    auto pull = [&](size_t lane) -> std::optional<FingerprintReader::Job> {
+                        if (shouldStop()) return std::nullopt;
+                        if (k == runEnd) {
+                            k = from + next.fetch_add(run);
+                            runEnd = std::min(k + run, to);
+                            if (k >= to) k = runEnd = to; // and the other lane hears the same
+                            if (k == to) return std::nullopt;
+                        }
+                        const auto first = byNumber[toHash[k].first].second;
+                        const auto& status = seen[first].status;
+                        auto [dirFd, name] = folders[lane].beneath(pathOf(first));
+                        return FingerprintReader::Job{k++, {dirFd, name, {status.number, status.size, status.modified}}};
+                    };
+                    if (small) {
+                        if (!mine.small) mine.small.emplace();
+                        mine.small->hashEach(pull, [&](size_t k, auto both) {
+                            if (!both) return settle(k, std::unexpected(both.error()));
+                            madeWhole[k] = both->full;
+                            settle(k, both->sample);
+                        });
                     } else {
-                        if (!reader) reader.emplace(clock, deadline, &cancel);
-                        auto [dirFd, name] = folder.beneath(pathOf(first));
-                        result = reader->hash(dirFd, name, expected, mode);
+                        if (!mine.reader) mine.reader.emplace(clock, deadline, &cancel);
+                        mine.reader->hashEach(mode, pull, settle);
                     }
-                    if (result) {
-                        made[k] = *result;
-                    } else if (result.error() == FingerprintReader::Miss::pastDeadline ||
-                               result.error() == FingerprintReader::Miss::cancelled) {
-                        stopped = true;
-                    } else if (result.error() != FingerprintReader::Miss::notRegular) {
-                        // Unreadable, or changed under the scan: its copies, if any, are not known.
-                        missed.fetch_add(1);
-                    }
-                    auto readNow = mine.bytesRead();
-                    report(phase, done, 1, files.size(), readNow - reported);
-                    reported = readNow;
-                }
-            },
-            width);
+                },
+                width);
+        };
+        hashShare(0, smallEnd, true);
+        hashShare(smallEnd, toHash.size(), false);
         for (size_t k = 0; k < toHash.size(); ++k) {
             if (!made[k]) continue;
             auto [begin, end] = toHash[k];

@@ -3,8 +3,6 @@
 #include "Platform/PageCache.h"
 #include "Platform/UserEntryOpen.h"
 
-#include <openssl/evp.h>
-
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -93,21 +91,9 @@ std::vector<ByteRange> sampleRanges(std::int64_t size) {
             {std::max<std::int64_t>(0, size - sampleSliceBytes), slice}};
 }
 
-// One SHA-256 context and the fetched algorithm, kept for the reader's life so each file costs one
-// initialisation rather than a fresh allocation and algorithm look-up.
-struct FingerprintReader::Digester {
-    EVP_MD* sha256 = EVP_MD_fetch(nullptr, "SHA256", nullptr);
-    EVP_MD_CTX* context = EVP_MD_CTX_new();
-    ~Digester() {
-        EVP_MD_CTX_free(context);
-        EVP_MD_free(sha256);
-    }
-};
-
 FingerprintReader::FingerprintReader(Clock clock, TimePoint deadline, const CancelFlag* cancel)
     : clock_(std::move(clock)), deadline_(deadline), cancel_(cancel),
-      buffer_(std::make_unique_for_overwrite<std::uint8_t[]>(fullChunkBytes)),
-      digester_(std::make_unique<Digester>()) {}
+      buffer_(std::make_unique_for_overwrite<std::uint8_t[]>(2 * fullChunkBytes)) {}
 
 FingerprintReader::~FingerprintReader() = default;
 
@@ -135,53 +121,98 @@ FingerprintReader::hash(const std::filesystem::path& path, const Expected& expec
 
 std::expected<Digest, FingerprintReader::Miss>
 FingerprintReader::hash(int dirFd, const char* name, const Expected& expected, HashMode mode) {
-    // Linux has no cloud placeholder files, so there is no download to hold back while reading.
-    auto opened = openExpected(dirFd, name, expected);
-    if (!opened) return std::unexpected(opened.error());
-    const auto& fd = opened->fd;
+    std::optional<Job> one = Job{0, {dirFd, name, expected}};
+    std::expected<Digest, Miss> out;
+    hashEach(
+        mode, [&](size_t) { return std::exchange(one, std::nullopt); },
+        [&](size_t, std::expected<Digest, Miss> result) { out = std::move(result); });
+    return out;
+}
 
-    std::vector<ByteRange> ranges;
-    ResidentPages resident;
-    if (mode == HashMode::sample) {
-        ranges = sampleRanges(expected.size);
-    } else {
-        resident = ResidentPages::before(fd.get(), expected.size);
-        // A longer readahead pays only for pages that must come from the disk.
-        if (resident.state() != ResidentPages::State::all)
-            ::posix_fadvise(fd.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
-        for (std::int64_t at = 0; at < expected.size; at += fullChunkBytes)
-            ranges.push_back({at, std::min(fullChunkBytes, expected.size - at)});
-    }
+void FingerprintReader::hashEach(HashMode mode, const Next& next, const Done& done) {
+    // One file a lane at a time; each lane takes its next file as soon as its last one is hashed.
+    struct Lane {
+        std::optional<size_t> id;
+        std::optional<Opened> opened;
+        std::vector<ByteRange> ranges;
+        size_t step = 0;
+        ResidentPages resident;
+        std::uint8_t* buffer = nullptr;
+    };
+    std::array<Lane, 2> lanes;
+    for (size_t i = 0; i < lanes.size(); ++i)
+        lanes[i].buffer = buffer_.get() + i * fullChunkBytes;
 
-    auto* context = digester_->context;
-    EVP_DigestInit_ex(context, digester_->sha256 ? digester_->sha256 : EVP_sha256(), nullptr);
-    std::optional<Miss> miss;
-    for (size_t i = 0; i < ranges.size() && !miss; ++i) {
-        if (mode == HashMode::full && (i + 1) % chunksBetweenDeadlineChecks == 0) {
-            if (cancel_ && cancel_->isCancelled())
-                miss = Miss::cancelled;
-            else if (clock_() > deadline_)
-                miss = Miss::pastDeadline;
-            if (miss) break;
+    auto end = [&](size_t i, std::optional<Miss> miss) {
+        auto& lane = lanes[i];
+        // What was read once for hashing is not worth keeping in memory at the cost of other files;
+        // what was in memory before stays.
+        if (mode == HashMode::full) lane.resident.releaseNew(lane.opened->fd.get());
+        if (!miss && !unchangedSinceOpened(*lane.opened)) miss = Miss::changedDuring;
+        std::expected<Digest, Miss> result = shas_[i].finish();
+        if (miss) result = std::unexpected(*miss);
+        auto id = *std::exchange(lane.id, std::nullopt);
+        lane.opened.reset();
+        done(id, std::move(result));
+    };
+    auto start = [&](size_t i, const Job& job) {
+        // Linux has no cloud placeholder files, so there is no download to hold back while reading.
+        auto opened = openExpected(job.target.dirFd, job.target.name, job.target.expected);
+        if (!opened) return done(job.id, std::unexpected(opened.error()));
+        auto& lane = lanes[i];
+        const auto size = job.target.expected.size;
+        const int fd = opened->fd.get();
+        lane.id = job.id;
+        lane.opened = std::move(*opened);
+        lane.step = 0;
+        lane.ranges.clear();
+        if (mode == HashMode::sample) {
+            lane.ranges = sampleRanges(size);
+        } else {
+            lane.resident = ResidentPages::before(fd, size);
+            // A longer readahead pays only for pages that must come from the disk.
+            if (lane.resident.state() != ResidentPages::State::all) ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
+            for (std::int64_t at = 0; at < size; at += fullChunkBytes)
+                lane.ranges.push_back({at, std::min(fullChunkBytes, size - at)});
         }
-        auto [offset, length] = ranges[i];
-        if (!readFully(fd.get(), buffer_.get(), length, offset)) {
-            miss = Miss::shortRead;
-            break;
+        shas_[i].restart();
+    };
+    // A lane's next range, read; its file ended when its ranges are all hashed, and the next one
+    // started.
+    auto more = [&](size_t i) -> std::span<const std::uint8_t> {
+        auto& lane = lanes[i];
+        while (true) {
+            if (!lane.id) {
+                auto job = next(i);
+                if (!job) return {};
+                start(i, *job);
+                continue;
+            }
+            if (lane.step == lane.ranges.size()) {
+                end(i, std::nullopt);
+                continue;
+            }
+            if (mode == HashMode::full && (lane.step + 1) % chunksBetweenDeadlineChecks == 0) {
+                if (cancel_ && cancel_->isCancelled()) {
+                    end(i, Miss::cancelled);
+                    continue;
+                }
+                if (clock_() > deadline_) {
+                    end(i, Miss::pastDeadline);
+                    continue;
+                }
+            }
+            auto [offset, length] = lane.ranges[lane.step++];
+            if (!readFully(lane.opened->fd.get(), lane.buffer, length, offset)) {
+                end(i, Miss::shortRead);
+                continue;
+            }
+            bytesRead_ += length;
+            if (afterEachRead_) afterEachRead_(lane.opened->fd.get());
+            if (length > 0) return {lane.buffer, static_cast<size_t>(length)};
         }
-        bytesRead_ += length;
-        EVP_DigestUpdate(context, buffer_.get(), static_cast<size_t>(length));
-        if (afterEachRead_) afterEachRead_(fd.get());
-    }
-    // What was read once for hashing is not worth keeping in memory at the cost of other files; what
-    // was in memory before stays.
-    if (mode == HashMode::full) resident.releaseNew(fd.get());
-    Digest digest{};
-    EVP_DigestFinal_ex(context, digest.data(), nullptr);
-    if (miss) return std::unexpected(*miss);
-
-    if (!unchangedSinceOpened(*opened)) return std::unexpected(Miss::changedDuring);
-    return digest;
+    };
+    Sha256::hashTwoStreams(shas_[0], shas_[1], more);
 }
 
 } // namespace vantle

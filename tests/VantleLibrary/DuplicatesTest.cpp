@@ -279,8 +279,8 @@ TEST(DuplicateScan, AFileTouchedAfterItsRecordDropsOutOfItsGroupAndTheScanIsNotC
     auto items = itemsUnder(dir);
     Duplicates finder({{}, 45s, 1, systemClock(), 60s, 1}); // one thread: "the first file" is well defined
     CancelFlag cancel;
-    // After the first file's sample, both files are touched: the one not yet read is refused before
-    // it is read, the other before its whole read.
+    // After the first file's sample, both files are touched: the other, read alongside it, is refused
+    // by the check after its read, and the first is then alone in its size.
     bool touched = false;
     auto scan = finder.scan(items, cancel, [&](const DuplicateProgress& p) {
         if (p.phase != DuplicateProgress::Phase::sampling || touched) return;
@@ -298,7 +298,7 @@ TEST(DuplicateScan, AFileTouchedAfterItsRecordDropsOutOfItsGroupAndTheScanIsNotC
     ASSERT_TRUE(scan.note);
     EXPECT_TRUE(scan.note->starts_with("1 files that share a size")) << *scan.note;
     EXPECT_TRUE(scan.groups.empty());
-    EXPECT_EQ(scan.bytesRead, sample) << "only the sample made before the touch was read";
+    EXPECT_EQ(scan.bytesRead, 2 * sample) << "two samples read, and no whole file";
     // Read again, they are copies again.
     EXPECT_EQ(finder.scan(items, cancel).groups.size(), 1u);
 }

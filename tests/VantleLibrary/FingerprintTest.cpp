@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <map>
 #include <fcntl.h>
 #include <string>
 #include <sys/mman.h>
@@ -63,6 +64,57 @@ TEST(FingerprintReader, SampleAndFullHashesAreSha256OfTheirBytes) {
 
     auto emptyFile = dir.write("empty", "");
     EXPECT_EQ(reader.hash(emptyFile, expectedOf(emptyFile), HashMode::full), sha256(""));
+}
+
+// Files hashed two at a time: each lane moves on to its next file when its last one ends, so files
+// of every length meet each other part-way, and a file refused in one lane must not disturb the
+// file beside it.
+TEST(FingerprintReader, FilesHashedTwoAtATimeHashAsEachAlone) {
+    TempDir dir;
+    std::vector<std::string> contents;
+    std::vector<std::filesystem::path> files;
+    for (size_t size : {size_t{0}, size_t{1}, size_t{65}, size_t{16'384}, size_t{50'000},
+                        static_cast<size_t>(fullChunkBytes) + 3, size_t{777}, static_cast<size_t>(2 * fullChunkBytes)}) {
+        contents.push_back(patterned(size, static_cast<unsigned>(size % 13 + 1)));
+        files.push_back(dir.write("f" + std::to_string(files.size()), contents.back()));
+    }
+    std::vector<FingerprintReader::Expected> expected;
+    for (const auto& f : files)
+        expected.push_back(expectedOf(f));
+    expected[4].modified += 1; // no longer the file recorded
+    auto gone = dir / "gone";
+
+    for (auto mode : {HashMode::full, HashMode::sample}) {
+        FingerprintReader reader(systemClock(), farFuture);
+        std::map<size_t, std::expected<Digest, FingerprintReader::Miss>> heard;
+        size_t next = 0;
+        reader.hashEach(
+            mode,
+            [&](size_t) -> std::optional<FingerprintReader::Job> {
+                if (next > files.size()) return std::nullopt;
+                auto k = next++;
+                if (k == files.size()) return FingerprintReader::Job{k, {AT_FDCWD, gone.c_str(), expected[0]}};
+                return FingerprintReader::Job{k, {AT_FDCWD, files[k].c_str(), expected[k]}};
+            },
+            [&](size_t id, std::expected<Digest, FingerprintReader::Miss> result) {
+                EXPECT_TRUE(heard.emplace(id, result).second) << "heard twice of " << id;
+            });
+        ASSERT_EQ(heard.size(), files.size() + 1);
+        for (size_t k = 0; k < files.size(); ++k) {
+            if (k == 4) {
+                EXPECT_EQ(heard[k].error(), FingerprintReader::Miss::changedBefore);
+                continue;
+            }
+            std::string bytes = contents[k];
+            if (mode == HashMode::sample) {
+                bytes.clear();
+                for (auto [offset, length] : sampleRanges(static_cast<std::int64_t>(contents[k].size())))
+                    bytes += contents[k].substr(static_cast<size_t>(offset), static_cast<size_t>(length));
+            }
+            EXPECT_EQ(heard[k], sha256(bytes)) << "file " << k;
+        }
+        EXPECT_EQ(heard[files.size()].error(), FingerprintReader::Miss::unopenable);
+    }
 }
 
 TEST(FingerprintReader, RefusesAFileThatIsNoLongerTheRecordedOne) {

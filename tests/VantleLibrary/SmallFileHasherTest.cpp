@@ -25,11 +25,15 @@ TEST(SmallFileHasher, GivesTheSameSampleAsReadingSliceBySliceAndTheWholeHashOfOn
     SmallFileHasher small;
     FingerprintReader reader(systemClock(), farFuture);
     std::int64_t expectedBytes = 0;
+    std::vector<std::filesystem::path> files;
+    std::vector<SmallFileDigests> alone;
     for (std::int64_t size : {1, 9, 16'383, 16'384, 16'385, 20'001, 32'768, 49'151, 49'152}) {
         auto content = patterned(static_cast<size_t>(size), static_cast<int>(size % 97));
         auto file = dir.write("f" + std::to_string(size), content);
         auto both = small.hash(AT_FDCWD, file.c_str(), expectedOf(file));
         ASSERT_TRUE(both) << size;
+        files.push_back(file);
+        alone.push_back(*both);
         EXPECT_EQ(both->sample, reader.hash(file, expectedOf(file), HashMode::sample)) << size;
         if (size <= sampleSliceBytes) {
             EXPECT_EQ(both->sample, sha256(content + content + content)) << size;
@@ -40,6 +44,20 @@ TEST(SmallFileHasher, GivesTheSameSampleAsReadingSliceBySliceAndTheWholeHashOfOn
         expectedBytes += size;
     }
     EXPECT_EQ(small.bytesRead(), expectedBytes) << "each file is read once, not once a slice";
+
+    // Two at a time, in both lanes, each file's digests are the ones it has alone.
+    size_t next = 0;
+    small.hashEach(
+        [&](size_t) -> std::optional<FingerprintReader::Job> {
+            if (next == files.size()) return std::nullopt;
+            auto k = next++;
+            return FingerprintReader::Job{k, {AT_FDCWD, files[k].c_str(), expectedOf(files[k])}};
+        },
+        [&](size_t k, std::expected<SmallFileDigests, FingerprintReader::Miss> both) {
+            ASSERT_TRUE(both) << k;
+            EXPECT_EQ(both->sample, alone[k].sample) << k;
+            EXPECT_EQ(both->full, alone[k].full) << k;
+        });
 }
 
 TEST(SmallFileHasher, RefusesWhatIsNotTheRecordedFileAndNeverFollowsALink) {

@@ -1,5 +1,7 @@
 #include "Platform/PageCache.h"
 
+#include <algorithm>
+
 #include <cerrno>
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -35,13 +37,13 @@ constexpr std::int64_t largestMapped = std::int64_t{64} << 30;
 
 } // namespace
 
-std::optional<bool> allResident(int fd, std::int64_t offset, std::int64_t length) {
-    if (length <= 0) return true;
+std::optional<double> residentShare(int fd, std::int64_t offset, std::int64_t length) {
+    if (length <= 0) return 1.0;
     const std::int64_t page = ::sysconf(_SC_PAGESIZE);
     auto pages = (offset + length + page - 1) / page - offset / page;
     auto count = residentCount(fd, length, offset);
     if (count < 0) return std::nullopt;
-    return count >= pages;
+    return static_cast<double>(std::min(count, pages)) / static_cast<double>(pages);
 }
 
 ResidentPages ResidentPages::before(int fd, std::int64_t size) {
