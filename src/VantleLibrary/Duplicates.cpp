@@ -19,7 +19,6 @@
 
 namespace vantle {
 
-
 namespace {
 
 // What statx said of one candidate. Records with their names are made only for the files that end
@@ -515,24 +514,23 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
                         reported = readNow;
                     };
                     // In inode order files mostly come a folder at a time, so each thread opens them
-                    // beneath a handle on their folder, one handle for each of the two files it hashes at
-                    // once. Warm, each thread takes runs of sixteen samples, or whole files by the pair
-                    // so that the largest are spread over the threads; cold, runs of one keep every
+                    // beneath a handle on their folder (a file is opened before the next is asked for).
+                    // Warm, each thread takes runs of sixteen samples, or whole files by the pair so
+                    // that the largest are spread over the threads; cold, runs of one keep every
                     // thread's next read close to the others' on the disk.
-                    std::array<FolderHandle, 2> folders;
+                    FolderHandle folder;
                     const size_t run = width == threads ? 1 : mode == HashMode::full ? 2 : 16;
                     size_t k = 0, runEnd = 0;
-                    auto pull = [&](size_t lane) -> std::optional<FingerprintReader::Job> {
+                    auto pull = [&]() -> std::optional<FingerprintReader::Job> {
                         if (shouldStop()) return std::nullopt;
                         if (k == runEnd) {
-                            k = from + next.fetch_add(run);
+                            k = std::min(from + next.fetch_add(run), to);
                             runEnd = std::min(k + run, to);
-                            if (k >= to) k = runEnd = to; // and the other lane hears the same
-                            if (k == to) return std::nullopt;
                         }
+                        if (k == to) return std::nullopt;
                         const auto first = byNumber[toHash[k].first].second;
                         const auto& status = seen[first].status;
-                        auto [dirFd, name] = folders[lane].beneath(pathOf(first));
+                        auto [dirFd, name] = folder.beneath(pathOf(first));
                         return FingerprintReader::Job{k++, {dirFd, name, {status.number, status.size, status.modified}}};
                     };
                     if (small) {

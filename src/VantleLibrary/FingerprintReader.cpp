@@ -124,7 +124,7 @@ FingerprintReader::hash(int dirFd, const char* name, const Expected& expected, H
     std::optional<Job> one = Job{0, {dirFd, name, expected}};
     std::expected<Digest, Miss> out;
     hashEach(
-        mode, [&](size_t) { return std::exchange(one, std::nullopt); },
+        mode, [&] { return std::exchange(one, std::nullopt); },
         [&](size_t, std::expected<Digest, Miss> result) { out = std::move(result); });
     return out;
 }
@@ -183,7 +183,7 @@ void FingerprintReader::hashEach(HashMode mode, const Next& next, const Done& do
         auto& lane = lanes[i];
         while (true) {
             if (!lane.id) {
-                auto job = next(i);
+                auto job = next();
                 if (!job) return {};
                 start(i, *job);
                 continue;

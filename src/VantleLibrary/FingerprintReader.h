@@ -115,13 +115,13 @@ class FingerprintReader {
     // A file to hash and the caller's number for it.
     struct Job {
         size_t id;
-        Target target; // its name need only last until the next call of `next`
+        Target target; // its name need only last until `next` is called again
     };
-    // Gives the file to hash next in a lane (0 or 1), or nothing when there are no more for it.
-    using Next = std::function<std::optional<Job>(size_t lane)>;
+    // Gives the file to hash next, or nothing when there are no more.
+    using Next = std::function<std::optional<Job>()>;
     using Done = std::function<void(size_t id, std::expected<Digest, Miss> result)>;
-    // Hashes files two at a time, each exactly as hash() would hash it alone, until neither lane is
-    // given another; `done` hears of each file as it is finished, in no set order.
+    // Hashes the files `next` gives, two at a time, each exactly as hash() would hash it alone, until
+    // it gives nothing; `done` hears of each file as it is finished, in no set order.
     void hashEach(HashMode mode, const Next& next, const Done& done);
 
     // Bytes read by every hash so far.

@@ -16,7 +16,7 @@ std::expected<SmallFileDigests, FingerprintReader::Miss>
 SmallFileHasher::hash(int dirFd, const char* name, const FingerprintReader::Expected& expected) {
     std::optional<FingerprintReader::Job> one = FingerprintReader::Job{0, {dirFd, name, expected}};
     std::expected<SmallFileDigests, FingerprintReader::Miss> out;
-    hashEach([&](size_t) { return std::exchange(one, std::nullopt); },
+    hashEach([&] { return std::exchange(one, std::nullopt); },
              [&](size_t, std::expected<SmallFileDigests, FingerprintReader::Miss> result) { out = std::move(result); });
     return out;
 }
@@ -59,7 +59,7 @@ void SmallFileHasher::hashEach(const FingerprintReader::Next& next, const Done& 
         auto& lane = lanes[i];
         while (true) {
             if (!lane.id) {
-                auto job = next(i);
+                auto job = next();
                 if (!job) return {};
                 auto got = read(job->target, buffer_.get() + i * wholeInOneReadBytes);
                 if (!got) {

@@ -34,8 +34,8 @@ class SmallFileHasher {
     // folder, or AT_FDCWD for an absolute `name`).
     std::expected<SmallFileDigests, FingerprintReader::Miss>
     hash(int dirFd, const char* name, const FingerprintReader::Expected& expected);
-    // Hashes files two at a time, each exactly as hash() would hash it alone, until neither lane is
-    // given another; `done` hears of each as it is finished, in no set order.
+    // Hashes the files `next` gives, two at a time, each exactly as hash() would hash it alone, until
+    // it gives nothing; `done` hears of each file as it is finished, in no set order.
     using Done = std::function<void(size_t id, std::expected<SmallFileDigests, FingerprintReader::Miss>)>;
     void hashEach(const FingerprintReader::Next& next, const Done& done);
 

@@ -90,7 +90,7 @@ TEST(FingerprintReader, FilesHashedTwoAtATimeHashAsEachAlone) {
         size_t next = 0;
         reader.hashEach(
             mode,
-            [&](size_t) -> std::optional<FingerprintReader::Job> {
+            [&]() -> std::optional<FingerprintReader::Job> {
                 if (next > files.size()) return std::nullopt;
                 auto k = next++;
                 if (k == files.size()) return FingerprintReader::Job{k, {AT_FDCWD, gone.c_str(), expected[0]}};

@@ -48,7 +48,7 @@ TEST(SmallFileHasher, GivesTheSameSampleAsReadingSliceBySliceAndTheWholeHashOfOn
     // Two at a time, in both lanes, each file's digests are the ones it has alone.
     size_t next = 0;
     small.hashEach(
-        [&](size_t) -> std::optional<FingerprintReader::Job> {
+        [&]() -> std::optional<FingerprintReader::Job> {
             if (next == files.size()) return std::nullopt;
             auto k = next++;
             return FingerprintReader::Job{k, {AT_FDCWD, files[k].c_str(), expectedOf(files[k])}};
