@@ -472,7 +472,8 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
         // thread open a run of files beneath one handle on their folder. In inode order a thread met a
         // new folder at nearly every file on a home whose files were not made a folder at a time.
         auto isSmall = [&](const std::pair<size_t, size_t>& names) {
-            return mode == HashMode::sample && seen[byNumber[names.first].second].status.size <= wholeInOneReadBytes;
+            return mode == HashMode::sample &&
+                   seen[byNumber[names.first].second].status.size <= wholeInOneReadBytes;
         };
         if (width < threads) {
             // Whole files are hashed two at a time, and two of one size take every step together:
@@ -488,7 +489,8 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
         }
         // Small files are read whole and hashed by one kind of hasher, the others slice by slice by
         // another: each kind in a pass of its own, in the order above.
-        const auto smallEnd = static_cast<size_t>(std::ranges::stable_partition(toHash, isSmall).begin() - toHash.begin());
+        const auto smallEnd =
+            static_cast<size_t>(std::ranges::stable_partition(toHash, isSmall).begin() - toHash.begin());
         auto hashShare = [&](size_t from, size_t to, bool small) {
             if (from == to) return;
             slots = 0;
@@ -531,7 +533,8 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
                         const auto first = byNumber[toHash[k].first].second;
                         const auto& status = seen[first].status;
                         auto [dirFd, name] = folder.beneath(pathOf(first));
-                        return FingerprintReader::Job{k++, {dirFd, name, {status.number, status.size, status.modified}}};
+                        return FingerprintReader::Job{
+                            k++, {dirFd, name, {status.number, status.size, status.modified}}};
                     };
                     if (small) {
                         if (!mine.small) mine.small.emplace();

@@ -171,7 +171,8 @@ void FingerprintReader::hashEach(HashMode mode, const Next& next, const Done& do
         } else {
             lane.resident = ResidentPages::before(fd, size);
             // A longer readahead pays only for pages that must come from the disk.
-            if (lane.resident.state() != ResidentPages::State::all) ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
+            if (lane.resident.state() != ResidentPages::State::all)
+                ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
             for (std::int64_t at = 0; at < size; at += fullChunkBytes)
                 lane.ranges.push_back({at, std::min(fullChunkBytes, size - at)});
         }

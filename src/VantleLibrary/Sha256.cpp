@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #if defined(__x86_64__)
 #include <cpuid.h>
@@ -64,9 +65,9 @@ struct Schedule {
     }
     VANTLE_SHA_TARGET inline void extend(int i) {
         auto& x = w[i & 3];
-        x = _mm_sha256msg2_epu32(
-            _mm_add_epi32(_mm_sha256msg1_epu32(x, w[(i + 1) & 3]), _mm_alignr_epi8(w[(i + 3) & 3], w[(i + 2) & 3], 4)),
-            w[(i + 3) & 3]);
+        x = _mm_sha256msg2_epu32(_mm_add_epi32(_mm_sha256msg1_epu32(x, w[(i + 1) & 3]),
+                                               _mm_alignr_epi8(w[(i + 3) & 3], w[(i + 2) & 3], 4)),
+                                 w[(i + 3) & 3]);
     }
 };
 
@@ -146,17 +147,18 @@ const EVP_MD* libraryDigest() {
 
 } // namespace
 
-bool Sha256::interleaves() { return accelerated; }
-
-Sha256::Sha256() {
-    if (!accelerated) library_ = EVP_MD_CTX_new();
+Sha256::Sha256(Engine engine) {
+    if (!accelerated || engine == Engine::library) library_ = EVP_MD_CTX_new();
     restart();
 }
 
-Sha256::~Sha256() { EVP_MD_CTX_free(library_); }
+Sha256::~Sha256() {
+    EVP_MD_CTX_free(library_);
+}
 
 Sha256::Sha256(const Sha256& other)
-    : state_(other.state_), pending_(other.pending_), pendingBytes_(other.pendingBytes_), length_(other.length_) {
+    : state_(other.state_), pending_(other.pending_), pendingBytes_(other.pendingBytes_),
+      length_(other.length_) {
     if (other.library_) {
         library_ = EVP_MD_CTX_new();
         EVP_MD_CTX_copy_ex(library_, other.library_);
@@ -172,6 +174,8 @@ Sha256& Sha256::operator=(const Sha256& other) {
     if (other.library_) {
         if (!library_) library_ = EVP_MD_CTX_new();
         EVP_MD_CTX_copy_ex(library_, other.library_);
+    } else {
+        EVP_MD_CTX_free(std::exchange(library_, nullptr));
     }
     return *this;
 }
@@ -220,7 +224,7 @@ void Sha256::update(std::span<const std::uint8_t> bytes) {
 
 std::pair<size_t, size_t> Sha256::updateTogether(Sha256& a, std::span<const std::uint8_t> x, Sha256& b,
                                                  std::span<const std::uint8_t> y) {
-    if (!accelerated || x.empty() || y.empty()) {
+    if (a.library_ || b.library_ || x.empty() || y.empty()) {
         a.update(x);
         b.update(y);
         return {x.size(), y.size()};
@@ -245,7 +249,8 @@ std::pair<size_t, size_t> Sha256::updateTogether(Sha256& a, std::span<const std:
     return {tookX, tookY};
 }
 
-void Sha256::hashTwoStreams(Sha256& a, Sha256& b, const std::function<std::span<const std::uint8_t>(size_t)>& more) {
+void Sha256::hashTwoStreams(Sha256& a, Sha256& b,
+                            const std::function<std::span<const std::uint8_t>(size_t)>& more) {
     std::array<Sha256*, 2> shas{&a, &b};
     std::array<std::span<const std::uint8_t>, 2> left;
     std::array<bool, 2> open{true, true};

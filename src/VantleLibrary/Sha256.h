@@ -19,7 +19,9 @@ namespace vantle {
 
 class Sha256 {
   public:
-    Sha256();
+    // The library's SHA-256 can be asked for by name, so that both are checked on any machine.
+    enum class Engine { fastest, library };
+    explicit Sha256(Engine engine = Engine::fastest);
     ~Sha256();
     Sha256(const Sha256& other);
     Sha256& operator=(const Sha256& other);
@@ -39,9 +41,6 @@ class Sha256 {
     // two calls a lane may finish its message and restart its state for the next one.
     static void hashTwoStreams(Sha256& a, Sha256& b,
                                const std::function<std::span<const std::uint8_t>(size_t lane)>& more);
-
-    // Whether two messages given together take less time than one after the other.
-    static bool interleaves();
 
   private:
     // Fills a part-filled block from the front of `bytes`; returns what is left of them.

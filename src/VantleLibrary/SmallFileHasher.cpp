@@ -1,9 +1,9 @@
 #include "VantleLibrary/SmallFileHasher.h"
 
 #include <cerrno>
-#include <utility>
 #include <fcntl.h>
 #include <unistd.h>
+#include <utility>
 
 namespace vantle {
 
@@ -17,7 +17,9 @@ SmallFileHasher::hash(int dirFd, const char* name, const FingerprintReader::Expe
     std::optional<FingerprintReader::Job> one = FingerprintReader::Job{0, {dirFd, name, expected}};
     std::expected<SmallFileDigests, FingerprintReader::Miss> out;
     hashEach([&] { return std::exchange(one, std::nullopt); },
-             [&](size_t, std::expected<SmallFileDigests, FingerprintReader::Miss> result) { out = std::move(result); });
+             [&](size_t, std::expected<SmallFileDigests, FingerprintReader::Miss> result) {
+                 out = std::move(result);
+             });
     return out;
 }
 

@@ -8,8 +8,8 @@
 
 #include <algorithm>
 #include <cctype>
-#include <map>
 #include <fcntl.h>
+#include <map>
 #include <string>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -73,8 +73,9 @@ TEST(FingerprintReader, FilesHashedTwoAtATimeHashAsEachAlone) {
     TempDir dir;
     std::vector<std::string> contents;
     std::vector<std::filesystem::path> files;
-    for (size_t size : {size_t{0}, size_t{1}, size_t{65}, size_t{16'384}, size_t{50'000},
-                        static_cast<size_t>(fullChunkBytes) + 3, size_t{777}, static_cast<size_t>(2 * fullChunkBytes)}) {
+    for (size_t size :
+         {size_t{0}, size_t{1}, size_t{65}, size_t{16'384}, size_t{50'000},
+          static_cast<size_t>(fullChunkBytes) + 3, size_t{777}, static_cast<size_t>(2 * fullChunkBytes)}) {
         contents.push_back(patterned(size, static_cast<unsigned>(size % 13 + 1)));
         files.push_back(dir.write("f" + std::to_string(files.size()), contents.back()));
     }
@@ -93,7 +94,8 @@ TEST(FingerprintReader, FilesHashedTwoAtATimeHashAsEachAlone) {
             [&]() -> std::optional<FingerprintReader::Job> {
                 if (next > files.size()) return std::nullopt;
                 auto k = next++;
-                if (k == files.size()) return FingerprintReader::Job{k, {AT_FDCWD, gone.c_str(), expected[0]}};
+                if (k == files.size())
+                    return FingerprintReader::Job{k, {AT_FDCWD, gone.c_str(), expected[0]}};
                 return FingerprintReader::Job{k, {AT_FDCWD, files[k].c_str(), expected[k]}};
             },
             [&](size_t id, std::expected<Digest, FingerprintReader::Miss> result) {
