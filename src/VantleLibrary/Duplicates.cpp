@@ -552,6 +552,14 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
         };
         hashShare(0, smallEnd, true);
         hashShare(smallEnd, toHash.size(), false);
+        // Room for every name at once rather than by doubling as they come: in a first scan each is
+        // new to the cache. The whole-file pass stores under names the sample pass has just kept.
+        if (mode == HashMode::sample) {
+            size_t names = 0;
+            for (auto [begin, end] : toHash)
+                names += end - begin;
+            cache_.reserve(names);
+        }
         for (size_t k = 0; k < toHash.size(); ++k) {
             if (!made[k]) continue;
             auto [begin, end] = toHash[k];

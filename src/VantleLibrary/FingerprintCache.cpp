@@ -10,6 +10,7 @@
 #include <array>
 #include <bit>
 #include <charconv>
+#include <cstring>
 #include <limits>
 #include <utility>
 
@@ -259,7 +260,7 @@ bool FingerprintCache::readOwnFormat(std::string_view text) {
             // Most paths are kept as the slice of the file they are; only one that holds an escape
             // needs bytes of its own.
             if (!ascii && mayHoldEscapes(path))
-                put(ownedPaths_.emplace_back(unescapeBytes(path)), f);
+                put(own(unescapeBytes(path)), f);
             else
                 put(path, f);
             if (eat(",\n")) continue;
@@ -273,8 +274,19 @@ bool FingerprintCache::readOwnFormat(std::string_view text) {
 void FingerprintCache::clear() {
     entries_.clear();
     slots_.clear();
-    ownedPaths_.clear();
+    ownedPaths_.release();
     live_ = unasked_ = 0;
+}
+
+std::string_view FingerprintCache::own(std::string_view path) {
+    auto* copy = static_cast<char*>(ownedPaths_.allocate(std::max<size_t>(path.size(), 1), 1));
+    std::memcpy(copy, path.data(), path.size());
+    return {copy, path.size()};
+}
+
+void FingerprintCache::reserve(std::size_t more) {
+    entries_.reserve(entries_.size() + more);
+    makeRoom(entries_.size() + more);
 }
 
 void FingerprintCache::makeRoom(std::size_t entries) {
@@ -358,7 +370,7 @@ void FingerprintCache::load() {
     CacheReader reader(read);
     nlohmann::json::sax_parse(text, &reader);
     for (auto& [path, value] : read)
-        put(ownedPaths_.emplace_back(std::move(path)), value);
+        put(own(path), value);
     bytes_.reset();
     // An entry we cannot read is dropped, and the file rewritten without it.
     if (reader.dropped) changed_ = true;
@@ -405,7 +417,7 @@ void FingerprintCache::store(std::string_view path, const FileStatus& status, Ha
     auto* entry = find(path, hash);
     const Fingerprint fresh{status.size, status.modified, status.number.inode, std::nullopt, std::nullopt};
     if (!entry) {
-        entry = &add(ownedPaths_.emplace_back(path), hash, fresh);
+        entry = &add(own(path), hash, fresh);
         entry->asked = true;
         changed_ = true;
     }

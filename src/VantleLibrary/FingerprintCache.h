@@ -7,9 +7,9 @@
 #include "VantleLibrary/FingerprintReader.h"
 
 #include <cstdint>
-#include <deque>
 #include <expected>
 #include <filesystem>
+#include <memory_resource>
 #include <optional>
 #include <span>
 #include <string>
@@ -45,6 +45,8 @@ class FingerprintCache {
     // Records a hash for `path` as of `status`, keeping the other hash where it still holds. Storing
     // what is already kept changes nothing, and the file is not written again for it.
     void store(std::string_view path, const FileStatus& status, HashMode mode, const Digest& digest);
+    // Room for `more` paths not kept yet, so that storing them grows nothing on the way.
+    void reserve(std::size_t more);
 
     // Kept entries that neither valid() nor store() has been asked about since the file was read:
     // when every asked path is known to be wanted, these are the only ones keepOnly could drop.
@@ -74,6 +76,8 @@ class FingerprintCache {
 
     Entry* find(std::string_view path, std::uint64_t hash);
     const Entry* find(std::string_view path, std::uint64_t hash) const;
+    // A copy of `path` kept for the cache's life.
+    std::string_view own(std::string_view path);
     // A new live entry; `path` must outlive the cache (the file's bytes or ownedPaths_).
     Entry& add(std::string_view path, std::uint64_t hash, const Fingerprint& value);
     // An entry read from the file; a path met twice keeps its last value, as a JSON reader would.
@@ -86,7 +90,9 @@ class FingerprintCache {
 
     std::filesystem::path cacheFile_;
     std::optional<KeptBytes> bytes_;
-    std::deque<std::string> ownedPaths_; // paths that are not a plain slice of the file's bytes
+    // Paths that are not a plain slice of the file's bytes, one after another in blocks: a string
+    // each was an allocation a file in a scan with no cache.
+    std::pmr::monotonic_buffer_resource ownedPaths_;
     std::vector<Entry> entries_;
     // Open addressing with linear probes: each slot is an entry's index + 1, or 0 when empty. Never
     // more than half full.
