@@ -395,7 +395,9 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
     // processor's caches (on the 50,000-file corpus, 10% more processor time than two a core, which
     // cost no more than one and keep a core busy while a thread meets the odd page not in memory);
     // cold, they keep the disk busy. A few of the files about to be read, spread over the list, tell
-    // which it is: if every page they need is in memory, so are most of the others'.
+    // which it is: if nearly every page they need is in memory, so are most of the others'. Not
+    // every page: a scan lets go of the pages it brought in, so a file read once with a page missing
+    // stays that way, and "every page" judged most warm homes cold.
     auto widthFor = [&](HashMode mode, std::span<const size_t> firstNames) -> size_t {
         if (options_.threads > 0 || firstNames.size() < 2 * cores) return threads;
         constexpr size_t probes = 16;
@@ -416,8 +418,6 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
             }
         }
         // A few pages from the disk here and there are waits the second thread a core covers.
-        // (Pages a scan brought in are let go after it, so a file read once with a page missing
-        // stays that way: "every page" judged most warm homes cold.)
         return inMemory >= 0.95 * needed ? std::min<size_t>(threads, 2 * cores) : threads;
     };
     auto refine = [&](HashMode mode, DuplicateProgress::Phase phase) {
