@@ -461,18 +461,13 @@ std::expected<void, std::string> FingerprintCache::save() {
                 auto end = std::to_chars(number, number + sizeof number, value).ptr;
                 text.append(number, end);
             };
-            auto plain = [](std::string_view path) {
-                for (unsigned char c : path)
-                    if (c < 0x20 || c == '"' || c == '\\' || c >= 0x80) return false;
-                return true;
-            };
             bool first = true;
             for (const auto& entry : entries_) {
                 if (!entry.live) continue;
                 const auto& f = entry.value;
                 if (!first) text += ",\n";
                 first = false;
-                if (plain(entry.path)) {
+                if (isPlainJsonText(entry.path)) {
                     text += '"';
                     text += entry.path;
                     text += '"';
@@ -504,7 +499,8 @@ std::expected<void, std::string> FingerprintCache::save() {
             text += "}\n";
             put(text);
         },
-        0600);
+        // Lost in a crash, it reads as an empty cache and the next scan hashes again.
+        0600, Durability::mayBeLost);
     if (written) changed_ = false;
     return written;
 }

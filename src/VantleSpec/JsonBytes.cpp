@@ -89,6 +89,14 @@ template <class Transform> nlohmann::ordered_json mapped(const nlohmann::ordered
 
 } // namespace
 
+bool isPlainJsonText(std::string_view text) {
+    // No early exit, so the compiler checks many bytes a step.
+    unsigned char special = 0;
+    for (unsigned char c : text)
+        special |= static_cast<unsigned char>((c < 0x20) | (c == '"') | (c == '\\') | (c >= 0x80));
+    return special == 0;
+}
+
 bool needsEscape(std::string_view bytes) {
     for (size_t i = 0; i < bytes.size();) {
         if (static_cast<std::uint8_t>(bytes[i]) < 0x80) {

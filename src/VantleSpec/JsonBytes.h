@@ -18,6 +18,9 @@ std::string escapeBytes(std::string_view bytes);
 std::string unescapeBytes(std::string_view text);
 // True when escapeBytes would change `bytes`.
 bool needsEscape(std::string_view bytes);
+// True when `text` is ASCII with nothing JSON escapes, so it goes between quotes as it is: nearly
+// every name, and the one check made of each of a long listing's paths.
+bool isPlainJsonText(std::string_view text);
 // True when `text` may hold an escape (as UTF-8 or as a \u sequence), so decoding is worth a pass.
 bool mayHoldEscapes(std::string_view text);
 

@@ -80,13 +80,7 @@ void JsonWriter::key(std::string_view name) {
 
 void JsonWriter::putString(std::string_view text) {
     // Nearly every name is plain ASCII with nothing to escape: one look, one copy.
-    bool plainAscii = true;
-    for (unsigned char c : text)
-        if (c < 0x20 || c == '"' || c == '\\' || c >= 0x80) {
-            plainAscii = false;
-            break;
-        }
-    if (plainAscii) {
+    if (isPlainJsonText(text)) {
         buffer_ += '"';
         buffer_ += text;
         buffer_ += '"';

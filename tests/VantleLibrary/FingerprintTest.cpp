@@ -273,6 +273,12 @@ TEST(FingerprintCache, AMissingOrDamagedFileIsAnEmptyCacheAndBadEntriesAreDroppe
     torn.load();
     EXPECT_EQ(torn.size(), 0u);
 
+    // What a crash may leave of a save that did not wait for the disk.
+    dir.write("empty.json", "");
+    FingerprintCache empty(dir / "empty.json");
+    empty.load();
+    EXPECT_EQ(empty.size(), 0u);
+
     auto good = R"({"size":1,"modified":2,"inode":3,"full":")" + hexOf(sha256("x")) + "\"}";
     dir.write("mixed.json", R"({"/bad":{"size":1,"modified":2,"inode":3,"full":"zz"},"/good":)" + good + "}");
     FingerprintCache mixed(dir / "mixed.json");

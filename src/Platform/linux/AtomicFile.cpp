@@ -33,7 +33,7 @@ bool writeAll(int fd, std::string_view bytes) {
 namespace {
 std::expected<void, std::string> writeAtomically(const std::filesystem::path& file,
                                                  const std::function<void(const PutPiece& put)>& produce,
-                                                 mode_t mode) {
+                                                 mode_t mode, Durability durability) {
     auto folder = file.parent_path().empty() ? std::filesystem::path(".") : file.parent_path();
     UniqueFd dir(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!dir) return failure(errno);
@@ -49,7 +49,7 @@ std::expected<void, std::string> writeAtomically(const std::filesystem::path& fi
         if (writeError == 0 && !writeAll(out.get(), piece)) writeError = errno != 0 ? errno : EIO;
         return writeError == 0;
     });
-    if (writeError != 0 || ::fsync(out.get()) != 0) {
+    if (writeError != 0 || (durability == Durability::synced && ::fsync(out.get()) != 0)) {
         int err = writeError != 0 ? writeError : errno;
         ::unlinkat(dir.get(), temp.c_str(), 0);
         return failure(err);
@@ -69,16 +69,17 @@ std::expected<void, std::string> writeAtomically(const std::filesystem::path& fi
 std::expected<void, std::string> writeFileAtomically(const std::filesystem::path& file,
                                                      std::string_view bytes, mode_t mode) {
     return writeAtomically(
-        file, [&](const PutPiece& put) { put(bytes); }, mode);
+        file, [&](const PutPiece& put) { put(bytes); }, mode, Durability::synced);
 }
 
 std::expected<void, std::string>
 writeFileAtomicallyInPieces(const std::filesystem::path& file,
-                            const std::function<void(const PutPiece& put)>& produce, mode_t mode) {
+                            const std::function<void(const PutPiece& put)>& produce, mode_t mode,
+                            Durability durability) {
     std::error_code ec;
     if (!file.parent_path().empty()) std::filesystem::create_directories(file.parent_path(), ec);
     if (ec) return std::unexpected(systemErrorText(ec.value()));
-    return writeAtomically(file, produce, mode);
+    return writeAtomically(file, produce, mode, durability);
 }
 
 std::expected<void, std::string> writeFileAtomicallyMakingFolder(const std::filesystem::path& file,
