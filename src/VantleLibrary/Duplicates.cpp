@@ -74,30 +74,42 @@ std::string_view folderOf(std::string_view path) {
     return path.substr(0, slash == 0 ? 1 : slash);
 }
 
-// A handle on the folder of the last path asked about, opened again only when the folder changes:
+// Handles on the folders of the last paths asked about, opened again only when the folder changes:
 // candidates come a folder at a time, so the kernel walks a folder's path once a run of files rather
-// than once a file. One per thread.
+// than once a file. The last filesABatch folders stay open, for a hasher that opens a batch of files
+// together. One per thread.
 class FolderHandle {
   public:
     // Where to reach `path` from: its folder's handle and its own name, or the whole path when the
-    // folder cannot be opened. The name is good until the next call.
+    // folder cannot be opened. The name is good until the next call; the handle for filesABatch calls.
     std::pair<int, const char*> beneath(std::string_view path) {
         auto folder = folderOf(path);
-        if (!folder.empty() && folder != folderPath_) {
-            fd_ = UniqueFd(openatNoAtime(AT_FDCWD, std::string(folder).c_str(), O_PATH | O_DIRECTORY));
-            folderPath_ = folder;
+        if (!folder.empty() && folder != kept_[last_].path) {
+            auto found = std::ranges::find(kept_, folder, &Kept::path);
+            if (found != kept_.end()) {
+                last_ = static_cast<size_t>(found - kept_.begin());
+            } else {
+                last_ = (last_ + 1) % kept_.size();
+                kept_[last_] = {folder, UniqueFd(openatNoAtime(AT_FDCWD, std::string(folder).c_str(),
+                                                               O_PATH | O_DIRECTORY))};
+            }
         }
-        if (folder.empty() || !fd_) {
+        const auto& fd = kept_[last_].fd;
+        if (folder.empty() || !fd) {
             name_.assign(path);
             return {AT_FDCWD, name_.c_str()};
         }
         name_.assign(path.substr(path.rfind('/') + 1));
-        return {fd_.get(), name_.c_str()};
+        return {fd.get(), name_.c_str()};
     }
 
   private:
-    UniqueFd fd_;
-    std::string_view folderPath_;
+    struct Kept {
+        std::string_view path;
+        UniqueFd fd;
+    };
+    std::array<Kept, filesABatch> kept_;
+    size_t last_ = 0;
     std::string name_; // paths need not end in a NUL where they are kept
 };
 
@@ -538,11 +550,18 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
                     };
                     if (small) {
                         if (!mine.small) mine.small.emplace();
-                        mine.small->hashEach(pull, [&](size_t k, auto both) {
-                            if (!both) return settle(k, std::unexpected(both.error()));
-                            madeWhole[k] = both->full;
-                            settle(k, both->sample);
-                        });
+                        // Warm, the system calls are most of a small file's cost, and a batch
+                        // shares them; cold, a batch would wait for its slowest read.
+                        const auto reads = width < threads ? SmallFileHasher::Reads::inBatches
+                                                           : SmallFileHasher::Reads::oneByOne;
+                        mine.small->hashEach(
+                            pull,
+                            [&](size_t k, auto both) {
+                                if (!both) return settle(k, std::unexpected(both.error()));
+                                madeWhole[k] = both->full;
+                                settle(k, both->sample);
+                            },
+                            reads);
                     } else {
                         if (!mine.reader) mine.reader.emplace(clock, deadline, &cancel);
                         mine.reader->hashEach(mode, pull, settle);

@@ -101,17 +101,28 @@ std::expected<FingerprintReader::Opened, FingerprintReader::Miss>
 FingerprintReader::openExpected(int dirFd, const char* name, const Expected& expected) {
     auto fd = openUserEntry(dirFd, name, O_RDONLY | O_NONBLOCK);
     if (!fd) return std::unexpected(Miss::unopenable);
-    auto before = checkedStatus(fd->get());
+    auto before = checkOpened(fd->get(), expected);
+    if (!before) return std::unexpected(before.error());
+    return Opened{std::move(*fd), *before};
+}
+
+std::expected<FingerprintReader::Checked, FingerprintReader::Miss>
+FingerprintReader::checkOpened(int fd, const Expected& expected) {
+    auto before = checkedStatus(fd);
     if (!before || !before->isRegular) return std::unexpected(Miss::notRegular);
     if (before->number != expected.number || before->size != expected.size ||
         before->modified != expected.modified)
         return std::unexpected(Miss::changedBefore);
-    return Opened{std::move(*fd), *before};
+    return *before;
 }
 
 bool FingerprintReader::unchangedSinceOpened(const Opened& opened) {
-    auto after = checkedStatus(opened.fd.get());
-    return after && after->size == opened.before.size && after->modified == opened.before.modified;
+    return unchangedSince(opened.fd.get(), opened.before);
+}
+
+bool FingerprintReader::unchangedSince(int fd, const Checked& before) {
+    auto after = checkedStatus(fd);
+    return after && after->size == before.size && after->modified == before.modified;
 }
 
 std::expected<Digest, FingerprintReader::Miss>

@@ -94,6 +94,9 @@ class FingerprintReader {
     static std::expected<Opened, Miss> openExpected(int dirFd, const char* name, const Expected& expected);
     // After the read: the file kept the size and modification time it had when opened.
     static bool unchangedSinceOpened(const Opened& opened);
+    // The two checks above on a file opened some other way (several at once, say).
+    static std::expected<Checked, Miss> checkOpened(int fd, const Expected& expected);
+    static bool unchangedSince(int fd, const Checked& before);
 
     // `cancel` may be null; it must outlive the reader.
     FingerprintReader(Clock clock, TimePoint deadline, const CancelFlag* cancel = nullptr);

@@ -1,11 +1,17 @@
 #include "VantleLibrary/SmallFileHasher.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
+#include <string>
 #include <unistd.h>
 #include <utility>
 
 namespace vantle {
+
+namespace {
+constexpr std::size_t batchBytes = 256 * 1024; // a half of the batch buffer: sixteen files of 16 KiB
+} // namespace
 
 SmallFileHasher::SmallFileHasher()
     : buffer_(std::make_unique_for_overwrite<std::uint8_t[]>(2 * wholeInOneReadBytes)) {}
@@ -47,7 +53,108 @@ SmallFileHasher::read(const FingerprintReader::Target& target, std::uint8_t* int
     return std::span<const std::uint8_t>(into, size);
 }
 
-void SmallFileHasher::hashEach(const FingerprintReader::Next& next, const Done& done) {
+bool SmallFileHasher::readBatch(const FingerprintReader::Next& next, const Done& done,
+                                const std::uint8_t* busy, std::vector<Read>& ready) {
+    using Miss = FingerprintReader::Miss;
+    auto* base = batchBuffer_.get();
+    if (busy >= base && busy < base + batchBytes) base += batchBytes;
+    struct Slot {
+        size_t id;
+        int dirFd;
+        std::string name;
+        FingerprintReader::Expected expected;
+        std::uint8_t* into;
+        int fd = -1;
+        FingerprintReader::Checked before{};
+    };
+    std::vector<Slot> slots;
+    std::size_t used = 0;
+    bool more = true;
+    // Room is kept for the largest file a batch may take.
+    while (slots.size() < batch_->capacity() && used + wholeInOneReadBytes <= batchBytes) {
+        auto job = next();
+        if (!job) {
+            more = false;
+            break;
+        }
+        const auto& target = job->target;
+        if (target.expected.size < 0 || target.expected.size > wholeInOneReadBytes) {
+            done(job->id, std::unexpected(Miss::changedBefore));
+            continue;
+        }
+        // The name is good only until the next job is asked for; the folder's handle stays open
+        // for a batch.
+        slots.push_back({job->id, target.dirFd, target.name, target.expected, base + used});
+        used += static_cast<std::size_t>(target.expected.size);
+    }
+    if (slots.empty()) return more;
+
+    // Opened as openUserEntry opens, all at once.
+    std::vector<FileBatch::Open> opens;
+    for (const auto& slot : slots)
+        opens.push_back(
+            {slot.dirFd, slot.name.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC | O_NOATIME});
+    std::vector<int> fds(slots.size());
+    batch_->open(opens, fds);
+    std::vector<FileBatch::Read> reads;
+    std::vector<size_t> reading; // the slots of `reads`
+    for (size_t k = 0; k < slots.size(); ++k) {
+        auto& slot = slots[k];
+        if (fds[k] == -EPERM || (fds[k] < 0 && !batch_->working())) {
+            // Not ours to open without moving its access time, or the batch stopped working: the
+            // careful single way, which puts the time back.
+            auto got = read({slot.dirFd, slot.name.c_str(), slot.expected}, slot.into);
+            if (got)
+                ready.push_back({slot.id, *got});
+            else
+                done(slot.id, std::unexpected(got.error()));
+            continue;
+        }
+        if (fds[k] < 0) {
+            done(slot.id, std::unexpected(Miss::unopenable));
+            continue;
+        }
+        slot.fd = fds[k];
+        auto before = FingerprintReader::checkOpened(slot.fd, slot.expected);
+        if (!before) {
+            done(slot.id, std::unexpected(before.error()));
+            continue;
+        }
+        slot.before = *before;
+        reads.push_back({slot.fd, slot.into, static_cast<std::uint32_t>(slot.expected.size), 0});
+        reading.push_back(k);
+    }
+    std::vector<std::int64_t> got(reads.size());
+    batch_->read(reads, got);
+    for (size_t r = 0; r < reads.size(); ++r) {
+        const auto& slot = slots[reading[r]];
+        const auto size = static_cast<size_t>(slot.expected.size);
+        // A read of a regular file comes back short only at its end, or when interrupted: the rest,
+        // if any, the ordinary way.
+        if (got[r] < 0 && !batch_->working()) got[r] = 0;
+        auto have = static_cast<size_t>(std::max<std::int64_t>(0, got[r]));
+        while (got[r] >= 0 && have < size) {
+            auto n = ::pread(slot.fd, slot.into + have, size - have, static_cast<off_t>(have));
+            if (n < 0 && errno == EINTR) continue;
+            if (n <= 0) break;
+            have += static_cast<size_t>(n);
+        }
+        bytesRead_ += static_cast<std::int64_t>(have);
+        if (have < size)
+            done(slot.id, std::unexpected(Miss::shortRead));
+        else if (!FingerprintReader::unchangedSince(slot.fd, slot.before))
+            done(slot.id, std::unexpected(Miss::changedDuring));
+        else
+            ready.push_back({slot.id, std::span<const std::uint8_t>(slot.into, size)});
+    }
+    std::vector<int> opened;
+    for (const auto& slot : slots)
+        if (slot.fd >= 0) opened.push_back(slot.fd);
+    batch_->close(opened);
+    return more;
+}
+
+void SmallFileHasher::hashEach(const FingerprintReader::Next& next, const Done& done, Reads reads) {
     // One file a lane at a time, read whole when it is taken; its slices are hashed from that read.
     struct Lane {
         std::optional<size_t> id;
@@ -57,18 +164,45 @@ void SmallFileHasher::hashEach(const FingerprintReader::Next& next, const Done& 
         SmallFileDigests digests;
     };
     std::array<Lane, 2> lanes;
+    if (reads == Reads::inBatches && !batch_ && !batchRefused_) {
+        batch_ = FileBatch::make(filesABatch);
+        batchRefused_ = !batch_;
+        if (batch_) batchBuffer_ = std::make_unique_for_overwrite<std::uint8_t[]>(2 * batchBytes);
+    }
+    const bool batched = reads == Reads::inBatches && batch_;
+    std::vector<Read> ready;
+    size_t taken = 0;
+    bool moreJobs = true;
+    // The next file for lane `i`, read whole: on its own into the lane's room, or from the last batch.
+    auto nextRead = [&](size_t i) -> std::optional<Read> {
+        while (true) {
+            if (!batched) {
+                auto job = next();
+                if (!job) return std::nullopt;
+                auto got = read(job->target, buffer_.get() + i * wholeInOneReadBytes);
+                if (got) return Read{job->id, *got};
+                done(job->id, std::unexpected(got.error()));
+                continue;
+            }
+            if (taken < ready.size()) return ready[taken++];
+            if (!moreJobs) return std::nullopt;
+            ready.clear();
+            taken = 0;
+            const auto& other = lanes[1 - i];
+            moreJobs = readBatch(next, done, other.id ? other.contents.data() : nullptr, ready);
+        }
+    };
     auto more = [&](size_t i) -> std::span<const std::uint8_t> {
         auto& lane = lanes[i];
         while (true) {
             if (!lane.id) {
-                auto job = next();
-                if (!job) return {};
-                auto got = read(job->target, buffer_.get() + i * wholeInOneReadBytes);
-                if (!got) {
-                    done(job->id, std::unexpected(got.error()));
-                    continue;
-                }
-                lane = {job->id, *got, sampleRanges(static_cast<std::int64_t>(got->size())), 0, {}};
+                auto got = nextRead(i);
+                if (!got) return {};
+                lane = {got->id,
+                        got->contents,
+                        sampleRanges(static_cast<std::int64_t>(got->contents.size())),
+                        0,
+                        {}};
                 shas_[i].restart();
                 continue;
             }

@@ -438,7 +438,8 @@ TEST(DuplicateScan, ManySmallFilesOnEveryThreadGroupExactlyAndTheLastProgressCou
 
 // Files of one name written a folder after another, so that in inode order each folder's run is a
 // single file: a thread that opened a name beneath the folder of the file before it would find
-// another file there, miss it, and lose its group.
+// another file there, miss it, and lose its group. Warm, small files are opened a batch at a time,
+// after the batch's last folder is reached: the earlier folders must still be open then.
 TEST(DuplicateScan, SmallFilesOfOneNameInManyFoldersAreEachOpenedBeneathTheirOwnFolder) {
     TempDir dir;
     std::set<std::set<std::string>> expected;

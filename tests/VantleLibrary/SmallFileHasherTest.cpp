@@ -18,6 +18,37 @@ using vantle::testing::patterned;
 using vantle::testing::sha256;
 using vantle::testing::TempDir;
 
+namespace {
+
+using Reads = SmallFileHasher::Reads;
+using Result = std::expected<SmallFileDigests, FingerprintReader::Miss>;
+
+// Each target hashed through hashEach, read `reads`, by its place in the list.
+std::vector<Result> hashEach(SmallFileHasher& small, const std::vector<FingerprintReader::Target>& targets,
+                             Reads reads) {
+    std::vector<std::optional<Result>> out(targets.size());
+    size_t next = 0;
+    small.hashEach(
+        [&]() -> std::optional<FingerprintReader::Job> {
+            if (next == targets.size()) return std::nullopt;
+            auto k = next++;
+            return FingerprintReader::Job{k, targets[k]};
+        },
+        [&](size_t k, Result both) {
+            EXPECT_FALSE(out[k]) << "answered twice: " << k;
+            out[k] = std::move(both);
+        },
+        reads);
+    std::vector<Result> answered;
+    for (size_t k = 0; k < out.size(); ++k) {
+        EXPECT_TRUE(out[k]) << "never answered: " << k;
+        answered.push_back(out[k].value_or(std::unexpected(FingerprintReader::Miss::cancelled)));
+    }
+    return answered;
+}
+
+} // namespace
+
 // The one-read sample must be the very hash a slice-by-slice read makes, or a small file and its copy
 // hashed by the two paths (one kept in the cache, one read afresh) would never meet.
 TEST(SmallFileHasher, GivesTheSameSampleAsReadingSliceBySliceAndTheWholeHashOfOneSliceFiles) {
@@ -45,19 +76,23 @@ TEST(SmallFileHasher, GivesTheSameSampleAsReadingSliceBySliceAndTheWholeHashOfOn
     }
     EXPECT_EQ(small.bytesRead(), expectedBytes) << "each file is read once, not once a slice";
 
-    // Two at a time, in both lanes, each file's digests are the ones it has alone.
-    size_t next = 0;
-    small.hashEach(
-        [&]() -> std::optional<FingerprintReader::Job> {
-            if (next == files.size()) return std::nullopt;
-            auto k = next++;
-            return FingerprintReader::Job{k, {AT_FDCWD, files[k].c_str(), expectedOf(files[k])}};
-        },
-        [&](size_t k, std::expected<SmallFileDigests, FingerprintReader::Miss> both) {
-            ASSERT_TRUE(both) << k;
-            EXPECT_EQ(both->sample, alone[k].sample) << k;
-            EXPECT_EQ(both->full, alone[k].full) << k;
-        });
+    // Two at a time, in both lanes, one by one or a batch at a time (more files than a batch holds,
+    // so that one lane goes on with a file of the last batch while the other reads the next), each
+    // file's digests are the ones it has alone.
+    std::vector<FingerprintReader::Target> targets;
+    for (int round = 0; round < 3; ++round)
+        for (const auto& file : files)
+            targets.push_back({AT_FDCWD, file.c_str(), expectedOf(file)});
+    for (auto reads : {Reads::oneByOne, Reads::inBatches}) {
+        auto before = small.bytesRead();
+        auto results = hashEach(small, targets, reads);
+        for (size_t k = 0; k < targets.size(); ++k) {
+            ASSERT_TRUE(results[k]) << k;
+            EXPECT_EQ(results[k]->sample, alone[k % files.size()].sample) << k;
+            EXPECT_EQ(results[k]->full, alone[k % files.size()].full) << k;
+        }
+        EXPECT_EQ(small.bytesRead() - before, 3 * expectedBytes);
+    }
 }
 
 TEST(SmallFileHasher, RefusesWhatIsNotTheRecordedFileAndNeverFollowsALink) {
@@ -91,6 +126,25 @@ TEST(SmallFileHasher, RefusesWhatIsNotTheRecordedFileAndNeverFollowsALink) {
     auto folder = ::open(dir.path().c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
     ASSERT_GE(folder, 0);
     EXPECT_TRUE(small.hash(folder, "a.txt", recorded));
+
+    // A batch gives each file the answer it has alone, whatever stands beside it.
+    std::vector<FingerprintReader::Target> mixed = {
+        {folder, "a.txt", recorded}, {AT_FDCWD, file.c_str(), touched}, {folder, "link", recorded},
+        {folder, "fifo", recorded},  {folder, "gone", recorded},        {AT_FDCWD, file.c_str(), otherInode},
+        {folder, "a.txt", longer},   {folder, "a.txt", recorded}};
+    auto openFds = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
+    hashEach(small, {}, Reads::inBatches); // the batch's own descriptor comes with its first use
+    auto fdsBefore = openFds();
+    auto results = hashEach(small, mixed, Reads::inBatches);
+    EXPECT_EQ(openFds(), fdsBefore) << "every file the batch opened is closed, refused or not";
+    using Miss = FingerprintReader::Miss;
+    std::vector<std::optional<Miss>> expected = {
+        std::nullopt,     Miss::changedBefore, Miss::unopenable,    Miss::notRegular,
+        Miss::unopenable, Miss::changedBefore, Miss::changedBefore, std::nullopt};
+    for (size_t k = 0; k < mixed.size(); ++k) {
+        auto miss = results[k] ? std::nullopt : std::optional(results[k].error());
+        EXPECT_EQ(miss, expected[k]) << k;
+    }
     ::close(folder);
 }
 
@@ -101,6 +155,8 @@ TEST(SmallFileHasher, DoesNotMoveTheAccessTime) {
     ASSERT_EQ(::utimensat(AT_FDCWD, file.c_str(), times, 0), 0);
     SmallFileHasher small;
     ASSERT_TRUE(small.hash(AT_FDCWD, file.c_str(), expectedOf(file)));
+    auto batched = hashEach(small, {{AT_FDCWD, file.c_str(), expectedOf(file)}}, Reads::inBatches);
+    ASSERT_TRUE(batched[0]);
     struct stat st {};
     ASSERT_EQ(::stat(file.c_str(), &st), 0);
     EXPECT_EQ(st.st_atim.tv_sec, 1'000'000);
