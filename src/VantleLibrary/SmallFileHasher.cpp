@@ -10,6 +10,12 @@
 namespace vantle {
 
 namespace {
+// What is read of a file of `size` bytes: all of it when the slices cover it, else its three slices,
+// which go side by side in its room and hash there as its sample.
+std::vector<ByteRange> slicesOf(std::int64_t size) {
+    return size <= wholeInOneReadBytes ? std::vector<ByteRange>{{0, size}} : sampleRanges(size);
+}
+
 constexpr std::size_t batchBytes = 256 * 1024; // a half of the batch buffer: sixteen files of 16 KiB
 } // namespace
 
@@ -33,24 +39,29 @@ std::expected<std::span<const std::uint8_t>, FingerprintReader::Miss>
 SmallFileHasher::read(const FingerprintReader::Target& target, std::uint8_t* into) {
     using Miss = FingerprintReader::Miss;
     const auto& expected = target.expected;
-    if (expected.size < 0 || expected.size > wholeInOneReadBytes) return std::unexpected(Miss::changedBefore);
+    if (expected.size < 0) return std::unexpected(Miss::changedBefore);
     auto opened = FingerprintReader::openExpected(target.dirFd, target.name, expected);
     if (!opened) return std::unexpected(opened.error());
     const auto& fd = opened->fd;
 
     // A file that grows or shrinks under the read is caught by the status taken after it.
-    const auto size = static_cast<size_t>(expected.size);
-    size_t got = 0;
-    while (got < size) {
-        auto n = ::pread(fd.get(), into + got, size - got, static_cast<off_t>(got));
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) break;
-        got += static_cast<size_t>(n);
+    size_t at = 0;
+    for (auto [offset, length] : slicesOf(expected.size)) {
+        size_t got = 0;
+        const auto want = static_cast<size_t>(length);
+        while (got < want) {
+            auto n = ::pread(fd.get(), into + at + got, want - got,
+                             static_cast<off_t>(offset) + static_cast<off_t>(got));
+            if (n < 0 && errno == EINTR) continue;
+            if (n <= 0) break;
+            got += static_cast<size_t>(n);
+        }
+        bytesRead_ += static_cast<std::int64_t>(got);
+        if (got < want) return std::unexpected(Miss::shortRead);
+        at += want;
     }
-    bytesRead_ += static_cast<std::int64_t>(got);
-    if (got < size) return std::unexpected(Miss::shortRead);
     if (!FingerprintReader::unchangedSinceOpened(*opened)) return std::unexpected(Miss::changedDuring);
-    return std::span<const std::uint8_t>(into, size);
+    return std::span<const std::uint8_t>(into, at);
 }
 
 bool SmallFileHasher::readBatch(const FingerprintReader::Next& next, const Done& done,
@@ -66,6 +77,7 @@ bool SmallFileHasher::readBatch(const FingerprintReader::Next& next, const Done&
         std::uint8_t* into;
         int fd = -1;
         FingerprintReader::Checked before{};
+        bool reading = false; // its reads are in the batch, and its answer comes after them
     };
     std::vector<Slot> slots;
     std::size_t used = 0;
@@ -78,14 +90,14 @@ bool SmallFileHasher::readBatch(const FingerprintReader::Next& next, const Done&
             break;
         }
         const auto& target = job->target;
-        if (target.expected.size < 0 || target.expected.size > wholeInOneReadBytes) {
+        if (target.expected.size < 0) {
             done(job->id, std::unexpected(Miss::changedBefore));
             continue;
         }
         // The name is good only until the next job is asked for; the folder's handle stays open
         // for a batch.
         slots.push_back({job->id, target.dirFd, target.name, target.expected, base + used});
-        used += static_cast<std::size_t>(target.expected.size);
+        used += static_cast<std::size_t>(std::min(target.expected.size, wholeInOneReadBytes));
     }
     if (slots.empty()) return more;
 
@@ -105,7 +117,7 @@ bool SmallFileHasher::readBatch(const FingerprintReader::Next& next, const Done&
             // careful single way, which puts the time back.
             auto got = read({slot.dirFd, slot.name.c_str(), slot.expected}, slot.into);
             if (got)
-                ready.push_back({slot.id, *got});
+                ready.push_back({slot.id, *got, slot.expected.size > wholeInOneReadBytes});
             else
                 done(slot.id, std::unexpected(got.error()));
             continue;
@@ -121,31 +133,45 @@ bool SmallFileHasher::readBatch(const FingerprintReader::Next& next, const Done&
             continue;
         }
         slot.before = *before;
-        reads.push_back({slot.fd, slot.into, static_cast<std::uint32_t>(slot.expected.size), 0});
-        reading.push_back(k);
+        slot.reading = true;
+        std::int64_t at = 0;
+        for (auto [offset, length] : slicesOf(slot.expected.size)) {
+            reads.push_back({slot.fd, slot.into + at, static_cast<std::uint32_t>(length), offset});
+            reading.push_back(k);
+            at += length;
+        }
     }
     std::vector<std::int64_t> got(reads.size());
     batch_->read(reads, got);
+    std::vector<std::int64_t> slotBytes(slots.size()), slotWanted(slots.size());
     for (size_t r = 0; r < reads.size(); ++r) {
-        const auto& slot = slots[reading[r]];
-        const auto size = static_cast<size_t>(slot.expected.size);
+        const auto& read = reads[r];
         // A read of a regular file comes back short only at its end, or when interrupted: the rest,
         // if any, the ordinary way.
         if (got[r] < 0 && !batch_->working()) got[r] = 0;
-        auto have = static_cast<size_t>(std::max<std::int64_t>(0, got[r]));
-        while (got[r] >= 0 && have < size) {
-            auto n = ::pread(slot.fd, slot.into + have, size - have, static_cast<off_t>(have));
+        auto have = static_cast<std::size_t>(std::max<std::int64_t>(0, got[r]));
+        while (got[r] >= 0 && have < read.length) {
+            auto n = ::pread(read.fd, read.into + have, read.length - have,
+                             static_cast<off_t>(read.offset + have));
             if (n < 0 && errno == EINTR) continue;
             if (n <= 0) break;
-            have += static_cast<size_t>(n);
+            have += static_cast<std::size_t>(n);
         }
-        bytesRead_ += static_cast<std::int64_t>(have);
-        if (have < size)
+        slotBytes[reading[r]] += static_cast<std::int64_t>(have);
+        slotWanted[reading[r]] += read.length;
+    }
+    for (size_t k = 0; k < slots.size(); ++k) {
+        const auto& slot = slots[k];
+        if (!slot.reading) continue; // answered already
+        bytesRead_ += slotBytes[k];
+        if (slotBytes[k] < slotWanted[k])
             done(slot.id, std::unexpected(Miss::shortRead));
         else if (!FingerprintReader::unchangedSince(slot.fd, slot.before))
             done(slot.id, std::unexpected(Miss::changedDuring));
         else
-            ready.push_back({slot.id, std::span<const std::uint8_t>(slot.into, size)});
+            ready.push_back({slot.id,
+                             std::span<const std::uint8_t>(slot.into, static_cast<size_t>(slotWanted[k])),
+                             slot.expected.size > wholeInOneReadBytes});
     }
     std::vector<int> opened;
     for (const auto& slot : slots)
@@ -180,7 +206,7 @@ void SmallFileHasher::hashEach(const FingerprintReader::Next& next, const Done& 
                 auto job = next();
                 if (!job) return std::nullopt;
                 auto got = read(job->target, buffer_.get() + i * wholeInOneReadBytes);
-                if (got) return Read{job->id, *got};
+                if (got) return Read{job->id, *got, job->target.expected.size > wholeInOneReadBytes};
                 done(job->id, std::unexpected(got.error()));
                 continue;
             }
@@ -198,9 +224,10 @@ void SmallFileHasher::hashEach(const FingerprintReader::Next& next, const Done& 
             if (!lane.id) {
                 auto got = nextRead(i);
                 if (!got) return {};
+                const auto size = static_cast<std::int64_t>(got->contents.size());
                 lane = {got->id,
                         got->contents,
-                        sampleRanges(static_cast<std::int64_t>(got->contents.size())),
+                        got->isSlices ? std::vector<ByteRange>{{0, size}} : sampleRanges(size),
                         0,
                         {}};
                 shas_[i].restart();

@@ -1,8 +1,8 @@
-// The sample hash of a file small enough that its three slices cover all of it, from one open and
-// one read rather than one read a slice, with the same identity checks around the read as any other
-// hash; for a file no longer than one slice, the whole-file hash from the same read too. Two files may
-// be hashed together, for the speed of hashing two messages at once. Owns a buffer and two digest
-// states: use one per thread.
+// The sample hash of a file from one open: read whole in one read when its three slices cover it
+// (and then, for a file no longer than one slice, its whole-file hash from the same read), slice by
+// slice into one room otherwise, with the same identity checks around the reads as any other hash.
+// Two files may be hashed together, for the speed of hashing two messages at once, and read in
+// batches. Owns its buffers and two digest states: use one per thread.
 #pragma once
 #include "Platform/FileBatch.h"
 #include "VantleLibrary/FingerprintReader.h"
@@ -35,8 +35,7 @@ class SmallFileHasher {
     SmallFileHasher(const SmallFileHasher&) = delete;
     SmallFileHasher& operator=(const SmallFileHasher&) = delete;
 
-    // `expected.size` must be at most wholeInOneReadBytes. The file is opened beneath `dirFd` (an open
-    // folder, or AT_FDCWD for an absolute `name`).
+    // The file is opened beneath `dirFd` (an open folder, or AT_FDCWD for an absolute `name`).
     std::expected<SmallFileDigests, FingerprintReader::Miss>
     hash(int dirFd, const char* name, const FingerprintReader::Expected& expected);
     // Hashes the files `next` gives, two at a time, each exactly as hash() would hash it alone, until
@@ -49,13 +48,14 @@ class SmallFileHasher {
     enum class Reads { oneByOne, inBatches };
     void hashEach(const FingerprintReader::Next& next, const Done& done, Reads reads = Reads::oneByOne);
 
-    // Bytes read by every hash so far (each file once, not once per slice).
+    // Bytes read by every hash so far (a small file once, not once per slice).
     std::int64_t bytesRead() const { return bytesRead_; }
 
   private:
     struct Read {
         size_t id;
-        std::span<const std::uint8_t> contents;
+        std::span<const std::uint8_t> contents; // the whole file, or its three slices side by side
+        bool isSlices = false;
     };
     // The next files from `next`, read into the half of the batch buffer that does not hold `busy`
     // (what the other lane is hashing), in `ready`; false when `next` has no more. Files that cannot be
