@@ -480,15 +480,15 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
         for (auto [begin, end] : toHash)
             firstNames.push_back(byNumber[begin].second);
         const auto width = widthFor(mode, firstNames);
-        // Warm, the disk's order no longer matters, and the catalog's order (a folder at a time) lets a
-        // thread open a run of files beneath one handle on their folder. In inode order a thread met a
-        // new folder at nearly every file on a home whose files were not made a folder at a time.
         // Warm, every sample goes through the small-file hasher, a batch of reads at a time; cold, only
         // the files read whole, the others slice by slice as they come.
         auto isSmall = [&](const std::pair<size_t, size_t>& names) {
             return mode == HashMode::sample &&
                    (width < threads || seen[byNumber[names.first].second].status.size <= wholeInOneReadBytes);
         };
+        // Warm, the disk's order no longer matters, and the catalog's order (a folder at a time) lets a
+        // thread open a run of files beneath one handle on their folder. In inode order a thread met a
+        // new folder at nearly every file on a home whose files were not made a folder at a time.
         if (width < threads) {
             // Whole files are hashed two at a time, and two of one size take every step together:
             // copies share a size, so by size first, the largest first so that no thread is left
