@@ -7,6 +7,7 @@
 
 #include <ctime>
 #include <expected>
+#include <fcntl.h>
 #include <optional>
 
 namespace vantle {
@@ -38,8 +39,16 @@ class UserEntryFd {
     std::optional<timespec> putBack_;
 };
 
-// Opens `name` beneath `dirFd` (AT_FDCWD for a path) with O_NOFOLLOW | O_CLOEXEC | O_NOATIME added to
-// `flags`. The error is the errno of the open.
+// What every open of a user's entry adds to the caller's flags: no final link followed, no descriptor
+// left to a child, no access time moved. For an open made some other way (several at once, say),
+// which must then take EPERM as openUserEntry does.
+constexpr int userEntryFlags(int flags) {
+    return flags | O_NOFOLLOW | O_CLOEXEC | O_NOATIME;
+}
+
+// Opens `name` beneath `dirFd` (AT_FDCWD for a path) with userEntryFlags(flags). Where the kernel
+// refuses O_NOATIME (EPERM), opens without it and puts the access time back when let go. The error is
+// the errno of the open.
 std::expected<UserEntryFd, int> openUserEntry(int dirFd, const char* name, int flags);
 
 // The flags alone, for callers that keep a plain UniqueFd (folders they only list, where a refused

@@ -36,19 +36,18 @@ std::optional<FileStatus> statusAt(int dirFd, const char* path, int flags) {
     return s;
 }
 
-// Reads exactly `length` bytes at `offset`, or fails (a short read means the file shrank).
-bool readFully(int fd, std::uint8_t* into, std::int64_t length, std::int64_t offset) {
+} // namespace
+
+std::int64_t FingerprintReader::readAt(int fd, std::uint8_t* into, std::int64_t length, std::int64_t offset) {
     std::int64_t done = 0;
     while (done < length) {
         auto n = ::pread(fd, into + done, static_cast<size_t>(length - done), offset + done);
         if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
+        if (n <= 0) break;
         done += n;
     }
-    return true;
+    return done;
 }
-
-} // namespace
 
 std::optional<FileStatus> fileStatus(const std::filesystem::path& path) {
     return statusAt(AT_FDCWD, path.c_str(), 0);
@@ -215,7 +214,7 @@ void FingerprintReader::hashEach(HashMode mode, const Next& next, const Done& do
                 }
             }
             auto [offset, length] = lane.ranges[lane.step++];
-            if (!readFully(lane.opened->fd.get(), lane.buffer, length, offset)) {
+            if (readAt(lane.opened->fd.get(), lane.buffer, length, offset) != length) {
                 end(i, Miss::shortRead);
                 continue;
             }

@@ -94,6 +94,9 @@ class FingerprintReader {
     static std::expected<Opened, Miss> openExpected(int dirFd, const char* name, const Expected& expected);
     // After the read: the file kept the size and modification time it had when opened.
     static bool unchangedSinceOpened(const Opened& opened);
+    // Reads up to `length` bytes at `offset`, going on after a short read or an interruption: the
+    // bytes read, fewer only at the file's end (it shrank) or on an error.
+    static std::int64_t readAt(int fd, std::uint8_t* into, std::int64_t length, std::int64_t offset);
     // The two checks above on a file opened some other way (several at once, say).
     static std::expected<Checked, Miss> checkOpened(int fd, const Expected& expected);
     static bool unchangedSince(int fd, const Checked& before);

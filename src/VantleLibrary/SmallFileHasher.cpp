@@ -1,5 +1,7 @@
 #include "VantleLibrary/SmallFileHasher.h"
 
+#include "Platform/UserEntryOpen.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
@@ -47,18 +49,10 @@ SmallFileHasher::read(const FingerprintReader::Target& target, std::uint8_t* int
     // A file that grows or shrinks under the read is caught by the status taken after it.
     size_t at = 0;
     for (auto [offset, length] : slicesOf(expected.size)) {
-        size_t got = 0;
-        const auto want = static_cast<size_t>(length);
-        while (got < want) {
-            auto n = ::pread(fd.get(), into + at + got, want - got,
-                             static_cast<off_t>(offset) + static_cast<off_t>(got));
-            if (n < 0 && errno == EINTR) continue;
-            if (n <= 0) break;
-            got += static_cast<size_t>(n);
-        }
-        bytesRead_ += static_cast<std::int64_t>(got);
-        if (got < want) return std::unexpected(Miss::shortRead);
-        at += want;
+        auto got = FingerprintReader::readAt(fd.get(), into + at, length, offset);
+        bytesRead_ += got;
+        if (got < length) return std::unexpected(Miss::shortRead);
+        at += static_cast<size_t>(length);
     }
     if (!FingerprintReader::unchangedSinceOpened(*opened)) return std::unexpected(Miss::changedDuring);
     return std::span<const std::uint8_t>(into, at);
@@ -101,11 +95,9 @@ bool SmallFileHasher::readBatch(const FingerprintReader::Next& next, const Done&
     }
     if (slots.empty()) return more;
 
-    // Opened as openUserEntry opens, all at once.
     std::vector<FileBatch::Open> opens;
     for (const auto& slot : slots)
-        opens.push_back(
-            {slot.dirFd, slot.name.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC | O_NOATIME});
+        opens.push_back({slot.dirFd, slot.name.c_str(), userEntryFlags(O_RDONLY | O_NONBLOCK)});
     std::vector<int> fds(slots.size());
     batch_->open(opens, fds);
     std::vector<FileBatch::Read> reads;
@@ -149,15 +141,11 @@ bool SmallFileHasher::readBatch(const FingerprintReader::Next& next, const Done&
         // A read of a regular file comes back short only at its end, or when interrupted: the rest,
         // if any, the ordinary way.
         if (got[r] < 0 && !batch_->working()) got[r] = 0;
-        auto have = static_cast<std::size_t>(std::max<std::int64_t>(0, got[r]));
-        while (got[r] >= 0 && have < read.length) {
-            auto n = ::pread(read.fd, read.into + have, read.length - have,
-                             static_cast<off_t>(read.offset + have));
-            if (n < 0 && errno == EINTR) continue;
-            if (n <= 0) break;
-            have += static_cast<std::size_t>(n);
-        }
-        slotBytes[reading[r]] += static_cast<std::int64_t>(have);
+        std::int64_t have = std::max<std::int64_t>(0, got[r]);
+        if (got[r] >= 0 && have < read.length)
+            have +=
+                FingerprintReader::readAt(read.fd, read.into + have, read.length - have, read.offset + have);
+        slotBytes[reading[r]] += have;
         slotWanted[reading[r]] += read.length;
     }
     for (size_t k = 0; k < slots.size(); ++k) {

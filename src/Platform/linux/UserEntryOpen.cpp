@@ -19,18 +19,16 @@ void UserEntryFd::reset() {
 }
 
 int openatNoAtime(int dirFd, const char* name, int flags) {
-    flags |= O_NOFOLLOW | O_CLOEXEC;
-    int fd = ::openat(dirFd, name, flags | O_NOATIME);
-    if (fd < 0 && errno == EPERM) fd = ::openat(dirFd, name, flags);
+    int fd = ::openat(dirFd, name, userEntryFlags(flags));
+    if (fd < 0 && errno == EPERM) fd = ::openat(dirFd, name, userEntryFlags(flags) & ~O_NOATIME);
     return fd;
 }
 
 std::expected<UserEntryFd, int> openUserEntry(int dirFd, const char* name, int flags) {
-    flags |= O_NOFOLLOW | O_CLOEXEC;
-    int fd = ::openat(dirFd, name, flags | O_NOATIME);
+    int fd = ::openat(dirFd, name, userEntryFlags(flags));
     if (fd >= 0) return UserEntryFd(UniqueFd(fd));
     if (errno != EPERM) return std::unexpected(errno);
-    fd = ::openat(dirFd, name, flags);
+    fd = ::openat(dirFd, name, userEntryFlags(flags) & ~O_NOATIME);
     if (fd < 0) return std::unexpected(errno);
     struct stat st{};
     std::optional<timespec> seen;
