@@ -10,6 +10,7 @@
 #include "VantleSpec/Sentence.h"
 
 #include <algorithm>
+#include <bit>
 #include <fcntl.h>
 #include <limits>
 #include <map>
@@ -31,6 +32,44 @@ struct Seen {
 };
 
 using Bucket = std::vector<size_t>; // indices into the seen files that may still be copies
+
+// Files numbered by size in one open-addressed table, so that those sharing a size are found without
+// sorting: sorting every candidate by size, twice a scan, was the longest step after the statx in an
+// unchanged rescan. A negative size leaves a file out.
+class SizeGroups {
+  public:
+    static constexpr std::uint32_t none = std::numeric_limits<std::uint32_t>::max();
+
+    template <class SizeOf> SizeGroups(size_t count, const SizeOf& sizeOf) : groupOf_(count, none) {
+        const auto capacity = std::bit_ceil(std::max<size_t>(16, 2 * count));
+        const auto shift = 64 - std::countr_zero(capacity);
+        std::vector<std::pair<std::int64_t, std::uint32_t>> slots(capacity, {0, none});
+        for (size_t i = 0; i < count; ++i) {
+            const std::int64_t size = sizeOf(i);
+            if (size < 0) continue;
+            // Multiplied by 2^64 / golden ratio and the high bits taken, so that sizes a few bytes
+            // apart land far apart.
+            auto slot =
+                static_cast<size_t>((static_cast<std::uint64_t>(size) * 0x9E3779B97F4A7C15ULL) >> shift);
+            while (slots[slot].second != none && slots[slot].first != size)
+                slot = (slot + 1) & (capacity - 1);
+            if (slots[slot].second == none) {
+                slots[slot] = {size, static_cast<std::uint32_t>(members_.size())};
+                members_.push_back(0);
+            }
+            groupOf_[i] = slots[slot].second;
+            ++members_[groupOf_[i]];
+        }
+    }
+    size_t groups() const { return members_.size(); }
+    std::uint32_t groupOf(size_t i) const { return groupOf_[i]; }
+    // Whether another file has file i's size.
+    bool shared(size_t i) const { return groupOf_[i] != none && members_[groupOf_[i]] >= 2; }
+
+  private:
+    std::vector<std::uint32_t> groupOf_; // none for a file left out
+    std::vector<std::uint32_t> members_; // a group's files
+};
 
 size_t distinctFiles(const Bucket& bucket, const std::vector<Seen>& seen) {
     if (bucket.size() == 2) return seen[bucket[0]].status.number == seen[bucket[1]].status.number ? 1 : 2;
@@ -299,19 +338,13 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
     //    library cannot have a copy, whatever the file holds now. A walk lists a folder's files
     //    together, so each run of them is looked at through one open folder rather than by walking
     //    every path from the root again.
-    //    The sizes are counted in a sorted list: a hash map of them was a node a file.
-    std::vector<std::int64_t> listedSizes;
-    listedSizes.reserve(candidates.size());
-    for (const auto& c : candidates)
-        if (c.size >= options_.smallestSize) listedSizes.push_back(c.size);
-    std::ranges::sort(listedSizes);
+    const SizeGroups listed(candidates.size(), [&](size_t i) {
+        return candidates[i].size >= options_.smallestSize ? candidates[i].size : -1;
+    });
     std::vector<size_t> wanted;
     wanted.reserve(candidates.size());
     for (size_t i = 0; i < candidates.size(); ++i)
-        if (candidates[i].size >= options_.smallestSize &&
-            std::ranges::equal_range(listedSizes, candidates[i].size).size() >= 2)
-            wanted.push_back(i);
-    listedSizes = {};
+        if (listed.shared(i)) wanted.push_back(i);
     std::vector<std::pair<size_t, size_t>> runs; // [begin, end) of `wanted` in one folder
     for (size_t begin = 0; begin < wanted.size();) {
         auto folder = folderOf(candidates[wanted[begin]].path);
@@ -369,21 +402,15 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
     // 2. Size groups of at least two distinct files (two names of one file are not two copies).
     std::vector<Bucket> buckets;
     {
-        std::vector<size_t> order(seen.size());
-        for (size_t i = 0; i < order.size(); ++i)
-            order[i] = i;
-        std::ranges::stable_sort(order, {}, [&](size_t i) { return seen[i].status.size; });
-        for (size_t begin = 0; begin < order.size();) {
-            size_t end = begin;
-            while (end < order.size() && seen[order[end]].status.size == seen[order[begin]].status.size)
-                ++end;
-            Bucket bucket(order.begin() + begin, order.begin() + end);
-            if (distinctFiles(bucket, seen) >= 2) {
+        const SizeGroups bySize(seen.size(), [&](size_t i) { return seen[i].status.size; });
+        std::vector<Bucket> groups(bySize.groups());
+        for (size_t i = 0; i < seen.size(); ++i)
+            if (bySize.shared(i)) groups[bySize.groupOf(i)].push_back(i);
+        for (auto& bucket : groups)
+            if (bucket.size() >= 2 && distinctFiles(bucket, seen) >= 2) {
                 out.candidates += static_cast<int>(bucket.size());
                 buckets.push_back(std::move(bucket));
             }
-            begin = end;
-        }
     }
 
     // 3-6. Sample hashes split the size groups, then full hashes split what is left. Each distinct file
@@ -433,19 +460,23 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
         return inMemory >= 0.95 * needed ? std::min<size_t>(threads, 2 * cores) : threads;
     };
     auto refine = [&](HashMode mode, DuplicateProgress::Phase phase) {
-        // Each file with its names among the seen, in inode order.
+        // Each file with its names among the seen. Names of one file share its size, so they are
+        // found within each size group: one sort of every name was most of an unchanged rescan's
+        // time in this step, where nothing is left to read.
         std::vector<std::pair<FileNumber, size_t>> byNumber;
-        for (const auto& bucket : buckets)
+        std::vector<std::pair<size_t, size_t>> files; // [begin, end) of byNumber: one file's names
+        for (const auto& bucket : buckets) {
+            const auto first = byNumber.size();
             for (auto i : bucket)
                 byNumber.emplace_back(seen[i].status.number, i);
-        std::ranges::sort(byNumber);
-        std::vector<std::pair<size_t, size_t>> files; // [begin, end) of byNumber: one file's names
-        for (size_t begin = 0; begin < byNumber.size();) {
-            auto end = begin + 1;
-            while (end < byNumber.size() && byNumber[end].first == byNumber[begin].first)
-                ++end;
-            files.emplace_back(begin, end);
-            begin = end;
+            std::sort(byNumber.begin() + static_cast<std::ptrdiff_t>(first), byNumber.end());
+            for (auto begin = first; begin < byNumber.size();) {
+                auto end = begin + 1;
+                while (end < byNumber.size() && byNumber[end].first == byNumber[begin].first)
+                    ++end;
+                files.emplace_back(begin, end);
+                begin = end;
+            }
         }
         std::ranges::fill(digests, std::nullopt);
         std::vector<std::pair<size_t, size_t>> toHash;
@@ -486,10 +517,13 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
             return mode == HashMode::sample &&
                    (width < threads || seen[byNumber[names.first].second].status.size <= wholeInOneReadBytes);
         };
-        // Warm, the disk's order no longer matters, and the catalog's order (a folder at a time) lets a
-        // thread open a run of files beneath one handle on their folder. In inode order a thread met a
-        // new folder at nearly every file on a home whose files were not made a folder at a time.
-        if (width < threads) {
+        // Cold, in inode order. Warm, the disk's order no longer matters, and the catalog's order (a
+        // folder at a time) lets a thread open a run of files beneath one handle on their folder. In
+        // inode order a thread met a new folder at nearly every file on a home whose files were not
+        // made a folder at a time.
+        if (width == threads) {
+            std::ranges::sort(toHash, {}, [&](const auto& names) { return byNumber[names.first].first; });
+        } else {
             // Whole files are hashed two at a time, and two of one size take every step together:
             // copies share a size, so by size first, the largest first so that no thread is left
             // with a big pair while the others have finished.
