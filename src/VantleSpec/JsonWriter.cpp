@@ -158,9 +158,11 @@ void JsonWriter::value(double number) {
 
 void JsonWriter::value(TimePoint at) {
     beforeValue();
-    buffer_ += '"';
-    buffer_ += isoDate(at);
-    buffer_ += '"';
+    char date[isoDateLength + 2];
+    date[0] = '"';
+    isoDate(at, date + 1);
+    date[isoDateLength + 1] = '"';
+    buffer_.append(date, sizeof date);
 }
 
 void JsonWriter::value(const Json& small) {

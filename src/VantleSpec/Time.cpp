@@ -16,14 +16,18 @@ void putDigits(char* end, unsigned value, int width) {
 // By hand rather than through snprintf: a duplicate list or a catalog answer writes tens of
 // thousands of dates, and the format parsing cost more than everything else in printing them.
 std::string isoDate(TimePoint at) {
+    std::string out(isoDateLength, '\0');
+    isoDate(at, out.data());
+    return out;
+}
+
+void isoDate(TimePoint at, char* p) {
     using namespace std::chrono;
     auto ms = time_point_cast<milliseconds>(at);
     auto days = floor<std::chrono::days>(ms);
     year_month_day ymd{days};
     auto inDay = static_cast<unsigned>((ms - days).count()); // below 86,400,000
     // A TimePoint spans about 1678 to 2262, so the year always has four digits.
-    std::string out(24, '\0');
-    char* p = out.data();
     putDigits(p + 4, static_cast<unsigned>(int(ymd.year())), 4);
     p[4] = '-';
     putDigits(p + 7, unsigned(ymd.month()), 2);
@@ -38,7 +42,6 @@ std::string isoDate(TimePoint at) {
     p[19] = '.';
     putDigits(p + 23, inDay % 1000, 3);
     p[23] = 'Z';
-    return out;
 }
 
 namespace {

@@ -21,6 +21,10 @@ inline Clock systemClock() {
 
 // Always UTC with exactly three fractional digits and a "Z".
 std::string isoDate(TimePoint at);
+// The same text written into `out`, which has room for isoDateLength characters (no NUL): a long
+// listing writes four dates an item, and a string each was an allocation each.
+inline constexpr std::size_t isoDateLength = 24;
+void isoDate(TimePoint at, char* out);
 
 // Reads what isoDate writes, and also any fraction length (or none) and a "+hh:mm"/"-hh:mm" offset.
 // A date outside what a TimePoint holds (about 1678 to 2262) is not read.
