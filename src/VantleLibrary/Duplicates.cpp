@@ -54,21 +54,21 @@ class SizeGroups {
             while (slots[slot].second != none && slots[slot].first != size)
                 slot = (slot + 1) & (capacity - 1);
             if (slots[slot].second == none) {
-                slots[slot] = {size, static_cast<std::uint32_t>(members_.size())};
-                members_.push_back(0);
+                slots[slot] = {size, static_cast<std::uint32_t>(counts_.size())};
+                counts_.push_back(0);
             }
             groupOf_[i] = slots[slot].second;
-            ++members_[groupOf_[i]];
+            ++counts_[groupOf_[i]];
         }
     }
-    size_t groups() const { return members_.size(); }
+    size_t groups() const { return counts_.size(); }
     std::uint32_t groupOf(size_t i) const { return groupOf_[i]; }
     // Whether another file has file i's size.
-    bool shared(size_t i) const { return groupOf_[i] != none && members_[groupOf_[i]] >= 2; }
+    bool shared(size_t i) const { return groupOf_[i] != none && counts_[groupOf_[i]] >= 2; }
 
   private:
     std::vector<std::uint32_t> groupOf_; // none for a file left out
-    std::vector<std::uint32_t> members_; // a group's files
+    std::vector<std::uint32_t> counts_;  // how many files each group has
 };
 
 size_t distinctFiles(const Bucket& bucket, const std::vector<Seen>& seen) {

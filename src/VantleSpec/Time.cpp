@@ -13,14 +13,14 @@ void putDigits(char* end, unsigned value, int width) {
 }
 } // namespace
 
-// By hand rather than through snprintf: a duplicate list or a catalog answer writes tens of
-// thousands of dates, and the format parsing cost more than everything else in printing them.
 std::string isoDate(TimePoint at) {
     std::string out(isoDateLength, '\0');
     isoDate(at, out.data());
     return out;
 }
 
+// By hand rather than through snprintf: a duplicate list or a catalog answer writes tens of
+// thousands of dates, and the format parsing cost more than everything else in printing them.
 void isoDate(TimePoint at, char* p) {
     using namespace std::chrono;
     auto ms = time_point_cast<milliseconds>(at);
