@@ -1,12 +1,12 @@
 #include "VantleEgress/UpdateVerifier.h"
 
 #include "Platform/ArchiveCalls.h"
+#include "Platform/CryptoCalls.h"
 #include "Platform/SystemError.h"
 #include "VantleSpec/Sentence.h"
 
 #include <cerrno>
 #include <cstdlib>
-#include <openssl/evp.h>
 #include <plist/plist.h>
 #include <sys/stat.h>
 
@@ -20,12 +20,6 @@ using ArchiveReader = std::unique_ptr<archive, decltype(&::archive_read_free)>;
 using ArchiveWriter = std::unique_ptr<archive, decltype(&::archive_write_free)>;
 struct PlistDeleter {
     void operator()(void* p) const { plist_free(static_cast<plist_t>(p)); }
-};
-struct KeyDeleter {
-    void operator()(EVP_PKEY* k) const { EVP_PKEY_free(k); }
-};
-struct ContextDeleter {
-    void operator()(EVP_MD_CTX* c) const { EVP_MD_CTX_free(c); }
 };
 
 ArchiveReader openArchive(const ArchiveCalls& ar, std::string_view bytes) {
@@ -112,10 +106,12 @@ std::optional<std::string> decodeBase64(std::string_view text) {
     if (padding > 2 || clean.find('=') != std::string::npos || clean.size() % 4 == 1) return std::nullopt;
     size_t missing = (4 - clean.size() % 4) % 4;
     clean.append(missing, '=');
+    auto crypto = cryptoCalls();
+    if (!crypto) return std::nullopt;
     std::string out(clean.size() / 4 * 3, '\0');
-    int length =
-        EVP_DecodeBlock(reinterpret_cast<unsigned char*>(out.data()),
-                        reinterpret_cast<const unsigned char*>(clean.data()), static_cast<int>(clean.size()));
+    int length = (*crypto)->DecodeBlock(reinterpret_cast<unsigned char*>(out.data()),
+                                        reinterpret_cast<const unsigned char*>(clean.data()),
+                                        static_cast<int>(clean.size()));
     if (length < 0) return std::nullopt;
     out.resize(static_cast<size_t>(length) - missing);
     return out;
@@ -127,18 +123,24 @@ UpdateVerifier::verify(const UpdateItem& item, std::string_view bytes, std::stri
     if (static_cast<std::int64_t>(bytes.size()) != item.length)
         return std::unexpected(UpdateFailure::make(Case::wrongLength));
 
+    // Without libcrypto no signature can be checked (nor its text decoded), and an update that is not
+    // checked is not used.
+    auto crypto = cryptoCalls();
     auto key = decodeBase64(publicKey_);
     auto signature = decodeBase64(item.edSignature);
     bool valid = false;
-    if (key && key->size() == 32 && signature && signature->size() == 64) {
-        std::unique_ptr<EVP_PKEY, KeyDeleter> pkey(EVP_PKEY_new_raw_public_key(
-            EVP_PKEY_ED25519, nullptr, reinterpret_cast<const unsigned char*>(key->data()), key->size()));
-        std::unique_ptr<EVP_MD_CTX, ContextDeleter> context(EVP_MD_CTX_new());
+    if (crypto && key && key->size() == 32 && signature && signature->size() == 64) {
+        const CryptoCalls& c = **crypto;
+        std::unique_ptr<EVP_PKEY, decltype(c.PKEY_free)> pkey(
+            c.PKEY_new_raw_public_key(EVP_PKEY_ED25519, nullptr,
+                                      reinterpret_cast<const unsigned char*>(key->data()), key->size()),
+            c.PKEY_free);
+        std::unique_ptr<EVP_MD_CTX, decltype(c.MD_CTX_free)> context(c.MD_CTX_new(), c.MD_CTX_free);
         valid = pkey && context &&
-                EVP_DigestVerifyInit(context.get(), nullptr, nullptr, nullptr, pkey.get()) == 1 &&
-                EVP_DigestVerify(context.get(), reinterpret_cast<const unsigned char*>(signature->data()),
-                                 signature->size(), reinterpret_cast<const unsigned char*>(bytes.data()),
-                                 bytes.size()) == 1;
+                c.DigestVerifyInit(context.get(), nullptr, nullptr, nullptr, pkey.get()) == 1 &&
+                c.DigestVerify(context.get(), reinterpret_cast<const unsigned char*>(signature->data()),
+                               signature->size(), reinterpret_cast<const unsigned char*>(bytes.data()),
+                               bytes.size()) == 1;
     }
     if (!valid) return std::unexpected(UpdateFailure::make(Case::badSignature));
 

@@ -1,8 +1,10 @@
 #include "VantleLibrary/Sha256.h"
 
-#include <openssl/evp.h>
+#include "Platform/CryptoCalls.h"
 
 #include <algorithm>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <utility>
 
@@ -140,28 +142,43 @@ void compressTwo(std::uint32_t*, const std::uint8_t*, std::uint32_t*, const std:
 
 #endif
 
+// libcrypto is loaded only where the processor cannot hash by itself (or a test asks for it). It is a
+// dependency of the package, so a failure to load it is a broken installation, and it stops the
+// program with the loader's own words, as a missing linked library would have at start-up.
+const CryptoCalls& crypto() {
+    static const CryptoCalls* calls = [] {
+        auto loaded = cryptoCalls();
+        if (!loaded) {
+            std::fprintf(stderr, "%s\n", loaded.error().c_str());
+            std::abort();
+        }
+        return *loaded;
+    }();
+    return *calls;
+}
+
 const EVP_MD* libraryDigest() {
-    static EVP_MD* fetched = EVP_MD_fetch(nullptr, "SHA256", nullptr);
-    return fetched ? fetched : EVP_sha256();
+    static EVP_MD* fetched = crypto().MD_fetch(nullptr, "SHA256", nullptr);
+    return fetched ? fetched : crypto().sha256();
 }
 
 } // namespace
 
 Sha256::Sha256(Engine engine) {
-    if (!accelerated || engine == Engine::library) library_ = EVP_MD_CTX_new();
+    if (!accelerated || engine == Engine::library) library_ = crypto().MD_CTX_new();
     restart();
 }
 
 Sha256::~Sha256() {
-    EVP_MD_CTX_free(library_);
+    if (library_) crypto().MD_CTX_free(library_);
 }
 
 Sha256::Sha256(const Sha256& other)
     : state_(other.state_), pending_(other.pending_), pendingBytes_(other.pendingBytes_),
       length_(other.length_) {
     if (other.library_) {
-        library_ = EVP_MD_CTX_new();
-        EVP_MD_CTX_copy_ex(library_, other.library_);
+        library_ = crypto().MD_CTX_new();
+        crypto().MD_CTX_copy_ex(library_, other.library_);
     }
 }
 
@@ -172,17 +189,17 @@ Sha256& Sha256::operator=(const Sha256& other) {
     pendingBytes_ = other.pendingBytes_;
     length_ = other.length_;
     if (other.library_) {
-        if (!library_) library_ = EVP_MD_CTX_new();
-        EVP_MD_CTX_copy_ex(library_, other.library_);
+        if (!library_) library_ = crypto().MD_CTX_new();
+        crypto().MD_CTX_copy_ex(library_, other.library_);
     } else {
-        EVP_MD_CTX_free(std::exchange(library_, nullptr));
+        if (library_) crypto().MD_CTX_free(std::exchange(library_, nullptr));
     }
     return *this;
 }
 
 void Sha256::restart() {
     if (library_) {
-        EVP_DigestInit_ex(library_, libraryDigest(), nullptr);
+        crypto().DigestInit_ex(library_, libraryDigest(), nullptr);
         return;
     }
     state_ = initialState;
@@ -215,7 +232,7 @@ void Sha256::absorb(std::span<const std::uint8_t> bytes) {
 
 void Sha256::update(std::span<const std::uint8_t> bytes) {
     if (library_) {
-        EVP_DigestUpdate(library_, bytes.data(), bytes.size());
+        crypto().DigestUpdate(library_, bytes.data(), bytes.size());
         return;
     }
     length_ += bytes.size();
@@ -277,7 +294,7 @@ void Sha256::hashTwoStreams(Sha256& a, Sha256& b,
 Digest Sha256::finish() {
     Digest digest{};
     if (library_) {
-        EVP_DigestFinal_ex(library_, digest.data(), nullptr);
+        crypto().DigestFinal_ex(library_, digest.data(), nullptr);
         return digest;
     }
     const std::uint64_t bits = length_ * 8;
