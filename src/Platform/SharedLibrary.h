@@ -19,6 +19,24 @@ class SharedLibrary {
         return into != nullptr;
     }
 
+    // The library's table of functions, filled by `bindAll(library, table)` (true when every one was
+    // found): the loader's sentence when the library is missing, another when it lacks a function.
+    // Callers keep it in a static, so it is made once, and hand it out through kept().
+    template <class Table, class BindAll>
+    static std::expected<Table, std::string> table(const char* soname, BindAll bindAll) {
+        auto lib = open(soname);
+        if (!lib) return std::unexpected(lib.error());
+        Table table{};
+        if (!bindAll(*lib, table))
+            return std::unexpected(std::string(soname) + " lacks a function it should have");
+        return table;
+    }
+    template <class Table>
+    static std::expected<const Table*, std::string> kept(const std::expected<Table, std::string>& table) {
+        if (!table) return std::unexpected(table.error());
+        return &*table;
+    }
+
   private:
     explicit SharedLibrary(void* handle) : handle_(handle) {}
     void* symbol(const char* name) const;

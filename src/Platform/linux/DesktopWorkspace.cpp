@@ -43,18 +43,14 @@ struct BusCalls {
 };
 
 std::expected<const BusCalls*, std::string> busCalls() {
-    static const std::expected<BusCalls, std::string> loaded = []() -> std::expected<BusCalls, std::string> {
-        auto lib = SharedLibrary::open(VANTLE_SYSTEMD_SONAME);
-        if (!lib) return std::unexpected(lib.error());
-        BusCalls c{};
-        if (!lib->bind(c.open_user, "sd_bus_open_user") ||
-            !lib->bind(c.flush_close_unref, "sd_bus_flush_close_unref") ||
-            !lib->bind(c.call_method, "sd_bus_call_method") || !lib->bind(c.error_free, "sd_bus_error_free"))
-            return std::unexpected(std::string(VANTLE_SYSTEMD_SONAME) + " lacks a function it should have");
-        return c;
-    }();
-    if (!loaded) return std::unexpected(loaded.error());
-    return &*loaded;
+    static const auto loaded =
+        SharedLibrary::table<BusCalls>(VANTLE_SYSTEMD_SONAME, [](const SharedLibrary& lib, BusCalls& c) {
+            return lib.bind(c.open_user, "sd_bus_open_user") &&
+                   lib.bind(c.flush_close_unref, "sd_bus_flush_close_unref") &&
+                   lib.bind(c.call_method, "sd_bus_call_method") &&
+                   lib.bind(c.error_free, "sd_bus_error_free");
+        });
+    return SharedLibrary::kept(loaded);
 }
 
 class DesktopWorkspace final : public Workspace {
