@@ -86,15 +86,18 @@ std::vector<std::pair<std::string, std::string>> mediaFiles(std::string_view pre
 }
 
 void lengthReader(benchmark::State& state) {
-    auto files = mediaFiles(state.range(0) == 0 ? "audio" : "video", 2000);
+    const bool audio = state.range(0) == 0;
+    auto files = mediaFiles(audio ? "audio" : "video", 2000);
+    // Any type of the kind will do: the reader goes by the name's extension.
+    const std::string_view type = audio ? "audio/mpeg" : "video/mp4";
     std::size_t found = 0;
     for (auto _ : state) {
         found = 0;
         for (const auto& [path, name] : files) {
             int fd = ::open(path.c_str(), O_RDONLY | O_NOATIME | O_CLOEXEC);
             if (fd < 0) continue;
-            auto length = lengthByTagLib(fd, name);
-            found += length.has_value();
+            auto facts = readMediaFacts(fd, name, type);
+            found += facts && facts->duration.has_value();
             ::close(fd);
         }
     }
