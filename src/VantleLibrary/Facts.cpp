@@ -141,10 +141,10 @@ std::optional<TimePoint> Facts::lastTouched() const {
     return latest;
 }
 
-FileItem toFileItem(const Facts& facts) {
+namespace {
+// Every field but the path, the name and the sources, which the callers below copy or take over.
+FileItem itemFields(const Facts& facts) {
     FileItem item;
-    item.path = facts.path;
-    item.name = facts.name;
     item.contentType = std::string(facts.contentType);
     item.kind = facts.kind();
     item.size = facts.size;
@@ -152,9 +152,25 @@ FileItem toFileItem(const Facts& facts) {
     item.modified = ms(facts.modified);
     item.lastOpened = ms(facts.lastUsed);
     item.added = ms(facts.added);
-    item.sources = facts.whereFroms;
     item.isScreenshot = facts.isScreenshot;
     item.length = facts.duration;
+    return item;
+}
+} // namespace
+
+FileItem toFileItem(const Facts& facts) {
+    auto item = itemFields(facts);
+    item.path = facts.path;
+    item.name = facts.name;
+    item.sources = facts.whereFroms;
+    return item;
+}
+
+FileItem toFileItem(Facts&& facts) {
+    auto item = itemFields(facts);
+    item.path = std::move(facts.path);
+    item.name = std::move(facts.name);
+    item.sources = std::move(facts.whereFroms);
     return item;
 }
 

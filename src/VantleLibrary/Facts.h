@@ -48,6 +48,8 @@ struct Facts {
 // Dates are cut to whole milliseconds, the precision stored files keep, so an item read back from
 // Library/summary.json equals the one written.
 FileItem toFileItem(const Facts& facts);
+// The same, taking the strings over rather than copying them.
+FileItem toFileItem(Facts&& facts);
 
 // The names the desktop's screenshot tools give: "Screenshot from 2024-05-01 10-00-00.png",
 // "Screenshot_20240501_100000.png", "Screenshot 2024-05-01 at 10.00.00.png" (and the older
