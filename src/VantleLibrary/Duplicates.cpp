@@ -66,6 +66,7 @@ class SizeGroups {
     std::uint32_t groupOf(size_t i) const { return groupOf_[i]; }
     // Whether another file has file i's size.
     bool shared(size_t i) const { return groupOf_[i] != none && counts_[groupOf_[i]] >= 2; }
+    std::uint32_t members(std::uint32_t group) const { return counts_[group]; }
 
   private:
     std::vector<std::uint32_t> groupOf_; // none for a file left out
@@ -422,7 +423,11 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
     std::vector<Bucket> buckets;
     {
         const SizeGroups bySize(seen.size(), [&](size_t i) { return seen[i].status.size; });
+        // Each group's room made first: grown one file at a time, tens of thousands of small groups
+        // were each allocated two or three times over.
         std::vector<Bucket> groups(bySize.groups());
+        for (std::uint32_t g = 0; g < groups.size(); ++g)
+            if (bySize.members(g) >= 2) groups[g].reserve(bySize.members(g));
         for (size_t i = 0; i < seen.size(); ++i)
             if (bySize.shared(i)) groups[bySize.groupOf(i)].push_back(i);
         for (auto& bucket : groups)
@@ -482,8 +487,13 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
         // Each file with its names among the seen. Names of one file share its size, so they are
         // found within each size group: one sort of every name was most of an unchanged rescan's
         // time in this step, where nothing is left to read.
+        size_t grouped = 0;
+        for (const auto& bucket : buckets)
+            grouped += bucket.size();
         std::vector<std::pair<FileNumber, size_t>> byNumber;
         std::vector<std::pair<size_t, size_t>> files; // [begin, end) of byNumber: one file's names
+        byNumber.reserve(grouped);
+        files.reserve(grouped);
         for (const auto& bucket : buckets) {
             const auto first = byNumber.size();
             for (auto i : bucket)
@@ -682,11 +692,14 @@ DuplicateScan Duplicates::scanCandidates(std::vector<Candidate> candidates,
     }
 
     std::vector<std::pair<DuplicateGroup, DuplicateSharing>> found;
+    found.reserve(buckets.size());
     std::map<std::int32_t, bool> deviceShares;
+    std::vector<Record> copies;
     for (const auto& bucket : buckets) {
         const auto& first = seen[bucket.front()].status;
         DuplicateGroup group{hexOf(*digests[bucket.front()]), first.size, {}};
-        std::vector<Record> copies;
+        group.items.reserve(bucket.size());
+        copies.clear();
         for (auto i : bucket) {
             const auto& s = seen[i].status;
             auto item = itemOf(candidates[seen[i].candidate].source);
