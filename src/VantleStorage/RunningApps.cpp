@@ -56,9 +56,10 @@ std::string withoutScriptEnding(std::string name) {
     return name;
 }
 
-// The process's real owner from its status. The owner of its /proc folder is not it: the kernel
-// gives the folder of a process that made itself undumpable (ssh-agent, gpg-agent, keyrings) to
-// root, whoever runs it.
+// The process's real owner from its status. The owner of its /proc folder is not always it: the
+// folder goes with the effective owner, root for a set-user-ID program whoever runs it, and kernels
+// before 4.11 gave the folder of a process that made itself undumpable (ssh-agent, gpg-agent,
+// keyrings) to root as well.
 uid_t ownerOf(int processFd, uid_t folderOwner) {
     auto status = readSmall(processFd, "status");
     auto at = status.find("\nUid:");

@@ -1,15 +1,20 @@
-// The in-use check's view of the process table, read from the real /proc by processes running as
+// The in-use check's view of the process table, read from a real /proc by processes running as
 // made-up people, because who may list whose open files is the kernel's decision.
 #include "VantleStorage/RunningApps.h"
+#include "support/TempDir.h"
 
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 using namespace vantle;
+using vantle::testing::TempDir;
 
 namespace {
 
@@ -48,32 +53,69 @@ void endProcess(pid_t pid) {
     ::waitpid(pid, nullptr, 0);
 }
 
-// Whether `us`, reading /proc for a home of its own, sees every open file: 1 yes, 0 no, -1 failed.
-int seesOpenFilesAsUs() {
+// Whether `us`, reading `procRoot` for a home of its own, sees every open file: 1 yes, 0 no, -1 failed.
+int seesOpenFilesAsUs(const std::string& procRoot) {
     pid_t pid = ::fork();
     if (pid == 0) {
         if (!become(us)) ::_exit(2);
-        ::_exit(RunningApps::read("/proc", us).seesOpenFiles ? 1 : 0);
+        ::_exit(RunningApps::read(procRoot, us).seesOpenFiles ? 1 : 0);
     }
     int status = 0;
     if (::waitpid(pid, &status, 0) != pid || !WIFEXITED(status) || WEXITSTATUS(status) > 1) return -1;
     return WEXITSTATUS(status);
 }
 
-} // namespace
+// Exit codes of the case run in its own process table.
+enum Outcome { passed = 0, ownAgentHid = 10, otherAgentSeen = 11, setUpFailed = 12, notAllowed = 77 };
 
-TEST(RunningApps, AnotherPersonsUndumpableProcessWasTakenForASystemService) {
-    if (::geteuid() != 0) GTEST_SKIP() << "running processes as two made-up people needs root";
-    // The kernel gives an undumpable process's /proc folder to root, so going by the folder's owner
-    // mistook another person's agent for a system service and claimed to see every open file.
+// The case itself. Run as the first process of a process table of its own, so that a process another
+// test starts as some other person at the same moment cannot change what the table holds.
+int ownAgentAndAnothersAgent(const std::string& procRoot) {
     pid_t ours = undumpableProcessOf(us);
-    ASSERT_GT(ours, 0);
-    EXPECT_EQ(seesOpenFilesAsUs(), 1)
-        << "our own undumpable agent hides only its descriptors; its name is still seen";
-
+    if (ours <= 0) return setUpFailed;
+    if (seesOpenFilesAsUs(procRoot) != 1) return ownAgentHid;
     pid_t theirs = undumpableProcessOf(someoneElse);
-    ASSERT_GT(theirs, 0);
-    EXPECT_EQ(seesOpenFilesAsUs(), 0) << "another person's process whose files cannot be listed";
+    if (theirs <= 0) return setUpFailed;
+    int outcome = seesOpenFilesAsUs(procRoot) == 0 ? passed : otherAgentSeen;
     endProcess(theirs);
     endProcess(ours);
+    return outcome;
+}
+
+// Runs `body` in a new process-ID namespace whose /proc is mounted at `procRoot`; its exit code.
+int inOwnProcessTable(const std::string& procRoot, int (*body)(const std::string&)) {
+    pid_t outer = ::fork();
+    if (outer == 0) {
+        if (::unshare(CLONE_NEWNS | CLONE_NEWPID) != 0) ::_exit(notAllowed);
+        pid_t first = ::fork(); // the new table's process 1, which the reader passes over
+        if (first == 0) {
+            if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+                ::mount("proc", procRoot.c_str(), "proc", 0, nullptr) != 0)
+                ::_exit(notAllowed);
+            ::_exit(body(procRoot));
+        }
+        int status = 0;
+        if (first < 0 || ::waitpid(first, &status, 0) != first || !WIFEXITED(status)) ::_exit(setUpFailed);
+        ::_exit(WEXITSTATUS(status));
+    }
+    int status = 0;
+    if (outer < 0 || ::waitpid(outer, &status, 0) != outer || !WIFEXITED(status)) return setUpFailed;
+    return WEXITSTATUS(status);
+}
+
+} // namespace
+
+TEST(RunningApps, OurUndumpableAgentIsPassedOverAndAnotherPersonsLeavesTheCheckBlind) {
+    if (::geteuid() != 0) GTEST_SKIP() << "running processes as two made-up people needs root";
+    // Both agents hide their descriptors. Ours is passed over (its name is still seen); another
+    // person's leaves the check blind, whoever the kernel says owns its /proc folder.
+    TempDir dir;
+    ::chmod(dir.path().c_str(), 0755); // the made-up person reads the table through it
+    int outcome = inOwnProcessTable(dir.mkdir("proc").string(), ownAgentAndAnothersAgent);
+    if (outcome == notAllowed) GTEST_SKIP() << "this system does not allow a process table of our own";
+    EXPECT_EQ(outcome, passed)
+        << (outcome == ownAgentHid ? "our own undumpable agent counted as hiding"
+            : outcome == otherAgentSeen
+                ? "another person's process whose files cannot be listed was passed over"
+                : "the processes could not be set up");
 }
